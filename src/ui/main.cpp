@@ -1,6 +1,169 @@
-#include <cstdio>
+#include <unistd.h>
 
-int main() {
-    std::fprintf(stderr, "pavix: not ready\n");
-    return 1;
+#include <asio/co_spawn.hpp>
+#include <asio/detached.hpp>
+#include <asio/io_context.hpp>
+#include <asio/signal_set.hpp>
+#include <asio/thread_pool.hpp>
+#include <chrono>
+#include <cstdio>
+#include <iostream>
+
+#include "core/app/CommandLine.h"
+#include "core/capture/CaptureSources.h"
+#include "core/runtime/StreamLog.h"
+#include "core/session/Studio.h"
+#include "linux/FallbackSecretStore.h"
+#include "linux/FileSecretStore.h"
+#include "linux/LibsecretStore.h"
+#include "linux/Permissions.h"
+#include "linux/StatvfsVolume.h"
+#include "linux/XdgFolders.h"
+#include "ui/QtDefaults.h"
+
+using namespace pavix;
+
+namespace {
+
+// Until the window-system listing is wired in, the executable offers no sources.
+class NoShareableContent : public ShareableContent {
+  public:
+    ShareableContentSnapshot current() override { return {}; }
+};
+
+void say(const std::string& line) {
+    std::fprintf(stderr, "pavix: %s\n", line.c_str());
+    std::fflush(stderr);
+}
+
+std::string hostName() {
+    char name[256] = {};
+    if (::gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') {
+        return "computer";
+    }
+    return name;
+}
+
+const char* flag(bool value) {
+    return value ? "true" : "false";
+}
+
+// The command-line pairing run: report permissions, pair, pick the default source, report.
+asio::awaitable<void> pairingRun(Studio& studio, asio::io_context& io, int& exitCode) {
+    co_await studio.refreshSources();
+    say(std::string("screen recording ") + flag(Permissions::screenRecording()) +
+        " accessibility " + flag(Permissions::accessibility()) + " control setting " +
+        flag(studio.state().allowControl));
+    co_await studio.pair();
+    if (studio.state().selection.empty()) {
+        if (auto source = CaptureSources::defaultSource(studio.state().sources, std::nullopt)) {
+            studio.selectSource(source->id);
+        }
+    }
+    const auto& state = studio.state();
+    say("sources " + std::to_string(state.sources.size()) + " selected " +
+        (state.selection.empty() ? "none" : state.selection));
+    say(std::string("connected ") + flag(state.connected));
+    if (!state.connected) {
+        say(state.status);
+        exitCode = 1;
+        io.stop();
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CommandLine options;
+    try {
+        options = CommandLine::parse(std::vector<std::string>(argv + 1, argv + argc));
+    } catch (const std::invalid_argument& e) {
+        std::cerr << "pavix: " << e.what() << "\n" << CommandLine::usage();
+        return 64;
+    }
+    if (options.help) {
+        std::cout << CommandLine::usage();
+        return 0;
+    }
+    if (options.version) {
+        std::cout << "pavix " << PAVIX_VERSION << "\n";
+        return 0;
+    }
+
+    asio::io_context io;
+    asio::thread_pool pool(4);
+    StreamLog log;
+    HttpClient http;
+    Timing timing;
+    auto stateFolder = XdgFolders::state();
+    FallbackSecretStore secrets(std::make_unique<LibsecretStore>(timing.keychainTimeout),
+                                std::make_unique<FileSecretStore>(stateFolder / "credentials"),
+                                (stateFolder / "credentials").string(), log);
+    QtDefaults defaults;
+    NoShareableContent content;
+    StatvfsVolume volume;
+
+    StudioEnvironment env;
+    env.executor = io.get_executor();
+    env.pool = &pool;
+    env.http = &http;
+    env.secrets = &secrets;
+    env.defaults = &defaults;
+    env.content = &content;
+    env.volume = &volume;
+    env.log = &log;
+    env.timing = timing;
+    env.nowMs = [] {
+        return static_cast<double>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                       std::chrono::system_clock::now().time_since_epoch())
+                                       .count());
+    };
+    env.appVersion = PAVIX_VERSION;
+    env.deviceName = hostName();
+    env.libraryFolder = XdgFolders::library();
+    env.libraryLabel = XdgFolders::libraryLabel(env.libraryFolder);
+
+    int exitCode = 0;
+    {
+        Studio studio(env);
+        if (options.server) {
+            studio.setServer(*options.server);
+        }
+        if (options.code) {
+            studio.setCode(*options.code);
+        }
+        if (options.approve) {
+            studio.setConsent(true);
+        }
+
+        asio::signal_set stopSignals(io, SIGINT, SIGTERM);
+        stopSignals.async_wait([&](const std::error_code& error, int) {
+            if (error) {
+                return;
+            }
+            asio::co_spawn(
+                io,
+                [&]() -> asio::awaitable<void> {
+                    co_await studio.disconnect(
+                        "Disconnected. Local videos remain on this computer.");
+                    io.stop();
+                },
+                asio::detached);
+        });
+
+        asio::co_spawn(
+            io,
+            [&]() -> asio::awaitable<void> {
+                co_await studio.loadSavedIdentity();
+                if (options.pair) {
+                    co_await pairingRun(studio, io, exitCode);
+                } else {
+                    co_await studio.refreshSources();
+                    co_await studio.autoShare();
+                }
+            },
+            asio::detached);
+        io.run();
+    }
+    return exitCode;
 }

@@ -8,11 +8,10 @@ namespace pavix {
 // The saved device credential could not be read or written. `status` follows the keychain
 // status numbers (-25291 no keyring service, -25308 keyring locked, -26275 unreadable item).
 class KeychainError : public std::runtime_error {
-public:
+  public:
     explicit KeychainError(int status)
-        : std::runtime_error(
-              "Pavix could not access its saved device credential in the keyring (" +
-              std::to_string(status) + ")."),
+        : std::runtime_error("Pavix could not access its saved device credential in the keyring (" +
+                             std::to_string(status) + ")."),
           status_(status) {}
     int status() const { return status_; }
 
@@ -22,7 +21,7 @@ public:
     static constexpr int kDecode = -26275;
     static constexpr int kIO = -36;
 
-private:
+  private:
     int status_;
 };
 

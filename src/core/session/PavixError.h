@@ -7,7 +7,7 @@ namespace pavix {
 
 // A failure whose description is a sentence meant for the user.
 class PavixError : public std::runtime_error {
-public:
+  public:
     explicit PavixError(const std::string& message) : std::runtime_error(message) {}
     std::string message() const { return what(); }
 };

@@ -9,7 +9,7 @@ namespace pavix {
 // A reply from the service other than 200, or no reply at all (status 0). Its description is
 // the user sentence for the refusal.
 class PavixHTTPError : public std::exception {
-public:
+  public:
     PavixHTTPError(int status, std::optional<std::string> code);
 
     int status() const { return status_; }
@@ -18,7 +18,7 @@ public:
     bool transient() const;
     const char* what() const noexcept override { return description_.c_str(); }
 
-private:
+  private:
     int status_;
     std::optional<std::string> code_;
     std::string description_;

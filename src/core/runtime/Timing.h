@@ -1,0 +1,24 @@
+#pragma once
+
+#include <chrono>
+
+namespace pavix {
+
+// The fixed durations of the system. Production uses the defaults; tests pass shorter values
+// through one Timing value instead of editing the constants.
+struct Timing {
+    using ms = std::chrono::milliseconds;
+
+    ms reconnectDelay{2'000};         // wait before a reconnect after a transient failure
+    ms watchInterval{3'000};          // free space and source presence during a recording
+    ms agentRecordingLimit{300'000};  // recordings the agent starts end after five minutes
+    ms refreshLead{120'000};          // refresh the access token this long before it expires
+    ms refreshFloor{5'000};           // but never sooner than this from now
+    ms firstFramePoll{100};           // first-frame wait of a starting capture
+    ms layerInterval{33};             // layer sampling of a recorded window
+    ms pollTimeout{30'000};           // request time-out without a file body
+    ms fileTimeout{120'000};          // request time-out with a file body
+    ms keychainTimeout{10'000};       // a keyring that does not answer (a locked one prompting)
+};
+
+}  // namespace pavix

@@ -1,0 +1,147 @@
+#include "core/session/Studio.h"
+
+#include <algorithm>
+
+#include "core/app/ServiceAddresses.h"
+#include "core/capture/CaptureSources.h"
+#include "core/runtime/Offload.h"
+#include "core/session/ErrorText.h"
+#include "core/session/PavixError.h"
+
+namespace pavix {
+
+Studio::Studio(StudioEnvironment environment)
+    : env_(std::move(environment)), keychain_(*env_.secrets, *env_.pool) {
+    state_.server = ServiceAddresses::kDefaultServer;
+    state_.allowControl = env_.defaults->boolean("allowControl").value_or(false);
+    state_.diagnosticsOptIn = env_.defaults->boolean("diagnosticsOptIn").value_or(false);
+    state_.showHUD = env_.defaults->boolean("showBar").value_or(true);
+    state_.autoTrashUploaded = env_.defaults->boolean("autoTrashUploaded").value_or(true);
+    lastSourceTitle_ = env_.defaults->text("lastSourceTitle");
+}
+
+Studio::~Studio() = default;
+
+void Studio::observe(Observer observer) {
+    observers_.push_back(std::move(observer));
+}
+
+void Studio::setStatus(const std::string& status) {
+    log("status: " + status);
+    change([&](StudioState& s) { s.status = status; });
+}
+
+void Studio::log(const std::string& line) const {
+    env_.log->line(line);
+}
+
+Task::ErrorHandler Studio::taskErrorHandler() {
+    return [this](std::exception_ptr error) {
+        log("task ended with an error: " + ErrorText::describe(error));
+    };
+}
+
+void Studio::spawnDetached(asio::awaitable<void> body) {
+    std::erase_if(detached_, [](const Task& task) { return !task.running(); });
+    detached_.push_back(Task::spawn(env_.executor, std::move(body), taskErrorHandler()));
+}
+
+asio::awaitable<void> Studio::loadSavedIdentity() {
+    try {
+        identity_ = co_await keychain_.load(state_.server);
+    } catch (...) {
+        log("saved pairing could not be read: " + ErrorText::describe(std::current_exception()));
+        identity_.reset();
+    }
+    if (identity_) {
+        change([](StudioState& s) { s.paired = true; });
+        setStatus("Computer paired. Select a source and approve a new recording.");
+    }
+}
+
+void Studio::setServer(const std::string& server) {
+    if (server == state_.server) {
+        return;
+    }
+    // Each server has its own credential; the old one stays in the keyring under its server.
+    identity_.reset();
+    change([&](StudioState& s) {
+        s.server = server;
+        s.paired = false;
+    });
+}
+
+void Studio::setCode(const std::string& code) {
+    change([&](StudioState& s) { s.code = code; });
+}
+
+void Studio::setConsent(bool consent) {
+    change([&](StudioState& s) { s.consent = consent; });
+}
+
+void Studio::setAllowControl(bool allow) {
+    env_.defaults->set("allowControl", allow);
+    change([&](StudioState& s) { s.allowControl = allow; });
+}
+
+void Studio::setDiagnosticsOptIn(bool optIn) {
+    env_.defaults->set("diagnosticsOptIn", optIn);
+    change([&](StudioState& s) { s.diagnosticsOptIn = optIn; });
+}
+
+asio::awaitable<void> Studio::refreshSources() {
+    try {
+        auto* content = env_.content;
+        auto snapshot = co_await offload(*env_.pool, [content] { return content->current(); });
+        auto sources = CaptureSources::list(snapshot);
+        std::size_t windows = std::count_if(sources.begin(), sources.end(),
+                                            [](const auto& s) { return !s.isDisplay(); });
+        log("refresh listed " + std::to_string(windows) + " windows and " +
+            std::to_string(sources.size() - windows) + " displays");
+        change([&](StudioState& s) { s.sources = std::move(sources); });
+    } catch (...) {
+        auto error = std::current_exception();
+        log("refresh failed: " + ErrorText::describe(error) + " domain=" +
+            ErrorText::domain(error) + " code=" + std::to_string(ErrorText::number(error)));
+    }
+}
+
+void Studio::selectSource(const std::string& id) {
+    if (state_.recording) {
+        throw PavixError("Cannot change the source while recording.");
+    }
+    auto found = std::find_if(state_.sources.begin(), state_.sources.end(),
+                              [&](const CaptureSource& s) { return s.id == id; });
+    if (found == state_.sources.end()) {
+        throw PavixError("Source not found. Ask for the list again.");
+    }
+    lastSourceTitle_ = found->title;
+    env_.defaults->set("lastSourceTitle", found->title);
+    change([&](StudioState& s) { s.selection = id; });
+}
+
+std::optional<CaptureSource> Studio::selectedSource() const {
+    for (const auto& source : state_.sources) {
+        if (source.id == state_.selection) {
+            return source;
+        }
+    }
+    return std::nullopt;
+}
+
+asio::awaitable<void> Studio::autoShare() {
+    if (!state_.paired || state_.connected || state_.recording || state_.busy ||
+        state_.update.kind == UpdateDecision::Kind::required) {
+        co_return;
+    }
+    if (state_.selection.empty()) {
+        if (auto source = CaptureSources::defaultSource(state_.sources, lastSourceTitle_)) {
+            change([&](StudioState& s) { s.selection = source->id; });
+        }
+    }
+    if (!state_.selection.empty()) {
+        co_await pair();
+    }
+}
+
+}  // namespace pavix

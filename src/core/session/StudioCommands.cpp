@@ -1,0 +1,88 @@
+#include <algorithm>
+#include <array>
+
+#include "core/app/ServiceAddresses.h"
+#include "core/session/CommandEnvelope.h"
+#include "core/session/PavixError.h"
+#include "core/session/Studio.h"
+
+namespace pavix {
+namespace {
+
+// The methods that operate the shared window; they need a control session.
+constexpr std::array<const char*, 8> kControlMethods = {
+    "readPage", "pageText", "pointer",  "formInput",
+    "typeText", "pressKey", "scrollBy", "redactSensitiveText"};
+
+bool isControlMethod(const std::string& method) {
+    return std::any_of(kControlMethods.begin(), kControlMethods.end(),
+                       [&](const char* name) { return method == name; });
+}
+
+nlohmann::json describeSource(const CaptureSource& source) {
+    return {{"id", source.id},
+            {"title", source.title},
+            {"width", source.width},
+            {"height", source.height}};
+}
+
+}  // namespace
+
+asio::awaitable<nlohmann::json> Studio::run(const std::string& method, const nlohmann::json& args) {
+    if (isControlMethod(method)) {
+        if (!state_.allowControl) {
+            throw PavixError(
+                "local_method_forbidden: turn on Let your agent operate the shared window in "
+                "Pavix Settings");
+        }
+        auto source = selectedSource();
+        if (!source || source->isDisplay()) {
+            throw PavixError("local_method_forbidden: share a window, not a display");
+        }
+        throw PavixError("Desktop control is not available in this version of Pavix.");
+    }
+    co_return co_await runSessionMethod(method, args);
+}
+
+asio::awaitable<nlohmann::json> Studio::runSessionMethod(const std::string& method,
+                                                         const nlohmann::json& args) {
+    if (method == "currentUrl") {
+        // Without a control session the answer is the service's site, never an error.
+        co_return std::string(ServiceAddresses::kConsole);
+    }
+    if (method == "listSources") {
+        co_await refreshSources();
+        nlohmann::json sources = nlohmann::json::array();
+        for (const auto& source : state_.sources) {
+            auto entry = describeSource(source);
+            entry["kind"] = source.isDisplay() ? "display" : "window";
+            sources.push_back(entry);
+        }
+        co_return nlohmann::json{{"sources", sources}, {"selected", state_.selection}};
+    }
+    if (method == "selectSource") {
+        auto named = CommandEnvelope::namedArguments(args);
+        auto id = named.find("sourceId");
+        selectSource(id != named.end() && id->is_string() ? id->get<std::string>() : "");
+        log("agent selected source " + state_.selection);
+        co_return nlohmann::json{{"selected", describeSource(*selectedSource())}};
+    }
+    if (method == "startRecording" || method == "stopRecording" || method == "screenshot" ||
+        method == "markDemoMoment" || method == "dispose") {
+        throw PavixError("Recording is not available in this version of Pavix.");
+    }
+    throw PavixError("Unknown method " + (method.empty() ? std::string("(none)") : method) + ".");
+}
+
+nlohmann::json Studio::meta() const {
+    nlohmann::json viewport = {{"width", 0}, {"height", 0}};
+    if (auto source = selectedSource()) {
+        viewport = {{"width", source->width}, {"height", source->height}};
+    }
+    return {{"captureViewport", viewport},
+            {"recordingMode", "screencast"},
+            {"pointerTrail", nlohmann::json::array()},
+            {"identitySightings", nlohmann::json::array()}};
+}
+
+}  // namespace pavix

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <asio/any_io_executor.hpp>
+#include <asio/thread_pool.hpp>
+#include <filesystem>
+#include <functional>
+#include <string>
+
+#include "core/app/Defaults.h"
+#include "core/net/HttpClient.h"
+#include "core/runtime/Log.h"
+#include "core/runtime/Timing.h"
+#include "platform/SecretStore.h"
+#include "platform/ShareableContent.h"
+#include "platform/Volume.h"
+
+namespace pavix {
+
+// What Studio is built from: its executor, the worker pool, the network, the platform parts
+// and the fixed facts of this machine. Everything referenced outlives the Studio.
+struct StudioEnvironment {
+    asio::any_io_executor executor;  // the model executor: all of Studio's state lives on it
+    asio::thread_pool* pool = nullptr;
+    HttpClient* http = nullptr;
+    SecretStore* secrets = nullptr;
+    Defaults* defaults = nullptr;
+    ShareableContent* content = nullptr;
+    Volume* volume = nullptr;
+    Log* log = nullptr;
+    Timing timing;
+    // Milliseconds since 1970 on the wall clock (credential expiry times are in that unit).
+    std::function<double()> nowMs;
+    std::string appVersion = "dev";
+    std::string deviceName = "computer";
+    std::filesystem::path libraryFolder;        // where recordings are kept
+    std::string libraryLabel = "Videos/Pavix";  // the same folder as the user knows it
+};
+
+}  // namespace pavix

@@ -1,0 +1,300 @@
+#include <algorithm>
+#include <asio/this_coro.hpp>
+
+#include "core/net/Url.h"
+#include "core/runtime/Sleep.h"
+#include "core/runtime/Uuid.h"
+#include "core/session/ErrorText.h"
+#include "core/session/PavixError.h"
+#include "core/session/PavixHTTPError.h"
+#include "core/session/Studio.h"
+
+namespace pavix {
+namespace {
+
+std::string trimmed(const std::string& text) {
+    const char* space = " \t\r\n\v\f";
+    auto first = text.find_first_not_of(space);
+    if (first == std::string::npos) {
+        return "";
+    }
+    return text.substr(first, text.find_last_not_of(space) - first + 1);
+}
+
+const char* yesNo(bool flag) {
+    return flag ? "true" : "false";
+}
+
+}  // namespace
+
+Timing::ms refreshDelay(double accessExpiresAtMs, double nowMs, const Timing& timing) {
+    double seconds = accessExpiresAtMs / 1000.0 - nowMs / 1000.0 -
+                     static_cast<double>(timing.refreshLead.count()) / 1000.0;
+    auto delay = Timing::ms(static_cast<long long>(seconds * 1000.0));
+    return std::max(delay, timing.refreshFloor);
+}
+
+void Studio::applySetupLink(const std::string& link) {
+    auto url = Url::parse(link);
+    if (!url || url->scheme != "pavix-mac") {
+        return;
+    }
+    if (url->host != "pair") {
+        setStatus("This Pavix link is not supported.");
+        return;
+    }
+    auto server = url->queryItem("server").value_or("");
+    auto code = url->queryItem("code").value_or("");
+    auto serverURL = Url::parse(server);
+    bool supported = serverURL && serverURL->hasAuthority && !serverURL->host.empty() &&
+                     (serverURL->scheme == "https" ||
+                      (serverURL->scheme == "http" &&
+                       (serverURL->host == "127.0.0.1" || serverURL->host == "localhost")));
+    if (!supported) {
+        setStatus("The setup link points to an unsupported server. Use an HTTPS Pavix server.");
+        return;
+    }
+    if (state_.recording || disconnecting_) {
+        setStatus("Finish or stop the current recording before using a setup link.");
+        return;
+    }
+    if (server != state_.server) {
+        setServer(server);
+    }
+    if (state_.paired && identity_) {
+        auto host = serverURL->host.empty() ? std::string("this server") : serverURL->host;
+        setStatus("This computer is already paired with " + host + ".");
+        spawnDetached(pair());
+        return;
+    }
+    if (code.empty()) {
+        setStatus("Setup link received without a code. Ask for a new link.");
+        return;
+    }
+    setCode(code);
+    setStatus("Setup link received. Connecting…");
+    spawnDetached(pair());
+}
+
+asio::awaitable<void> Studio::pair() {
+    const char* codeState = state_.code.empty() ? "empty" : "present";
+    log(std::string("share requested busy=") + yesNo(state_.busy) +
+        " connected=" + yesNo(state_.connected) +
+        " selection=" + (state_.selection.empty() ? "none" : state_.selection) +
+        " paired=" + yesNo(state_.paired) + " code=" + codeState);
+    if (state_.busy) {
+        co_return;
+    }
+    change([](StudioState& s) { s.busy = true; });
+
+    std::optional<Url> validated;
+    std::exception_ptr invalid;
+    try {
+        validated = ServiceRequests::validatedEndpoint(state_.server);
+    } catch (...) {
+        invalid = std::current_exception();
+    }
+    if (invalid) {
+        auto error = invalid;
+        log("pair failed: " + ErrorText::describe(error));
+        diagnose("pair_failed", error);
+        setStatus(ErrorText::describe(error));
+        if (token_) {
+            // End the earlier session at its server before forgetting its token.
+            try {
+                co_await post("disconnect");
+            } catch (...) {
+            }
+            token_.reset();
+        }
+        change([](StudioState& s) { s.busy = false; });
+        co_return;
+    }
+    endpoint_ = validated;
+
+    std::exception_ptr failure;
+    try {
+        co_await connect();
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (failure) {
+        auto error = failure;
+        log("pair failed: " + ErrorText::describe(error));
+        diagnose("pair_failed", error);
+        setStatus(ErrorText::describe(error));
+        change([](StudioState& s) { s.busy = false; });
+        co_return;
+    }
+
+    connectionGeneration_ = Uuid::make();
+    auto generation = connectionGeneration_;
+    change([](StudioState& s) {
+        s.connected = true;
+        s.busy = false;
+    });
+    setStatus("Connected. Your agent can use the selected source once you approve a recording.");
+    scheduleRefresh(generation);
+    loop_ = Task::spawn(env_.executor, poll(generation), taskErrorHandler());
+}
+
+// Resumes with the saved credential, or pairs with the code. Throws on failure.
+asio::awaitable<void> Studio::connect() {
+    if (identity_) {
+        try {
+            nlohmann::json body = {{"refreshToken", identity_->refreshToken}};
+            auto reply = co_await post("device/refresh", body);
+            co_await remember(reply);
+            co_await post("device/resume");
+            co_return;
+        } catch (const PavixHTTPError& e) {
+            if (e.status() != 401) {
+                throw;
+            }
+            log("saved pairing rejected by server; discarding it (code " +
+                e.code().value_or("none") + ")");
+        }
+        try {
+            co_await keychain_.remove(state_.server);
+        } catch (...) {
+            log("saved pairing could not be removed: " +
+                ErrorText::describe(std::current_exception()));
+        }
+        identity_.reset();
+        token_.reset();
+        change([](StudioState& s) { s.paired = false; });
+        if (state_.code.empty()) {
+            throw PavixError(
+                "This computer's saved pairing is no longer valid. Enter a new code from your "
+                "agent or open a setup link, then share again.");
+        }
+    }
+    nlohmann::json request = {
+        {"code", trimmed(state_.code)}, {"persistent", true}, {"deviceName", env_.deviceName}};
+    auto reply = co_await post("pair", request);
+    auto token = reply.find("token");
+    if (token == reply.end() || !token->is_string()) {
+        throw PavixError("Invalid pairing response");
+    }
+    token_ = token->get<std::string>();
+    auto mode = reply.find("mode");
+    if (mode == reply.end() || !mode->is_string() || mode->get<std::string>() != "desktop") {
+        throw PavixError("Ask your agent to use desktop_recording_pair for this computer app.");
+    }
+    co_await remember(reply);
+    // A pairing code works once; keeping it would only invite a second, failing pairing.
+    setCode("");
+}
+
+asio::awaitable<void> Studio::remember(const nlohmann::json& reply) {
+    auto identity = DeviceIdentity::fromJson(reply);
+    token_ = identity.accessToken;
+    co_await keychain_.save(identity, state_.server);
+    identity_ = identity;
+    change([](StudioState& s) { s.paired = true; });
+}
+
+void Studio::scheduleRefresh(const std::string& generation) {
+    refreshTask_.cancel();
+    if (!identity_) {
+        return;
+    }
+    auto delay = refreshDelay(identity_->accessExpiresAt, env_.nowMs(), env_.timing);
+    refreshTask_ = Task::spawn(env_.executor, refreshLater(generation, delay), taskErrorHandler());
+}
+
+asio::awaitable<void> Studio::refreshLater(std::string generation, Timing::ms delay) {
+    co_await sleepFor(delay);
+    if (connectionGeneration_ != generation || !identity_) {
+        co_return;
+    }
+    try {
+        nlohmann::json body = {{"refreshToken", identity_->refreshToken}};
+        auto reply = co_await post("device/refresh", body);
+        if (connectionGeneration_ != generation) {
+            co_return;  // a newer connection owns the credential now
+        }
+        co_await remember(reply);
+        scheduleRefresh(generation);
+    } catch (...) {
+        auto error = std::current_exception();
+        if (ErrorText::isCancellation(error)) {
+            throw;
+        }
+        log("refresh failed: " + ErrorText::describe(error) + " domain=" +
+            ErrorText::domain(error) + " code=" + std::to_string(ErrorText::number(error)));
+    }
+}
+
+asio::awaitable<void> Studio::disconnect(const std::string& message) {
+    disconnecting_ = true;
+    connectionGeneration_ = Uuid::make();
+    loop_.cancel();
+    timer_.cancel();
+    watchdog_.cancel();
+    reconnectTask_.cancel();
+    refreshTask_.cancel();
+    // The caller may be one of the tasks just cancelled (the poll loop, the watchdog); what
+    // follows must still reach the server.
+    co_await asio::this_coro::reset_cancellation_state();
+    change([](StudioState& s) {
+        s.connected = false;
+        s.consent = false;
+    });
+    setStatus(message);
+    if (!token_) {
+        log("disconnect skipped: no session token");
+    } else {
+        try {
+            co_await post("disconnect");
+            log("disconnect acknowledged by server");
+        } catch (...) {
+            log("disconnect not delivered: " + ErrorText::describe(std::current_exception()));
+        }
+    }
+    token_.reset();
+    disconnecting_ = false;
+}
+
+asio::awaitable<void> Studio::forgetDevice() {
+    const std::string message = "Disconnected. Local videos remain on this computer.";
+    co_await disconnect(message);
+    if (identity_) {
+        co_await revokeCredential();
+        try {
+            co_await keychain_.remove(state_.server);
+        } catch (...) {
+            log("saved pairing could not be removed: " +
+                ErrorText::describe(std::current_exception()));
+        }
+    }
+    identity_.reset();
+    token_.reset();
+    change([](StudioState& s) { s.paired = false; });
+    setStatus(message);
+}
+
+// Tells the server to revoke the credential, refreshing the access token first when it has
+// expired. A server that cannot be reached does not keep the credential on this computer.
+asio::awaitable<void> Studio::revokeCredential() {
+    try {
+        if (!endpoint_) {
+            endpoint_ = ServiceRequests::validatedEndpoint(state_.server);
+        }
+        token_ = identity_->accessToken;
+        if (identity_->accessExpiresAt <= env_.nowMs()) {
+            nlohmann::json body = {{"refreshToken", identity_->refreshToken}};
+            auto reply = co_await post("device/refresh", body);
+            auto refreshed = DeviceIdentity::fromJson(reply);
+            token_ = refreshed.accessToken;
+            identity_ = refreshed;
+        }
+        nlohmann::json revoke = {{"refreshToken", identity_->refreshToken}};
+        co_await post("device/revoke", revoke);
+        log("device credential revoked by server");
+    } catch (...) {
+        log("revoke not delivered: " + ErrorText::describe(std::current_exception()));
+    }
+}
+
+}  // namespace pavix

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "core/app/UpdateDecision.h"
+#include "core/capture/CaptureSource.h"
+
+namespace pavix {
+
+// Everything Studio publishes to its observers. A plain value: observers get a copy of it
+// after every change.
+struct StudioState {
+    std::string server;
+    std::string code;
+    std::string status = "Choose a source, then pair with your agent.";
+    std::vector<CaptureSource> sources;
+    std::string selection;
+    bool paired = false;
+    bool connected = false;
+    bool busy = false;
+    bool consent = false;
+    bool recording = false;
+    bool uploading = false;
+    bool allowControl = false;
+    bool diagnosticsOptIn = false;
+    bool autoTrashUploaded = true;
+    bool showHUD = true;
+    UpdateDecision update;
+    std::string lastErrorCode;
+};
+
+}  // namespace pavix
