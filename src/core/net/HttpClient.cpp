@@ -21,42 +21,41 @@ namespace {
 
 // Turns a libcurl result into the URL-loading error numbers the rest of the system reports.
 TransportError transportError(CURLcode code, const char* detail) {
+    // The sentence is for people; libcurl's own detail goes to the log through detail().
     std::string text = detail && *detail ? detail : curl_easy_strerror(code);
     switch (code) {
         case CURLE_OPERATION_TIMEDOUT:
-            return {TransportError::kTimedOut, "The request timed out. (" + text + ")"};
+            return {TransportError::kTimedOut, "The request timed out.", text};
         case CURLE_COULDNT_RESOLVE_HOST:
         case CURLE_COULDNT_RESOLVE_PROXY:
             return {TransportError::kCannotFindHost,
-                    "A server with the specified hostname could not be found. (" + text + ")"};
+                    "A server with the specified hostname could not be found.", text};
         case CURLE_COULDNT_CONNECT:
-            return {TransportError::kCannotConnect,
-                    "Could not connect to the server. (" + text + ")"};
+            return {TransportError::kCannotConnect, "Could not connect to the server.", text};
         case CURLE_GOT_NOTHING:
         case CURLE_RECV_ERROR:
         case CURLE_SEND_ERROR:
         case CURLE_PARTIAL_FILE:
-            return {TransportError::kConnectionLost,
-                    "The network connection was lost. (" + text + ")"};
+            return {TransportError::kConnectionLost, "The network connection was lost.", text};
         case CURLE_WEIRD_SERVER_REPLY:
         case CURLE_HTTP2:
             return {TransportError::kBadServerResponse,
-                    "The server sent a reply that could not be read. (" + text + ")"};
+                    "The server sent a reply that could not be read.", text};
         case CURLE_UNSUPPORTED_PROTOCOL:
-            return {TransportError::kUnsupportedURL, "Unsupported address. (" + text + ")"};
+            return {TransportError::kUnsupportedURL, "Unsupported address.", text};
         case CURLE_URL_MALFORMAT:
-            return {TransportError::kBadURL, "Malformed address. (" + text + ")"};
+            return {TransportError::kBadURL, "Malformed address.", text};
         case CURLE_READ_ERROR:
-            return {TransportError::kCannotOpenFile, "The file to send could not be read."};
+            return {TransportError::kCannotOpenFile, "The file to send could not be read.", text};
         case CURLE_SSL_CONNECT_ERROR:
         case CURLE_PEER_FAILED_VERIFICATION:
         case CURLE_SSL_CERTPROBLEM:
         case CURLE_SSL_CIPHER:
         case CURLE_SSL_CACERT_BADFILE:
             return {TransportError::kSecureConnectionFailed,
-                    "A secure connection to the server could not be made. (" + text + ")"};
+                    "A secure connection to the server could not be made.", text};
         default:
-            return {TransportError::kUnknown, "The request failed. (" + text + ")"};
+            return {TransportError::kUnknown, "The request failed.", text};
     }
 }
 

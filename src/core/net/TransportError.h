@@ -10,9 +10,12 @@ namespace pavix {
 // cannot connect, -1005 connection lost, -1103 reply too large, ...), so that the diagnostic
 // code "url_" + |code| means the same thing on every platform.
 class TransportError : public std::runtime_error {
-public:
-    TransportError(int code, const std::string& message) : std::runtime_error(message), code_(code) {}
+  public:
+    TransportError(int code, const std::string& message, std::string detail = {})
+        : std::runtime_error(message), code_(code), detail_(std::move(detail)) {}
     int code() const { return code_; }
+    // The transport's own account of the failure, for the log.
+    const std::string& detail() const { return detail_; }
 
     static constexpr int kUnknown = -1;
     static constexpr int kCancelled = -999;
@@ -27,8 +30,9 @@ public:
     static constexpr int kSecureConnectionFailed = -1200;
     static constexpr int kCannotOpenFile = -3000;
 
-private:
+  private:
     int code_;
+    std::string detail_;
 };
 
 }  // namespace pavix

@@ -5,14 +5,14 @@
 
 namespace pavix {
 
-std::string DeviceKeychain::service() {
-    return "app.pavix.Pavix.device";
-}
+// The work handed to offload is always a named local: GCC 12 destroys the temporaries of a
+// lambda with init-captures written inside a co_await expression twice.
+
+std::string DeviceKeychain::service() { return "app.pavix.Pavix.device"; }
 
 asio::awaitable<std::optional<DeviceIdentity>> DeviceKeychain::load(const std::string& server) {
-    auto* store = &store_;
-    auto secret =
-        co_await offload(pool_, [store, server] { return store->load(service(), server); });
+    auto work = [store = &store_, server] { return store->load(service(), server); };
+    auto secret = co_await offload(pool_, std::move(work));
     if (!secret) {
         co_return std::nullopt;
     }
@@ -25,15 +25,15 @@ asio::awaitable<std::optional<DeviceIdentity>> DeviceKeychain::load(const std::s
 
 asio::awaitable<void> DeviceKeychain::save(const DeviceIdentity& identity,
                                            const std::string& server) {
-    auto* store = &store_;
-    co_await offload(pool_, [store, server, secret = identity.toJson()] {
+    auto work = [store = &store_, server, secret = identity.toJson()] {
         store->save(service(), server, "Pavix device credential for " + server, secret);
-    });
+    };
+    co_await offload(pool_, std::move(work));
 }
 
 asio::awaitable<void> DeviceKeychain::remove(const std::string& server) {
-    auto* store = &store_;
-    co_await offload(pool_, [store, server] { store->remove(service(), server); });
+    auto work = [store = &store_, server] { store->remove(service(), server); };
+    co_await offload(pool_, std::move(work));
 }
 
 }  // namespace pavix

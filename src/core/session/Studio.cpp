@@ -91,8 +91,8 @@ void Studio::setDiagnosticsOptIn(bool optIn) {
 
 asio::awaitable<void> Studio::refreshSources() {
     try {
-        auto* content = env_.content;
-        auto snapshot = co_await offload(*env_.pool, [content] { return content->current(); });
+        auto work = [content = env_.content] { return content->current(); };
+        auto snapshot = co_await offload(*env_.pool, std::move(work));
         auto sources = CaptureSources::list(snapshot);
         std::size_t windows = std::count_if(sources.begin(), sources.end(),
                                             [](const auto& s) { return !s.isDisplay(); });

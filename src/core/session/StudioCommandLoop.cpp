@@ -126,10 +126,10 @@ asio::awaitable<void> Studio::watchdogLoop(CaptureSource source, std::string gen
         if (connectionGeneration_ != generation || !state_.recording) {
             co_return;
         }
-        auto* volume = env_.volume;
-        auto folder = env_.libraryFolder;
-        auto free =
-            co_await offload(*env_.pool, [volume, folder] { return volume->freeBytes(folder); });
+        auto measure = [volume = env_.volume, folder = env_.libraryFolder] {
+            return volume->freeBytes(folder);
+        };
+        auto free = co_await offload(*env_.pool, std::move(measure));
         if (connectionGeneration_ != generation || !state_.recording) {
             co_return;
         }
@@ -139,8 +139,8 @@ asio::awaitable<void> Studio::watchdogLoop(CaptureSource source, std::string gen
         }
         ShareableContentSnapshot content;
         try {
-            auto* provider = env_.content;
-            content = co_await offload(*env_.pool, [provider] { return provider->current(); });
+            auto list = [provider = env_.content] { return provider->current(); };
+            content = co_await offload(*env_.pool, std::move(list));
         } catch (...) {
             auto error = std::current_exception();
             if (ErrorText::isCancellation(error)) {
