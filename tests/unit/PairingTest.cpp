@@ -1,0 +1,315 @@
+// Pairing with a code or a saved credential, the timed refresh, setup links, ending a session
+// and forgetting the device, against a scripted service on loopback.
+#include <gtest/gtest.h>
+
+#include "core/session/KeychainError.h"
+#include "support/StudioHarness.h"
+
+namespace pavix::test {
+namespace {
+
+using nlohmann::json;
+using std::chrono::milliseconds;
+
+class Pairing : public ::testing::Test {
+protected:
+    std::string path(const std::string& name) { return ScriptedService::path(name); }
+    std::string savedSecret() {
+        std::lock_guard lock(h.secrets.mutex);
+        auto found = h.secrets.items.find({DeviceKeychain::service(), h.server.base()});
+        return found == h.secrets.items.end() ? "" : found->second;
+    }
+    void expectNoSecretsLogged() {
+        for (const auto& line : h.log.lines()) {
+            for (const char* secret : {"access-", "refresh-", "ABCD-1234", "Bearer"}) {
+                EXPECT_EQ(line.find(secret), std::string::npos) << line;
+            }
+        }
+    }
+
+    StudioHarness h;
+};
+
+TEST_F(Pairing, CodeIsTrimmedAndTheCredentialIsKeptPerServer) {
+    h.studio().setCode("  ABCD-1234\n");
+    h.await(h.studio().pair());
+    ASSERT_TRUE(h.studio().state().connected) << h.studio().state().status;
+    EXPECT_TRUE(h.studio().state().paired);
+    EXPECT_FALSE(h.studio().state().busy);
+
+    auto pair = h.server.requests(path("pair"));
+    ASSERT_EQ(pair.size(), 1u);
+    EXPECT_EQ(json::parse(pair[0].body),
+              json({{"code", "ABCD-1234"}, {"persistent", true}, {"deviceName", "test-host"}}));
+
+    // The keyring item for this server holds exactly the credential, keys in order.
+    auto credential = h.service.lastCredential();
+    EXPECT_EQ(savedSecret(), DeviceIdentity::fromJson(credential).toJson());
+    EXPECT_EQ(savedSecret().find("\"deviceId\""), 1u);
+    EXPECT_TRUE(h.log.contains("code=present"));
+    expectNoSecretsLogged();
+    ASSERT_TRUE(h.runUntil([&] { return h.server.count(path("poll")) > 0; }));
+}
+
+TEST_F(Pairing, ReplyWithoutTokenOrForAnotherModeIsRefused) {
+    struct Case {
+        json reply;
+        std::string status;
+        std::string code = "app_rule";
+    };
+    auto identity = json{{"deviceId", "d"}, {"accessToken", "a"}, {"accessExpiresAt", 1e13},
+                         {"refreshToken", "r"}, {"refreshExpiresAt", 1e13}};
+    auto browser = identity;
+    browser["token"] = "t";
+    browser["mode"] = "browser";
+    auto numericToken = identity;
+    numericToken["token"] = 42;
+    numericToken["mode"] = "desktop";
+    auto brokenIdentity = json{{"token", "t"}, {"mode", "desktop"}, {"deviceId", 7}};
+    for (const auto& c : std::vector<Case>{
+             {identity, "Invalid pairing response"},
+             {numericToken, "Invalid pairing response"},
+             {browser, "Ask your agent to use desktop_recording_pair for this computer app."},
+             {brokenIdentity, "The data couldn't be read because it isn't in the correct format.",
+              "other"},
+             {json::array(), "Invalid pairing response"}}) {
+        h.server.reply(path("pair"), 200, c.reply.dump());
+        h.studio().setCode("CODE");
+        h.await(h.studio().pair());
+        EXPECT_EQ(h.studio().state().status, c.status) << c.reply.dump();
+        EXPECT_FALSE(h.studio().state().connected);
+        EXPECT_FALSE(h.studio().state().paired);
+        EXPECT_FALSE(h.studio().state().busy);
+        EXPECT_EQ(savedSecret(), "");
+        EXPECT_EQ(h.studio().state().lastErrorCode, c.code);
+    }
+}
+
+TEST_F(Pairing, RefusedCodeAndBadServerGiveTheirSentences) {
+    h.server.reply(path("pair"), 400, R"({"error":"pairing_code_invalid"})");
+    h.studio().setCode("WRONG");
+    h.await(h.studio().pair());
+    EXPECT_EQ(h.studio().state().status,
+              "That pairing code is invalid or expired. Ask your agent for a new one.");
+    EXPECT_EQ(h.studio().state().lastErrorCode, "pairing_code_invalid");
+    EXPECT_TRUE(h.log.contains("pair failed: That pairing code is invalid"));
+
+    h.studio().setServer("http://example.com");
+    h.await(h.studio().pair());
+    EXPECT_EQ(h.studio().state().status, "Use an HTTPS server, or localhost for development.");
+    EXPECT_FALSE(h.studio().state().busy);
+}
+
+TEST_F(Pairing, SavedCredentialResumesWithRefreshThenResume) {
+    h.pairWithCode();
+    auto first = h.service.lastCredential();
+    h.await(h.studio().disconnect("Bye."));
+    EXPECT_FALSE(h.studio().state().connected);
+    EXPECT_TRUE(h.studio().state().paired);
+    h.server.clear();
+
+    h.await(h.studio().pair());
+    ASSERT_TRUE(h.studio().state().connected);
+    auto seen = h.server.requests();
+    ASSERT_GE(seen.size(), 2u);
+    EXPECT_EQ(seen[0].path, path("device/refresh"));
+    EXPECT_EQ(json::parse(seen[0].body), json({{"refreshToken", first["refreshToken"]}}));
+    EXPECT_EQ(seen[1].path, path("device/resume"));
+    // The resume already carries the rotated token, and the keyring holds the new credential.
+    auto rotated = h.service.lastCredential();
+    EXPECT_EQ(seen[1].header("Authorization"),
+              "Bearer " + rotated["accessToken"].get<std::string>());
+    EXPECT_EQ(savedSecret(), DeviceIdentity::fromJson(rotated).toJson());
+    EXPECT_EQ(h.server.count(path("pair")), 0u);
+}
+
+TEST_F(Pairing, RejectedSavedCredentialFallsBackToTheCodeOrAsksForOne) {
+    h.pairWithCode();
+    h.await(h.studio().disconnect("Bye."));
+    h.server.reply(path("device/refresh"), 401, R"({"error":"device_credentials_expired"})");
+
+    // Without a code: unpaired, with the sentence, and the saved item is gone.
+    h.await(h.studio().pair());
+    EXPECT_EQ(h.studio().state().status,
+              "This computer's saved pairing is no longer valid. Enter a new code from your "
+              "agent or open a setup link, then share again.");
+    EXPECT_FALSE(h.studio().state().paired);
+    EXPECT_FALSE(h.studio().state().connected);
+    EXPECT_EQ(savedSecret(), "");
+    EXPECT_TRUE(h.log.contains(
+        "saved pairing rejected by server; discarding it (code device_credentials_expired)"));
+
+    // Paired again, then rejected again, but this time a fresh code was typed: it pairs.
+    h.pairWithCode();
+    h.await(h.studio().disconnect("Bye."));
+    h.studio().setCode("NEW-CODE");
+    h.server.clear();
+    h.await(h.studio().pair());
+    EXPECT_TRUE(h.studio().state().connected) << h.studio().state().status;
+    auto seen = h.server.requests();
+    ASSERT_GE(seen.size(), 2u);
+    EXPECT_EQ(seen[0].path, path("device/refresh"));
+    EXPECT_EQ(seen[1].path, path("pair"));
+    EXPECT_EQ(json::parse(seen[1].body)["code"], "NEW-CODE");
+    expectNoSecretsLogged();
+}
+
+TEST(RefreshDelay, RunsTwoMinutesEarlyButNeverSoonerThanFiveSeconds) {
+    Timing timing;
+    double now = 1'800'000'000'000.0;
+    EXPECT_EQ(refreshDelay(now + 60'000, now, timing), milliseconds(5'000));
+    EXPECT_EQ(refreshDelay(now + 3'600'000, now, timing), milliseconds(3'480'000));
+    EXPECT_EQ(refreshDelay(now + 125'000, now, timing), milliseconds(5'000));
+    EXPECT_EQ(refreshDelay(now + 126'000, now, timing), milliseconds(6'000));
+    EXPECT_EQ(refreshDelay(now - 10'000, now, timing), milliseconds(5'000));
+}
+
+TEST(TimedRefresh, RotatesTheCredentialAndRearms) {
+    Timing timing = fastTiming();
+    timing.refreshLead = milliseconds(0);
+    StudioHarness h(timing);
+    // Tokens that expire at once: the refresh fires at the floor, again and again.
+    h.service.accessExpiresAt = h.nowMs;
+    h.pairWithCode();
+    // Each refresh hands out a new token and the studio takes each one up.
+    ASSERT_TRUE(h.runUntil([&] {
+        return h.server.count(ScriptedService::path("device/refresh")) >= 2 &&
+               h.studio().identity()->accessToken ==
+                   h.service.lastCredential()["accessToken"].get<std::string>();
+    }));
+
+    // A failing refresh is logged and leaves the session as it is.
+    h.server.reply(ScriptedService::path("device/refresh"), 500, "{}");
+    ASSERT_TRUE(h.runUntil([&] { return h.log.contains("refresh failed: Server refused"); }));
+    EXPECT_TRUE(h.log.contains("domain=PavixHTTPError code=500"));
+    EXPECT_TRUE(h.studio().state().connected);
+}
+
+TEST(TimedRefresh, BelongsToOneConnection) {
+    Timing timing = fastTiming();
+    timing.refreshLead = milliseconds(0);
+    timing.refreshFloor = milliseconds(200);
+    StudioHarness h(timing);
+    h.service.accessExpiresAt = h.nowMs;
+    h.pairWithCode();
+    h.await(h.studio().disconnect("Bye."));
+    h.runFor(milliseconds(400));
+    EXPECT_EQ(h.server.count(ScriptedService::path("device/refresh")), 0u);
+}
+
+TEST_F(Pairing, SetupLinks) {
+    auto link = [&](const std::string& query) { return "pavix-mac://pair?" + query; };
+    auto server = "server=" + percentEncode(h.server.base());
+
+    h.studio().applySetupLink("https://example.com/pair?code=1");
+    EXPECT_EQ(h.studio().state().status, "Choose a source, then pair with your agent.");
+    h.studio().applySetupLink("pavix-mac://other?code=1");
+    EXPECT_EQ(h.studio().state().status, "This Pavix link is not supported.");
+    h.studio().applySetupLink(link("server=http%3A%2F%2Fexample.com&code=1"));
+    EXPECT_EQ(h.studio().state().status,
+              "The setup link points to an unsupported server. Use an HTTPS Pavix server.");
+    h.studio().applySetupLink(link(server));
+    EXPECT_EQ(h.studio().state().status, "Setup link received without a code. Ask for a new link.");
+
+    h.studio().applySetupLink(link(server + "&code=LINK-CODE"));
+    EXPECT_EQ(h.studio().state().status, "Setup link received. Connecting…");
+    ASSERT_TRUE(h.runUntil([&] { return h.studio().state().connected; }));
+    EXPECT_EQ(json::parse(h.server.requests(path("pair"))[0].body)["code"], "LINK-CODE");
+
+    // Opened again while paired with the same server: resumes with the saved credential.
+    h.await(h.studio().disconnect("Bye."));
+    h.studio().applySetupLink(link(server + "&code=IGNORED"));
+    EXPECT_EQ(h.studio().state().status, "This computer is already paired with 127.0.0.1.");
+    ASSERT_TRUE(h.runUntil([&] { return h.studio().state().connected; }));
+    EXPECT_EQ(h.server.count(path("pair")), 1u);
+
+    // A link for another server drops the in-memory credential but keeps the saved one.
+    h.await(h.studio().disconnect("Bye."));
+    h.studio().applySetupLink(link("server=https%3A%2F%2Fagent.example.org&code="));
+    EXPECT_EQ(h.studio().state().server, "https://agent.example.org");
+    EXPECT_FALSE(h.studio().state().paired);
+    EXPECT_NE(savedSecret(), "");
+}
+
+TEST_F(Pairing, DisconnectTellsTheServerAndKeepsTheCredential) {
+    h.await(h.studio().disconnect("Nothing to end."));
+    EXPECT_TRUE(h.log.contains("disconnect skipped: no session token"));
+
+    h.pairWithCode();
+    h.studio().setConsent(true);
+    auto generation = h.studio().connectionGeneration();
+    h.await(h.studio().disconnect("Disconnected. Local videos remain on this computer."));
+    EXPECT_EQ(h.server.count(path("disconnect")), 1u);
+    EXPECT_TRUE(h.log.contains("disconnect acknowledged by server"));
+    EXPECT_NE(h.studio().connectionGeneration(), generation);
+    EXPECT_FALSE(h.studio().state().connected);
+    EXPECT_FALSE(h.studio().state().consent);
+    EXPECT_FALSE(h.studio().hasSessionToken());
+    EXPECT_TRUE(h.studio().state().paired);
+    EXPECT_EQ(h.studio().state().status, "Disconnected. Local videos remain on this computer.");
+    EXPECT_NE(savedSecret(), "");
+
+    h.pairWithCode();
+    h.server.reply(path("disconnect"), 503, "{}");
+    h.await(h.studio().disconnect("Bye."));
+    EXPECT_TRUE(h.log.contains("disconnect not delivered: Server refused the request (503)"));
+}
+
+TEST_F(Pairing, ForgettingRevokesRemovesAndUnpairs) {
+    h.pairWithCode();
+    auto refreshToken = h.service.lastCredential()["refreshToken"];
+    h.await(h.studio().forgetDevice());
+    auto revoke = h.server.requests(path("device/revoke"));
+    ASSERT_EQ(revoke.size(), 1u);
+    EXPECT_EQ(json::parse(revoke[0].body), json({{"refreshToken", refreshToken}}));
+    EXPECT_FALSE(h.studio().state().paired);
+    EXPECT_FALSE(h.studio().identity().has_value());
+    EXPECT_EQ(savedSecret(), "");
+    EXPECT_EQ(h.studio().state().status, "Disconnected. Local videos remain on this computer.");
+
+    // With an expired access token the credential is refreshed before it is revoked.
+    h.service.accessExpiresAt = h.nowMs - 1;
+    h.pairWithCode();
+    h.server.clear();
+    h.await(h.studio().forgetDevice());
+    std::vector<TestServer::Seen> seen;
+    for (const auto& request : h.server.requests()) {
+        if (request.path != path("poll")) {
+            seen.push_back(request);
+        }
+    }
+    ASSERT_EQ(seen.size(), 3u);
+    EXPECT_EQ(seen[0].path, path("disconnect"));
+    EXPECT_EQ(seen[1].path, path("device/refresh"));
+    EXPECT_EQ(seen[2].path, path("device/revoke"));
+    EXPECT_EQ(seen[2].header("Authorization"),
+              "Bearer " + h.service.lastCredential()["accessToken"].get<std::string>());
+}
+
+TEST_F(Pairing, KeyringFailuresBecomeTheKeyringSentence) {
+    h.secrets.failWith = KeychainError::kInteractionNotAllowed;
+    h.studio().setCode("ABCD-1234");
+    h.await(h.studio().pair());
+    EXPECT_EQ(h.studio().state().status,
+              "Pavix could not access its saved device credential in the keyring (-25308).");
+    EXPECT_FALSE(h.studio().state().paired);
+    EXPECT_FALSE(h.studio().state().connected);
+}
+
+TEST_F(Pairing, OnlyOnePairingRunsAtATime) {
+    h.server.on(path("pair"), [&](const httplib::Request&, httplib::Response& response) {
+        std::this_thread::sleep_for(milliseconds(200));
+        response.status = 400;
+        response.set_content(R"({"error":"pairing_code_invalid"})", "application/json");
+    });
+    h.studio().setCode("CODE");
+    bool firstDone = false, secondDone = false;
+    asio::co_spawn(h.io, h.studio().pair(), [&](std::exception_ptr) { firstDone = true; });
+    asio::co_spawn(h.io, h.studio().pair(), [&](std::exception_ptr) { secondDone = true; });
+    ASSERT_TRUE(h.runUntil([&] { return firstDone && secondDone; }));
+    EXPECT_EQ(h.server.count(path("pair")), 1u);
+    EXPECT_FALSE(h.studio().state().busy);
+}
+
+}  // namespace
+}  // namespace pavix::test
