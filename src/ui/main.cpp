@@ -1,3 +1,6 @@
+// Qt first: Xlib defines macros (Bool, Status) that Qt's headers refuse to follow.
+#include "ui/QtDefaults.h"
+
 #include <unistd.h>
 
 #include <asio/co_spawn.hpp>
@@ -10,6 +13,7 @@
 #include <iostream>
 
 #include "core/app/CommandLine.h"
+#include "core/capture/CaptureError.h"
 #include "core/capture/CaptureSources.h"
 #include "core/runtime/StreamLog.h"
 #include "core/session/Studio.h"
@@ -18,8 +22,8 @@
 #include "linux/LibsecretStore.h"
 #include "linux/Permissions.h"
 #include "linux/StatvfsVolume.h"
+#include "linux/X11ShareableContent.h"
 #include "linux/XdgFolders.h"
-#include "ui/QtDefaults.h"
 
 using namespace pavix;
 
@@ -30,6 +34,27 @@ class NoShareableContent : public ShareableContent {
   public:
     ShareableContentSnapshot current() override { return {}; }
 };
+
+// Without an X server there is nothing to list; every listing reports why.
+class UnavailableContent : public ShareableContent {
+  public:
+    explicit UnavailableContent(std::string reason) : reason_(std::move(reason)) {}
+    ShareableContentSnapshot current() override {
+        throw CaptureError(CaptureError::kFailedToStart, reason_);
+    }
+
+  private:
+    std::string reason_;
+};
+
+std::unique_ptr<ShareableContent> shareableContent(Log& log) {
+    try {
+        return std::make_unique<X11ShareableContent>();
+    } catch (const std::exception& e) {
+        log.line(std::string("no display to record: ") + e.what());
+        return std::make_unique<UnavailableContent>(e.what());
+    }
+}
 
 void say(const std::string& line) {
     std::fprintf(stderr, "pavix: %s\n", line.c_str());
@@ -100,7 +125,7 @@ int main(int argc, char** argv) {
                                 std::make_unique<FileSecretStore>(stateFolder / "credentials"),
                                 (stateFolder / "credentials").string(), log);
     QtDefaults defaults;
-    NoShareableContent content;
+    auto content = shareableContent(log);
     StatvfsVolume volume;
 
     StudioEnvironment env;
@@ -109,7 +134,7 @@ int main(int argc, char** argv) {
     env.http = &http;
     env.secrets = &secrets;
     env.defaults = &defaults;
-    env.content = &content;
+    env.content = content.get();
     env.volume = &volume;
     env.log = &log;
     env.timing = timing;
@@ -120,6 +145,7 @@ int main(int argc, char** argv) {
     };
     env.appVersion = PAVIX_VERSION;
     env.deviceName = hostName();
+    env.ownPid = ::getpid();
     env.libraryFolder = XdgFolders::library();
     env.libraryLabel = XdgFolders::libraryLabel(env.libraryFolder);
 

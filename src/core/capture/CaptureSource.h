@@ -4,17 +4,9 @@
 #include <string>
 #include <vector>
 
-namespace pavix {
+#include "core/capture/CaptureFilter.h"
 
-// What a capture stream records: one window, one display, or the region of a display composed
-// from one application's windows.
-struct CaptureFilter {
-    enum class Kind { window, display, applicationRegion };
-    Kind kind = Kind::window;
-    std::uint32_t windowID = 0;
-    std::uint32_t displayID = 0;
-    std::string appId;
-};
+namespace pavix {
 
 // One recordable window or display.
 struct CaptureSource {
@@ -27,6 +19,7 @@ struct CaptureSource {
     std::vector<std::uint32_t> displayIDs;
 
     bool isDisplay() const { return id.rfind("display-", 0) == 0; }
+    bool operator==(const CaptureSource&) const = default;
 };
 
 }  // namespace pavix

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -7,15 +8,28 @@
 #include "core/capture/CaptureSource.h"
 #include "platform/ShareableContent.h"
 
-namespace pavix::CaptureSources {
+namespace pavix {
 
-// The recordable sources of the current windows and displays: windows at least 320×200 with a
-// title, then every display.
-std::vector<CaptureSource> list(const ShareableContentSnapshot& content);
+// The rules that turn the window system's windows and displays into recordable sources.
+namespace CaptureSources {
 
-// The source to share when the user has not chosen one: the one with the remembered title,
-// else the first window, else the first display.
+inline constexpr double minimumWidth = 320;
+inline constexpr double minimumHeight = 200;
+
+// Windows first (in the snapshot's order), then displays. Windows smaller than 320×200 points,
+// windows without a title and windows of the process `ownPid` (this application) are left out.
+std::vector<CaptureSource> list(const ShareableContentSnapshot& content, std::int32_t ownPid);
+
+CaptureSource windowSource(const ShareableWindow& window);
+CaptureSource displaySource(const ShareableDisplay& display);
+
+// A window the user chose by clicking it: its title says only that it was selected.
+CaptureSource pickedWindowSource(const ShareableWindow& window);
+
+// The source offered first: the one with the last recorded title, else the first window, else
+// the first display; nothing when the list is empty.
 std::optional<CaptureSource> defaultSource(const std::vector<CaptureSource>& sources,
                                            const std::optional<std::string>& lastTitle);
 
-}  // namespace pavix::CaptureSources
+}  // namespace CaptureSources
+}  // namespace pavix

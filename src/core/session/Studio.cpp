@@ -93,7 +93,7 @@ asio::awaitable<void> Studio::refreshSources() {
     try {
         auto work = [content = env_.content] { return content->current(); };
         auto snapshot = co_await offload(*env_.pool, std::move(work));
-        auto sources = CaptureSources::list(snapshot);
+        auto sources = CaptureSources::list(snapshot, env_.ownPid);
         std::size_t windows = std::count_if(sources.begin(), sources.end(),
                                             [](const auto& s) { return !s.isDisplay(); });
         log("refresh listed " + std::to_string(windows) + " windows and " +

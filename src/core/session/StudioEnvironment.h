@@ -32,6 +32,7 @@ struct StudioEnvironment {
     std::function<double()> nowMs;
     std::string appVersion = "dev";
     std::string deviceName = "computer";
+    std::int32_t ownPid = 0;  // this process: its own windows are never offered as sources
     std::filesystem::path libraryFolder;        // where recordings are kept
     std::string libraryLabel = "Videos/Pavix";  // the same folder as the user knows it
 };
