@@ -1,0 +1,252 @@
+#include "core/capture/CaptureWriter.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <thread>
+
+#include "core/session/PavixError.h"
+#include "support/FakeVideoEncoder.h"
+
+namespace pavix {
+namespace {
+
+using testing::FakeVideoEncoder;
+using testing::FakeVideoEncoderLog;
+
+constexpr std::int64_t kMs = 1'000'000;
+constexpr std::int64_t kT0 = 5'000 * kMs;  // an arbitrary monotonic time
+
+const CaptureEncoding kEncoding{CaptureGeometry{64, 48}, 1'000'000, false};
+
+VideoFrame frame(std::int64_t timeNs, bool complete = true) {
+    static const auto pixels = std::make_shared<const std::vector<std::uint8_t>>(64 * 48 * 4, 0);
+    VideoFrame f;
+    f.width = 64;
+    f.height = 48;
+    f.stride = 64 * 4;
+    f.pixels = pixels;
+    f.captureTimeNs = timeNs;
+    f.complete = complete;
+    return f;
+}
+
+std::string messageOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    return "(no error)";
+}
+
+class CaptureWriterTest : public ::testing::Test {
+protected:
+    std::shared_ptr<FakeVideoEncoderLog> log = std::make_shared<FakeVideoEncoderLog>();
+
+    std::unique_ptr<CaptureWriter> make(std::size_t depth = CaptureWriter::defaultQueueDepth) {
+        return std::make_unique<CaptureWriter>("/tmp/out.mp4", kEncoding,
+                                               std::make_unique<FakeVideoEncoder>(log), depth);
+    }
+};
+
+TEST_F(CaptureWriterTest, OpensTheEncoderWithTheEncodingsSettings) {
+    auto writer = make();
+    EXPECT_EQ(log->path, "/tmp/out.mp4");
+    ASSERT_TRUE(log->settings);
+    EXPECT_EQ(log->settings->width, 64);
+    EXPECT_EQ(log->settings->height, 48);
+    EXPECT_EQ(log->settings->bitrate, 1'000'000);
+    EXPECT_EQ(log->settings->frameRate, 60);
+    EXPECT_FALSE(log->settings->requiresHardware);
+}
+
+TEST_F(CaptureWriterTest, OpenFailureWithoutAnErrorOfItsOwnIsTheCannotEncodeSentence) {
+    log->openResult = false;
+    EXPECT_EQ(messageOf([&] { make(); }), "This computer cannot encode the recording.");
+    log->openError = std::make_exception_ptr(std::runtime_error("no such folder"));
+    EXPECT_EQ(messageOf([&] { make(); }), "no such folder");
+}
+
+TEST_F(CaptureWriterTest, TakesOnlyCompleteFramesInStrictlyIncreasingTimeFromTheFirstTaken) {
+    auto writer = make();
+    int firstFrames = 0;
+    writer->setOnFirstFrame([&] { ++firstFrames; });
+
+    writer->append(frame(kT0 - 10 * kMs, false));  // idle before anything: not the origin
+    writer->append(frame(kT0));                     // origin of the timeline
+    ASSERT_TRUE(log->waitForAppends(1));
+    writer->append(frame(kT0 + 10 * kMs, false));  // idle: skipped
+    writer->append(frame(kT0));                     // same time: dropped
+    writer->append(frame(kT0 - 1));                 // backwards: dropped
+    writer->append(frame(kT0 + 17 * kMs));
+    ASSERT_TRUE(log->waitForAppends(2));
+    writer->append(frame(kT0 + 33 * kMs));
+    VideoFrame broken = frame(kT0 + 40 * kMs);
+    broken.stride = 10;  // too short for its width
+    writer->append(broken);
+    writer->finish(kT0 + 100 * kMs);
+
+    EXPECT_EQ(log->appendedPts, (std::vector<std::int64_t>{0, 17 * kMs, 33 * kMs}));
+    EXPECT_EQ(log->finishedAt, 100 * kMs);  // the stop time is later than the last frame
+    EXPECT_EQ(firstFrames, 1);
+    auto c = writer->counters();
+    EXPECT_EQ(c.framesAppended, 3);
+    EXPECT_EQ(c.framesIncomplete, 2);
+    EXPECT_EQ(c.framesOutOfOrder, 2);
+    EXPECT_EQ(c.framesInvalid, 1);
+    EXPECT_EQ(c.framesShed, 0);
+}
+
+TEST_F(CaptureWriterTest, FinishEndsAtTheLastFrameWhenTheStopTimeIsEarlier) {
+    auto writer = make();
+    writer->append(frame(kT0));
+    writer->append(frame(kT0 + 50 * kMs));
+    writer->finish(kT0 + 20 * kMs);
+    EXPECT_EQ(log->finishedAt, 50 * kMs);
+    EXPECT_EQ(log->cancels, 0);
+}
+
+TEST_F(CaptureWriterTest, ShedsNewFramesWhileTheEncoderIsBehind) {
+    auto writer = make(2);
+    log->block();
+    writer->append(frame(kT0));  // being encoded (blocked)
+    ASSERT_TRUE(log->waitForBlockedAppend());
+    writer->append(frame(kT0 + 16 * kMs));  // queued
+    writer->append(frame(kT0 + 33 * kMs));  // queued
+    for (int i = 3; i < 10; ++i) {
+        writer->append(frame(kT0 + i * 16 * kMs));  // shed
+    }
+    EXPECT_EQ(writer->counters().framesShed, 7);
+    log->unblock();
+    ASSERT_TRUE(log->waitForAppends(3));  // caught up: room again
+    writer->append(frame(kT0 + 200 * kMs));
+    writer->finish(kT0 + 200 * kMs);
+    EXPECT_EQ(log->appendedPts,
+              (std::vector<std::int64_t>{0, 16 * kMs, 33 * kMs, 200 * kMs}));
+    auto c = writer->counters();
+    EXPECT_EQ(c.framesAppended, 4);
+    EXPECT_EQ(c.framesShed, 7);
+}
+
+TEST_F(CaptureWriterTest, AppendNeverWaitsForTheEncoder) {
+    auto writer = make(1);
+    log->block();
+    writer->append(frame(kT0));
+    ASSERT_TRUE(log->waitForBlockedAppend());
+    // A thousand frames while the encoder is stuck return at once and are shed.
+    for (int i = 1; i <= 1000; ++i) {
+        writer->append(frame(kT0 + i * kMs));
+    }
+    EXPECT_EQ(writer->counters().framesShed, 999);
+    log->unblock();
+    writer->finish(kT0 + 2000 * kMs);
+    EXPECT_EQ(log->appendedPts.size(), 2u);
+}
+
+TEST_F(CaptureWriterTest, FirstFailureIsStickyReportedOnceAndThrownByFinish) {
+    log->appendResult = [](std::int64_t index) { return index != 1; };  // second frame fails
+    log->appendThrows = [](std::int64_t index) {
+        if (index == 2) throw std::runtime_error("second failure");
+    };
+    auto writer = make();
+    std::atomic<int> failures = 0;
+    std::string reported;
+    writer->setOnFailure([&](std::exception_ptr error) {
+        ++failures;
+        reported = messageOf([&] { std::rethrow_exception(error); });
+    });
+    writer->append(frame(kT0));
+    ASSERT_TRUE(log->waitForAppends(1));
+    writer->append(frame(kT0 + 16 * kMs));
+    ASSERT_TRUE(log->waitForAppends(2));
+    // After the failure no frame reaches the encoder.
+    for (int i = 2; i < 6; ++i) {
+        writer->append(frame(kT0 + i * 16 * kMs));
+    }
+    EXPECT_EQ(messageOf([&] { writer->finish(kT0 + 1000 * kMs); }),
+              "The recording could not be encoded.");
+    EXPECT_EQ(failures, 1);
+    EXPECT_EQ(reported, "The recording could not be encoded.");
+    EXPECT_EQ(log->appendedPts.size(), 2u);
+    EXPECT_FALSE(log->finishedAt);  // a failed file is abandoned, not completed
+    EXPECT_EQ(log->cancels, 1);
+    // A second finish gives the same outcome.
+    EXPECT_EQ(messageOf([&] { writer->finish(kT0 + 1000 * kMs); }),
+              "The recording could not be encoded.");
+}
+
+TEST_F(CaptureWriterTest, AnEncoderErrorOfItsOwnIsKept) {
+    log->appendThrows = [](std::int64_t) { throw std::runtime_error("disk full"); };
+    auto writer = make();
+    writer->append(frame(kT0));
+    ASSERT_TRUE(log->waitForAppends(1));
+    EXPECT_EQ(messageOf([&] { writer->finish(kT0 + kMs); }), "disk full");
+}
+
+TEST_F(CaptureWriterTest, StoppingBeforeAnyCompleteFrameAbandonsTheFileWithNoFrames) {
+    auto writer = make();
+    writer->append(frame(kT0, false));
+    writer->append(frame(kT0 + 16 * kMs, false));
+    EXPECT_EQ(messageOf([&] { writer->finish(kT0 + 100 * kMs); }),
+              "The recording has no frames.");
+    EXPECT_EQ(log->cancels, 1);
+    EXPECT_FALSE(log->finishedAt);
+}
+
+TEST_F(CaptureWriterTest, CompletingFailureIsTheEncodersErrorOrTheNotSavedSentence) {
+    log->finishResult = false;
+    auto writer = make();
+    writer->append(frame(kT0));
+    EXPECT_EQ(messageOf([&] { writer->finish(kT0 + kMs); }), "The recording could not be saved.");
+
+    auto log2 = std::make_shared<FakeVideoEncoderLog>();
+    log2->finishError = std::make_exception_ptr(std::runtime_error("rename failed"));
+    CaptureWriter second("/tmp/b.mp4", kEncoding, std::make_unique<FakeVideoEncoder>(log2));
+    second.append(frame(kT0));
+    EXPECT_EQ(messageOf([&] { second.finish(kT0 + kMs); }), "rename failed");
+}
+
+TEST_F(CaptureWriterTest, CancelAbandonsTheFileAndIgnoresLaterFrames) {
+    auto writer = make();
+    writer->append(frame(kT0));
+    ASSERT_TRUE(log->waitForAppends(1));
+    writer->cancel();
+    EXPECT_EQ(log->cancels, 1);
+    writer->append(frame(kT0 + 16 * kMs));
+    writer->append(frame(kT0 + 32 * kMs));
+    EXPECT_EQ(log->appendedPts.size(), 1u);
+    EXPECT_EQ(writer->counters().framesAppended, 1);
+    EXPECT_EQ(messageOf([&] { writer->finish(kT0 + kMs); }), "The recording has no frames.");
+    writer->cancel();  // a second cancel does nothing
+    EXPECT_EQ(log->cancels, 1);
+    EXPECT_FALSE(log->finishedAt);
+}
+
+TEST_F(CaptureWriterTest, DestroyingAnOpenWriterCancelsIt) {
+    auto writer = make();
+    writer->append(frame(kT0));
+    writer.reset();
+    EXPECT_EQ(log->cancels, 1);
+}
+
+TEST_F(CaptureWriterTest, CancelFromTheFailureCallbackDoesNotDeadlock) {
+    log->appendResult = [](std::int64_t) { return false; };
+    auto writer = make();
+    CaptureWriter* raw = writer.get();
+    std::atomic<bool> called = false;
+    writer->setOnFailure([&](std::exception_ptr) {
+        raw->cancel();
+        raw->finish(kT0);  // returns at once from the encoding thread
+        called = true;
+    });
+    writer->append(frame(kT0));
+    ASSERT_TRUE(log->waitForAppends(1));
+    while (!called) std::this_thread::yield();
+    writer.reset();
+    EXPECT_EQ(log->cancels, 1);
+}
+
+}  // namespace
+}  // namespace pavix
