@@ -83,6 +83,8 @@ class Studio {
     StudioEnvironment& environment() { return env_; }
 
   private:
+    friend struct StudioTestAccess;  // lets tests put the model in states other parts reach
+
     template <class F>
     void change(F&& mutate) {
         mutate(state_);

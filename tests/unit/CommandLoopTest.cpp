@@ -1,0 +1,309 @@
+// The long-poll command loop against a scripted service on loopback: envelopes, replies,
+// error reduction, generation retirement, reconnects and the recording watchdog.
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "core/session/CommandEnvelope.h"
+#include "core/runtime/Uuid.h"
+#include "core/session/ErrorText.h"
+#include "support/StudioHarness.h"
+#include "support/StudioTestAccess.h"
+
+namespace pavix::test {
+namespace {
+
+using nlohmann::json;
+using std::chrono::milliseconds;
+
+ShareableContentSnapshot desktop() {
+    ShareableContentSnapshot snapshot;
+    ShareableWindow editor;
+    editor.id = 4242;
+    editor.title = "notes.txt";
+    editor.appName = "Text Editor";
+    editor.width = 800;
+    editor.height = 600;
+    editor.onScreen = true;
+    ShareableWindow tiny = editor;
+    tiny.id = 7;
+    tiny.width = 319;
+    snapshot.windows = {editor, tiny};
+    snapshot.displays = {{77, 0, 0, 1920, 1080}};
+    return snapshot;
+}
+
+class CommandLoop : public ::testing::Test {
+protected:
+    void SetUp() override {
+        h.content.set(desktop());
+        h.await(h.studio().refreshSources());
+        h.pairWithCode();
+    }
+    std::string path(const std::string& name) { return ScriptedService::path(name); }
+    // Sends a command and waits for its reply.
+    json call(const std::string& method, json args = json::array()) {
+        auto id = h.service.queueCommand(method, std::move(args));
+        if (!h.runUntil([&] { return h.service.result(id).has_value(); })) {
+            throw std::runtime_error("no reply to " + method);
+        }
+        return *h.service.result(id);
+    }
+    std::size_t polls() { return h.server.count(path("poll")); }
+
+    StudioHarness h;
+};
+
+TEST_F(CommandLoop, SourcesAreListedAndSelectedWithMeta) {
+    auto listed = call("listSources");
+    ASSERT_TRUE(listed.contains("value")) << listed.dump();
+    EXPECT_EQ(listed["value"]["sources"],
+              json::parse(R"json([
+                {"id":"window-4242","title":"Text Editor — notes.txt","kind":"window","width":800,"height":600},
+                {"id":"display-77","title":"Entire display 77 (includes other visible apps)","kind":"display","width":1920,"height":1080}])json"));
+    EXPECT_EQ(listed["meta"]["recordingMode"], "screencast");
+    EXPECT_EQ(listed["meta"]["pointerTrail"], json::array());
+    EXPECT_EQ(listed["meta"]["identitySightings"], json::array());
+
+    auto selected = call("selectSource", json::array({{{"sourceId", "window-4242"}}}));
+    EXPECT_EQ(selected["value"],
+              json::parse(R"({"selected":{"id":"window-4242","title":"Text Editor — notes.txt","width":800,"height":600}})"));
+    EXPECT_EQ(selected["meta"]["captureViewport"], json({{"width", 800}, {"height", 600}}));
+    EXPECT_EQ(h.studio().state().selection, "window-4242");
+    EXPECT_TRUE(h.log.contains("agent selected source window-4242"));
+    EXPECT_EQ(call("listSources")["value"]["selected"], "window-4242");
+}
+
+TEST_F(CommandLoop, FailuresAreReducedForTheAgentAndLoggedInFull) {
+    struct Case {
+        std::string method;
+        json args;
+        std::string error;
+        std::string logged;
+    };
+    for (const auto& c : std::vector<Case>{
+             {"selectSource", json::array({{{"sourceId", "window-1"}}}),
+              "local_browser_action_failed",
+              "pavix command selectSource failed: Source not found. Ask for the list again."},
+             {"selectSource", json::array({"window-4242"}), "local_browser_action_failed",
+              "pavix command selectSource failed: Source not found."},
+             {"frobnicate", json::array(), "local_browser_action_failed",
+              "pavix command frobnicate failed: Unknown method frobnicate."},
+             {"readPage", json::array(),
+              "local_method_forbidden: turn on Let your agent operate the shared window in Pavix "
+              "Settings",
+              "pavix command readPage failed: local_method_forbidden"},
+             {"startRecording", json::array({{{"captureId", "x"}}}), "local_browser_action_failed",
+              "pavix command startRecording failed"}}) {
+        EXPECT_EQ(call(c.method, c.args), json({{"error", c.error}})) << c.method;
+        EXPECT_TRUE(h.log.contains(c.logged)) << c.logged;
+    }
+    h.studio().setAllowControl(true);
+    h.studio().selectSource("display-77");
+    EXPECT_EQ(call("pointer"),
+              json({{"error", "local_method_forbidden: share a window, not a display"}}));
+    EXPECT_EQ(h.studio().state().lastErrorCode, "app_rule");
+
+    // currentUrl never fails.
+    EXPECT_EQ(call("currentUrl")["value"], "https://app.pavix.app");
+}
+
+TEST(CommandEnvelopeRules, AgentErrorTextPassesOnlyActionableCodes) {
+    using CommandEnvelope::agentErrorText;
+    EXPECT_EQ(agentErrorText("local_method_forbidden: Accessibility permission is off"),
+              "local_method_forbidden: Accessibility permission is off");
+    EXPECT_EQ(agentErrorText("local_sign_in_required"), "local_sign_in_required");
+    EXPECT_EQ(agentErrorText("Source not found. Ask for the list again."),
+              "local_browser_action_failed");
+    EXPECT_EQ(agentErrorText(" local_method_forbidden"), "local_browser_action_failed");
+    EXPECT_EQ(agentErrorText(""), "local_browser_action_failed");
+}
+
+TEST(CommandEnvelopeRules, OnlyCommandsWithAUuidAreTaken) {
+    using CommandEnvelope::parse;
+    auto id = std::string("0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0");
+    EXPECT_FALSE(parse(json::object()));
+    EXPECT_FALSE(parse(json::array()));
+    EXPECT_FALSE(parse(json::parse(R"({"command":{}})")));
+    EXPECT_FALSE(parse(json::parse(R"({"command":"listSources"})")));
+    EXPECT_FALSE(parse(json::parse(R"({"command":{"id":"abc","method":"listSources"}})")));
+    EXPECT_FALSE(parse(json::parse(R"({"command":{"id":12,"method":"listSources"}})")));
+    EXPECT_FALSE(parse({{"command", {{"id", id + "0"}}}}));
+    auto taken = parse({{"command", {{"id", id}, {"method", 5}, {"args", {{"a", 1}}}}}});
+    ASSERT_TRUE(taken);
+    EXPECT_EQ(taken->id, id);  // exactly as it arrived, capitals included
+    EXPECT_EQ(taken->method, "");
+    EXPECT_EQ(taken->args, json::array());
+    EXPECT_EQ(CommandEnvelope::namedArguments(json::array({1, {{"a", 1}}})), json::object());
+    EXPECT_EQ(CommandEnvelope::namedArguments(json::array({{{"a", 1}}})), json({{"a", 1}}));
+}
+
+TEST_F(CommandLoop, EmptyAndMalformedCommandsGetNoReplyAndPollingGoesOn) {
+    h.service.queue(json::object());
+    h.service.queue({{"command", json::object()}});
+    h.service.queue({{"command", {{"id", "abc"}, {"method", "listSources"}}}});
+    h.service.queue({{"command", {{"id", 12}, {"method", "listSources"}}}});
+    h.service.queue({{"command", "listSources"}});
+    h.service.queue(json::array({1, 2}));
+    auto before = polls();
+    // Every queued reply is taken by one poll; the loop keeps asking afterwards.
+    ASSERT_TRUE(h.runUntil([&] { return polls() >= before + 7; }));
+    EXPECT_EQ(h.server.count(path("result/abc")), 0u);
+    EXPECT_TRUE(h.service.results().empty());
+    EXPECT_TRUE(h.studio().state().connected);
+
+    // Arguments of the wrong type count as none; a method that is not text is unknown.
+    auto id = h.service.queueCommand("listSources", json::object());
+    ASSERT_TRUE(h.runUntil([&] { return h.service.result(id).has_value(); }));
+    EXPECT_TRUE(h.service.result(id)->contains("value"));
+    auto odd = Uuid::make();
+    h.server.reply(path("result/" + odd), 200, "{}");
+    h.service.queue({{"command", {{"id", odd}, {"method", json::array()}}}});
+    ASSERT_TRUE(h.runUntil([&] { return h.server.count(path("result/" + odd)) == 1; }));
+    EXPECT_EQ(json::parse(h.server.requests(path("result/" + odd))[0].body),
+              json({{"error", "local_browser_action_failed"}}));
+}
+
+TEST_F(CommandLoop, AResultForAnEndedConnectionIsNeverPosted) {
+    // The listing blocks until the test has ended the connection.
+    struct SlowContent : ShareableContent {
+        std::promise<void> release;
+        std::shared_future<void> gate = release.get_future().share();
+        std::atomic<bool> entered{false};
+        ShareableContentSnapshot current() override {
+            entered = true;
+            gate.wait();
+            return desktop();
+        }
+        ~SlowContent() override {
+            if (gate.wait_for(std::chrono::seconds(0)) != std::future_status::ready) {
+                release.set_value();
+            }
+        }
+    } slow;
+    h.studio().environment().content = &slow;
+    auto id = h.service.queueCommand("listSources");
+    ASSERT_TRUE(h.runUntil([&] { return slow.entered.load(); }));
+    auto oldGeneration = h.studio().connectionGeneration();
+    h.await(h.studio().disconnect("Bye."));
+    h.studio().environment().content = &h.content;
+    h.pairWithCode();  // a new connection, so the old one's result would have somewhere to go
+    slow.release.set_value();
+    h.runFor(milliseconds(300));
+    EXPECT_NE(h.studio().connectionGeneration(), oldGeneration);
+    EXPECT_FALSE(h.service.result(id).has_value());
+    EXPECT_FALSE(h.log.contains("pavix command listSources failed"));
+}
+
+TEST_F(CommandLoop, ServerRefusalsEndTheSessionButTransientOnesReconnect) {
+    // 501 is not transient: the session ends with the refusal sentence.
+    h.server.reply(path("poll"), 501, R"({"error":"not_implemented"})");
+    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
+    ASSERT_TRUE(h.runUntil([&] { return h.server.count(path("disconnect")) == 1; }));
+    EXPECT_EQ(h.studio().state().status,
+              "Server refused the request (501). Try sharing again; your local files are "
+              "preserved.");
+    EXPECT_FALSE(h.studio().reconnectPending());
+    h.runFor(h.studio().timing().reconnectDelay * 2);
+    EXPECT_EQ(h.server.count(path("device/refresh")), 0u);
+}
+
+TEST_F(CommandLoop, BadGatewayReconnectsOnceAfterTheDelay) {
+    std::atomic<int> failures{1};
+    h.server.on(path("poll"), [&](const httplib::Request&, httplib::Response& response) {
+        if (failures-- > 0) {
+            response.status = 502;
+            response.set_content("Bad Gateway", "text/plain");
+            return;
+        }
+        std::this_thread::sleep_for(milliseconds(50));
+        response.set_content("{}", "application/json");
+    });
+    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
+    EXPECT_EQ(h.studio().state().status, "Pavix is unreachable for a moment. Reconnecting…");
+    EXPECT_TRUE(h.studio().reconnectPending());
+    EXPECT_EQ(h.server.count(path("disconnect")), 0u);
+    // Reconnected by resuming the saved credential, on a new connection.
+    ASSERT_TRUE(h.runUntil([&] { return h.studio().state().connected; }));
+    EXPECT_EQ(h.server.count(path("device/resume")), 1u);
+    EXPECT_EQ(h.server.count(path("pair")), 1u);
+}
+
+TEST_F(CommandLoop, OnlyOneReconnectIsEverPending) {
+    h.await(h.studio().disconnect("Bye."));
+    h.server.clear();
+    h.studio().scheduleReconnect();
+    h.runFor(h.studio().timing().reconnectDelay / 2);
+    h.studio().scheduleReconnect();  // replaces the first: one reconnect, a full delay later
+    h.runFor(h.studio().timing().reconnectDelay * 3 / 4);
+    EXPECT_EQ(h.server.count(path("device/refresh")), 0u);
+    ASSERT_TRUE(h.runUntil([&] { return h.studio().state().connected; }));
+    h.runFor(h.studio().timing().reconnectDelay * 2);
+    EXPECT_EQ(h.server.count(path("device/refresh")), 1u);
+}
+
+TEST_F(CommandLoop, DroppedAndGarbledPollsNeverCrash) {
+    // A dropped connection counts as transient.
+    std::atomic<int> cuts{1};
+    h.server.on(path("poll"), [&](const httplib::Request&, httplib::Response& response) {
+        if (cuts-- > 0) {
+            TestServer::truncate(response, 200, 20);
+            return;
+        }
+        std::this_thread::sleep_for(milliseconds(50));
+        response.set_content("{}", "application/json");
+    });
+    ASSERT_TRUE(h.runUntil([&] { return h.studio().reconnectPending(); }));
+    ASSERT_TRUE(h.runUntil([&] { return h.studio().state().connected; }));
+
+    // A 200 that is not JSON is no transient failure: the session ends with its sentence.
+    h.server.on(path("poll"), [](const httplib::Request&, httplib::Response& response) {
+        response.set_content("{\"command\": {\"id\"", "application/json");
+    });
+    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
+    ASSERT_TRUE(h.runUntil([&] { return h.server.count(path("disconnect")) == 1; }));
+    EXPECT_EQ(h.studio().state().status, "The server sent a reply that is not valid JSON.");
+
+    // An expired credential ends it with the credential sentence.
+    h.server.reply(path("poll"), 401, R"({"error":"device_credentials_expired"})");
+    h.pairWithCode();
+    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
+    EXPECT_EQ(h.studio().state().status,
+              "This computer's credential expired or was revoked. Pair again with a new code "
+              "from your agent; local videos are preserved.");
+}
+
+TEST_F(CommandLoop, WatchdogEndsTheSessionWhenSpaceRunsOutOrTheSourceGoes) {
+    h.studio().selectSource("window-4242");
+    auto source = *h.studio().selectedSource();
+    StudioTestAccess::setRecording(h.studio(), true);
+
+    h.studio().watch(source, h.studio().connectionGeneration());
+    h.volume.set(157'286'399);
+    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
+    EXPECT_EQ(h.studio().state().status,
+              "Disk almost full. Recording stopped and the local capture was saved.");
+
+    h.volume.set(std::nullopt);  // unknown free space never stops a recording
+    h.pairWithCode();
+    h.studio().watch(source, h.studio().connectionGeneration());
+    auto minimised = desktop();
+    minimised.windows[0].onScreen = false;
+    h.runFor(h.studio().timing().watchInterval * 3);
+    EXPECT_TRUE(h.studio().state().connected);
+    h.content.set(minimised);
+    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
+    EXPECT_EQ(h.studio().state().status,
+              "The recorded window was minimized or hidden. Recording stopped; the local capture "
+              "was saved. Approve a new recording when it is visible.");
+
+    // A watchdog of an ended connection does nothing.
+    h.pairWithCode();
+    h.studio().watch(source, "an-old-generation");
+    h.content.set(ShareableContentSnapshot{});
+    h.runFor(h.studio().timing().watchInterval * 3);
+    EXPECT_TRUE(h.studio().state().connected);
+}
+
+}  // namespace
+}  // namespace pavix::test
