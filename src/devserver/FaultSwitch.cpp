@@ -1,0 +1,223 @@
+#include "devserver/FaultSwitch.h"
+
+#include <sstream>
+
+namespace pavix::devserver {
+
+const char* FaultRule::actionName(Action a) {
+    switch (a) {
+        case Action::Status:
+            return "status";
+        case Action::Drop:
+            return "drop";
+        case Action::Stall:
+            return "stall";
+        case Action::Truncate:
+            return "truncate";
+    }
+    return "status";
+}
+
+nlohmann::json FaultRule::toJson() const {
+    nlohmann::json j = {{"id", id},       {"path", path},   {"action", actionName(action)},
+                        {"count", count}, {"after", after}, {"hits", hits}};
+    if (!method.empty())
+        j["method"] = method;
+    if (action == Action::Status) {
+        j["status"] = status;
+        j["error"] = error;
+    }
+    if (action == Action::Stall)
+        j["stallMs"] = stallMs;
+    return j;
+}
+
+namespace {
+
+bool toInt(const std::string& s, int lo, int hi, int* out) {
+    try {
+        size_t used = 0;
+        long v = std::stol(s, &used);
+        if (used != s.size() || v < lo || v > hi)
+            return false;
+        *out = static_cast<int>(v);
+        return true;
+    } catch (...) {
+        return false;
+    }
+}
+
+bool validate(const FaultRule& r, std::string* why) {
+    if (r.path.empty() || r.path[0] != '/') {
+        *why = "a fault needs path=/... (a glob where * matches anything)";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+std::optional<FaultRule> FaultRule::parse(const std::string& spec, std::string* why) {
+    FaultRule r;
+    std::string dummy;
+    if (!why)
+        why = &dummy;
+    std::stringstream in(spec);
+    std::string item;
+    while (std::getline(in, item, ',')) {
+        if (item.empty())
+            continue;
+        auto eq = item.find('=');
+        std::string key = item.substr(0, eq);
+        std::string value = eq == std::string::npos ? "" : item.substr(eq + 1);
+        bool ok = true;
+        if (key == "path") {
+            r.path = value;
+        } else if (key == "method") {
+            r.method = value;
+        } else if (key == "status") {
+            r.action = Action::Status;
+            ok = toInt(value, 100, 599, &r.status);
+        } else if (key == "error") {
+            r.error = value;
+            ok = !value.empty();
+        } else if (key == "drop") {
+            r.action = Action::Drop;
+        } else if (key == "truncate") {
+            r.action = Action::Truncate;
+        } else if (key == "stall") {
+            r.action = Action::Stall;
+            ok = toInt(value, 0, 600000, &r.stallMs);
+        } else if (key == "count") {
+            ok = toInt(value, 1, 1000000, &r.count);
+        } else if (key == "after") {
+            ok = toInt(value, 0, 1000000, &r.after);
+        } else {
+            *why = "unknown fault key '" + key + "'";
+            return std::nullopt;
+        }
+        if (!ok) {
+            *why = "bad value for fault key '" + key + "'";
+            return std::nullopt;
+        }
+    }
+    if (!validate(r, why))
+        return std::nullopt;
+    return r;
+}
+
+std::optional<FaultRule> FaultRule::fromJson(const nlohmann::json& j, std::string* why) {
+    std::string dummy;
+    if (!why)
+        why = &dummy;
+    if (!j.is_object()) {
+        *why = "a fault is a JSON object";
+        return std::nullopt;
+    }
+    if (j.contains("spec")) {
+        if (!j["spec"].is_string()) {
+            *why = "spec must be text";
+            return std::nullopt;
+        }
+        return parse(j["spec"].get<std::string>(), why);
+    }
+    FaultRule r;
+    try {
+        r.path = j.value("path", "");
+        r.method = j.value("method", "");
+        std::string action = j.value("action", "status");
+        if (action == "status") {
+            r.action = Action::Status;
+        } else if (action == "drop") {
+            r.action = Action::Drop;
+        } else if (action == "stall") {
+            r.action = Action::Stall;
+        } else if (action == "truncate") {
+            r.action = Action::Truncate;
+        } else {
+            *why = "action must be status, drop, stall or truncate";
+            return std::nullopt;
+        }
+        r.status = j.value("status", 503);
+        r.error = j.value("error", "fault_injected");
+        r.stallMs = j.value("stallMs", 0);
+        r.count = j.value("count", 1);
+        r.after = j.value("after", 0);
+    } catch (const nlohmann::json::exception&) {
+        *why = "fault fields have the wrong types";
+        return std::nullopt;
+    }
+    if (r.status < 100 || r.status > 599 || r.count < 1 || r.after < 0 || r.stallMs < 0) {
+        *why = "fault values out of range";
+        return std::nullopt;
+    }
+    if (!validate(r, why))
+        return std::nullopt;
+    return r;
+}
+
+std::string FaultSwitch::add(FaultRule rule) {
+    std::lock_guard lock(mutex_);
+    rule.id = "fault-" + std::to_string(next_++);
+    rule.hits = 0;
+    rules_.push_back(rule);
+    return rule.id;
+}
+
+bool FaultSwitch::remove(const std::string& id) {
+    std::lock_guard lock(mutex_);
+    auto n = std::erase_if(rules_, [&](const FaultRule& r) { return r.id == id; });
+    return n > 0;
+}
+
+void FaultSwitch::clear() {
+    std::lock_guard lock(mutex_);
+    rules_.clear();
+}
+
+std::vector<FaultRule> FaultSwitch::list() {
+    std::lock_guard lock(mutex_);
+    return rules_;
+}
+
+std::optional<FaultRule> FaultSwitch::take(const std::string& method, const std::string& path) {
+    std::lock_guard lock(mutex_);
+    for (auto it = rules_.begin(); it != rules_.end(); ++it) {
+        if (!it->method.empty() && it->method != method)
+            continue;
+        if (!globMatch(it->path, path))
+            continue;
+        ++it->hits;
+        if (it->hits <= it->after)
+            return std::nullopt;
+        FaultRule applied = *it;
+        if (it->hits >= it->after + it->count)
+            rules_.erase(it);
+        return applied;
+    }
+    return std::nullopt;
+}
+
+bool FaultSwitch::globMatch(const std::string& p, const std::string& t) {
+    // Iterative wildcard match with backtracking to the last '*'.
+    size_t pi = 0, ti = 0, star = std::string::npos, mark = 0;
+    while (ti < t.size()) {
+        if (pi < p.size() && p[pi] == '*') {
+            star = pi++;
+            mark = ti;
+        } else if (pi < p.size() && p[pi] == t[ti]) {
+            ++pi;
+            ++ti;
+        } else if (star != std::string::npos) {
+            pi = star + 1;
+            ti = ++mark;
+        } else {
+            return false;
+        }
+    }
+    while (pi < p.size() && p[pi] == '*')
+        ++pi;
+    return pi == p.size();
+}
+
+}  // namespace pavix::devserver

@@ -1,0 +1,199 @@
+// The real binary: its start-up lines, the --fault flag, the agent command line and a clean stop.
+#include "DevServerFixture.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <thread>
+
+namespace devtest {
+namespace {
+
+// A child process with its standard output read line by line.
+class Child {
+  public:
+    explicit Child(std::vector<std::string> args) {
+        int out[2];
+        if (pipe(out) != 0)
+            throw std::runtime_error("pipe");
+        pid_ = fork();
+        if (pid_ == 0) {
+            dup2(out[1], 1);
+            close(out[0]);
+            close(out[1]);
+            std::vector<char*> argv;
+            for (auto& a : args)
+                argv.push_back(a.data());
+            argv.push_back(nullptr);
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        close(out[1]);
+        stdout_ = fdopen(out[0], "r");
+    }
+    ~Child() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+        }
+        if (stdout_)
+            fclose(stdout_);
+    }
+    // The next line, without its newline; empty at the end.
+    std::string line() {
+        char buf[4096];
+        if (!fgets(buf, sizeof buf, stdout_))
+            return {};
+        std::string s(buf);
+        if (!s.empty() && s.back() == '\n')
+            s.pop_back();
+        return s;
+    }
+    std::string rest() {
+        std::string all, l;
+        while (!(l = line()).empty())
+            all += l + "\n";
+        return all;
+    }
+    int terminate() {
+        kill(pid_, SIGTERM);
+        return wait();
+    }
+    int wait() {
+        int status = 0;
+        waitpid(pid_, &status, 0);
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+
+  private:
+    pid_t pid_ = -1;
+    FILE* stdout_ = nullptr;
+};
+
+struct CliResult {
+    int code;
+    std::string out;
+};
+
+class BinaryTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        server = std::make_unique<Child>(std::vector<std::string>{
+            PAVIX_DEVSERVER_BINARY, "--port", "0", "--data", dir.path.string(), "--poll-hold-ms",
+            "500", "--fault", "path=/local-browser/version,status=503,count=1"});
+        for (std::string l; !(l = server->line()).empty() && l != "ready";) {
+            auto sp = l.find(' ');
+            if (sp != std::string::npos)
+                lines[l.substr(0, sp)] = l.substr(sp + 1);
+        }
+        ASSERT_TRUE(lines.count("port")) << "no port line";
+        base = "http://127.0.0.1:" + lines["port"];
+    }
+
+    CliResult cli(std::vector<std::string> args) {
+        std::vector<std::string> full = {PAVIX_DEVSERVER_BINARY, "agent", "--server", base};
+        full.insert(full.end(), args.begin(), args.end());
+        Child c(full);
+        std::string out = c.rest();
+        return {c.wait(), out};
+    }
+
+    TempDir dir;
+    std::unique_ptr<Child> server;
+    std::map<std::string, std::string> lines;
+    std::string base;
+};
+
+TEST_F(BinaryTest, PrintsItsAddressesAndAPairingCodeAndStopsCleanly) {
+    EXPECT_EQ(lines["console"], base + "/");
+    EXPECT_EQ(lines["server"], base);
+    EXPECT_EQ(lines["code"].size(), 8u);
+    EXPECT_EQ(lines["link"], ds::UrlCodec::setupLink(base, lines["code"]));
+    FakeApp app(base);
+    EXPECT_EQ(app.pair(lines["code"]).status, 200);
+    httplib::Client c(base);
+    EXPECT_EQ(c.Get("/local-browser/version")->status, 503);  // armed by --fault
+    EXPECT_EQ(c.Get("/local-browser/version")->status, 200);
+    auto page = c.Get("/");
+    ASSERT_TRUE(page);
+    EXPECT_NE(page->body.find("<html"), std::string::npos);
+    EXPECT_EQ(server->terminate(), 0);
+}
+
+TEST_F(BinaryTest, TheAgentCommandLineDrivesADevice) {
+    auto code = cli({"pair-code"});
+    ASSERT_EQ(code.code, 0);
+    ASSERT_EQ(code.out.rfind("code ", 0), 0u) << code.out;
+    std::string pairing = code.out.substr(5, 8);
+    EXPECT_NE(code.out.find("\nlink pavix-mac://pair?server="), std::string::npos);
+
+    FakeApp app(base);
+    ASSERT_EQ(app.pair(pairing, "cli-box").status, 200);
+    auto devices = cli({"devices"});
+    EXPECT_EQ(devices.code, 0);
+    EXPECT_NE(devices.out.find(app.deviceId()), std::string::npos);
+    EXPECT_NE(devices.out.find("cli-box"), std::string::npos);
+
+    // The device answers one command, uploads a recording and publishes it.
+    std::atomic<bool> stop{false};
+    std::thread device([&] {
+        while (!stop) {
+            auto p = app.post("poll");
+            if (!p.body.contains("command"))
+                continue;
+            auto cmd = p.body["command"];
+            app.post("result/" + cmd["id"].get<std::string>(),
+                     okReply({{"echo", cmd["args"]}, {"method", cmd["method"]}}));
+        }
+    });
+    auto sent = cli({"send", "selectSource", R"({"sourceId":"window-42"})", "--timeout", "5"});
+    stop = true;
+    device.join();
+    EXPECT_EQ(sent.code, 0) << sent.out;
+    auto reply = json::parse(sent.out);
+    EXPECT_EQ(reply["value"]["method"], "selectSource");
+    EXPECT_EQ(reply["value"]["echo"], json::parse(R"([{"sourceId":"window-42"}])"));
+
+    auto timeout = cli({"send", "screenshot", "--timeout", "0.3"});
+    EXPECT_EQ(timeout.code, 3);
+
+    std::string id =
+        app.post("desktop-recording/begin", {{"requestId", ds::Ids::uuid()}}).body["id"];
+    std::string data(70000, 'v');
+    app.post("desktop-upload/" + id + "/begin",
+             {{"bytes", data.size()},
+              {"sha256", ds::Digest::sha256(data)},
+              {"media", {{"width", 640}, {"height", 480}, {"durationMs", 1000}}}});
+    app.chunk(id, 0, data);
+    app.post("desktop-upload/" + id + "/complete");
+    EXPECT_EQ(app.post("desktop-upload/" + id + "/publish").status, 200);
+
+    auto list = cli({"recordings"});
+    EXPECT_EQ(list.code, 0);
+    EXPECT_NE(list.out.find(id), std::string::npos) << list.out;
+    std::string file = (dir.path / "download.mp4").string();
+    EXPECT_EQ(cli({"download", id, file}).code, 0);
+    std::ifstream in(file, std::ios::binary);
+    std::stringstream got;
+    got << in.rdbuf();
+    EXPECT_EQ(got.str(), data);
+
+    EXPECT_EQ(cli({"fault", "add", "path=/local-browser/poll,status=500"}).code, 0);
+    EXPECT_NE(cli({"fault", "list"}).out.find("/local-browser/poll"), std::string::npos);
+    EXPECT_EQ(cli({"fault", "clear"}).code, 0);
+    EXPECT_EQ(cli({"fault", "list"}).out, "no faults armed\n");
+    EXPECT_EQ(cli({"disconnect", app.deviceId()}).code, 0);
+    EXPECT_EQ(app.post("poll").body["error"], "local_browser_disconnected");
+    EXPECT_EQ(cli({"send", "screenshot"}).code, 2);  // no device connected
+}
+
+}  // namespace
+}  // namespace devtest
