@@ -25,7 +25,8 @@ TEST(FfmpegColourConversion, MatchesBt709LimitedRangeWithinOneStep) {
     const int width = 66, height = 20, stride = width * 4 + 12;  // padded rows
     std::vector<std::uint8_t> bgra(std::size_t(stride) * height);
     std::mt19937 random(7);
-    for (auto& byte : bgra) byte = std::uint8_t(random());
+    for (auto& byte : bgra)
+        byte = std::uint8_t(random());
     // Known colours in the first 2×2 blocks: black, white, pure red, pure blue.
     const std::uint8_t known[4][3] = {{0, 0, 0}, {255, 255, 255}, {0, 0, 255}, {255, 0, 0}};
     for (int k = 0; k < 4; ++k) {
@@ -41,8 +42,7 @@ TEST(FfmpegColourConversion, MatchesBt709LimitedRangeWithinOneStep) {
     ffmpeg::bgraToI420Bt709(bgra.data(), stride, width, height, y.data(), width, u.data(),
                             width / 2, v.data(), width / 2);
     std::vector<std::uint8_t> y2(width * height), uv(width * height / 2);
-    ffmpeg::bgraToNv12Bt709(bgra.data(), stride, width, height, y2.data(), width, uv.data(),
-                            width);
+    ffmpeg::bgraToNv12Bt709(bgra.data(), stride, width, height, y2.data(), width, uv.data(), width);
     EXPECT_EQ(y, y2);
 
     int worst = 0;
@@ -58,7 +58,8 @@ TEST(FfmpegColourConversion, MatchesBt709LimitedRangeWithinOneStep) {
             double r = 0, g = 0, b = 0;
             for (int dy = 0; dy < 2; ++dy) {
                 for (int dx = 0; dx < 2; ++dx) {
-                    const std::uint8_t* p = &bgra[std::size_t(2 * row + dy) * stride + (2 * x + dx) * 4];
+                    const std::uint8_t* p =
+                        &bgra[std::size_t(2 * row + dy) * stride + (2 * x + dx) * 4];
                     b += p[0] / 4.0, g += p[1] / 4.0, r += p[2] / 4.0;
                 }
             }

@@ -70,26 +70,31 @@ std::vector<std::string> topLevelBoxes(const std::string& path) {
     std::vector<std::string> boxes;
     for (;;) {
         unsigned char header[16];
-        if (!in.read(reinterpret_cast<char*>(header), 8)) break;
-        std::uint64_t size = (std::uint64_t(header[0]) << 24) | (header[1] << 16) |
-                             (header[2] << 8) | header[3];
+        if (!in.read(reinterpret_cast<char*>(header), 8))
+            break;
+        std::uint64_t size =
+            (std::uint64_t(header[0]) << 24) | (header[1] << 16) | (header[2] << 8) | header[3];
         boxes.emplace_back(reinterpret_cast<char*>(header + 4), 4);
         std::uint64_t headerSize = 8;
         if (size == 1) {
-            if (!in.read(reinterpret_cast<char*>(header + 8), 8)) break;
+            if (!in.read(reinterpret_cast<char*>(header + 8), 8))
+                break;
             size = 0;
-            for (int i = 8; i < 16; ++i) size = (size << 8) | header[i];
+            for (int i = 8; i < 16; ++i)
+                size = (size << 8) | header[i];
             headerSize = 16;
         }
-        if (size == 0) break;  // to the end of the file
-        if (size < headerSize) break;
+        if (size == 0)
+            break;  // to the end of the file
+        if (size < headerSize)
+            break;
         in.seekg(std::streamoff(size - headerSize), std::ios::cur);
     }
     return boxes;
 }
 
 class FfmpegVideoEncoderTest : public ::testing::Test {
-protected:
+  protected:
     fs::path dir;
     void SetUp() override {
         char pattern[] = "/tmp/pavix-writer-XXXXXX";
@@ -160,7 +165,8 @@ TEST_F(FfmpegVideoEncoderTest, StaticContentEndsAtTheStopTimeAndKeyFramesFollowT
     CaptureWriter writer(path, encodingOf(640, 360), std::make_unique<FfmpegVideoEncoder>());
     // Half a second of frames, three seconds without a change, then a few irregular frames.
     int i = 0;
-    for (; i < 30; ++i) appendAndWait(writer, movingFrame(640, 360, i, kT0 + i * kFrameNs));
+    for (; i < 30; ++i)
+        appendAndWait(writer, movingFrame(640, 360, i, kT0 + i * kFrameNs));
     const std::int64_t later = kT0 + 3'500'000'000;
     for (int k = 0; k < 5; ++k, ++i) {
         appendAndWait(writer, movingFrame(640, 360, i, later + k * 23'000'000));
@@ -223,7 +229,8 @@ TEST_F(FfmpegVideoEncoderTest, AKilledRecordingLeavesAPlayableFileUpToItsLastFra
             appendAndWait(writer, movingFrame(640, 360, i, kT0 + i * kFrameNs));
         }
         (void)!write(ready[1], "r", 1);
-        for (;;) pause();
+        for (;;)
+            pause();
     }
     close(ready[1]);
     char byte = 0;
@@ -253,7 +260,8 @@ TEST_F(FfmpegVideoEncoderTest, AKilledRecordingLeavesAPlayableFileUpToItsLastFra
 TEST_F(FfmpegVideoEncoderTest, CancelLeavesThePartialFileToTheCaller) {
     const std::string path = dir / "Pavix-e.mp4";
     CaptureWriter writer(path, encodingOf(640, 360), std::make_unique<FfmpegVideoEncoder>());
-    for (int i = 0; i < 10; ++i) appendAndWait(writer, movingFrame(640, 360, i, kT0 + i * kFrameNs));
+    for (int i = 0; i < 10; ++i)
+        appendAndWait(writer, movingFrame(640, 360, i, kT0 + i * kFrameNs));
     writer.cancel();
     EXPECT_TRUE(fs::exists(path));
 }

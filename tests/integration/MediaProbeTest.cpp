@@ -12,7 +12,7 @@ namespace {
 namespace fs = std::filesystem;
 
 class MediaProbeTest : public ::testing::Test {
-protected:
+  protected:
     fs::path dir;
     void SetUp() override {
         char pattern[] = "/tmp/pavix-probe-XXXXXX";
@@ -27,7 +27,8 @@ protected:
         const std::string command =
             "ffmpeg -nostdin -loglevel error -f lavfi -i testsrc2=size=320x240:rate=30 -t 2 " +
             encoderArgs + " '" + path + "'";
-        if (std::system(command.c_str()) != 0) return "";
+        if (std::system(command.c_str()) != 0)
+            return "";
         return path;
     }
 };
@@ -36,7 +37,8 @@ TEST_F(MediaProbeTest, SeesBFramesProfileAndColourTagsOfAReferenceFile) {
     const auto path = make("b.mp4",
                            "-c:v libx264 -profile:v main -bf 3 -pix_fmt yuv420p "
                            "-color_primaries bt470bg -color_trc smpte170m -colorspace bt470bg");
-    if (path.empty()) GTEST_SKIP() << "the ffmpeg tool is not available";
+    if (path.empty())
+        GTEST_SKIP() << "the ffmpeg tool is not available";
     auto info = MediaProbe::read(path, {true, 60});
     ASSERT_TRUE(info);
     EXPECT_TRUE(info->hasBFrames);
@@ -54,7 +56,8 @@ TEST_F(MediaProbeTest, SeesBFramesProfileAndColourTagsOfAReferenceFile) {
 
 TEST_F(MediaProbeTest, WithoutBFramesSaysSo) {
     const auto path = make("p.mp4", "-c:v libx264 -bf 0 -pix_fmt yuv420p");
-    if (path.empty()) GTEST_SKIP() << "the ffmpeg tool is not available";
+    if (path.empty())
+        GTEST_SKIP() << "the ffmpeg tool is not available";
     auto info = MediaProbe::read(path, {true, 60});
     ASSERT_TRUE(info);
     EXPECT_FALSE(info->hasBFrames);

@@ -23,8 +23,8 @@ struct FakeVideoEncoderLog {
     // Scripted behaviour.
     bool openResult = true;
     std::exception_ptr openError;
-    std::function<bool(std::int64_t appendIndex)> appendResult;       // default: true
-    std::function<void(std::int64_t appendIndex)> appendThrows;       // may throw
+    std::function<bool(std::int64_t appendIndex)> appendResult;  // default: true
+    std::function<void(std::int64_t appendIndex)> appendThrows;  // may throw
     bool finishResult = true;
     std::exception_ptr finishError;
     bool blocked = false;  // while true, append waits (an encoder that is behind)
@@ -46,7 +46,7 @@ struct FakeVideoEncoderLog {
 };
 
 class FakeVideoEncoder : public VideoEncoder {
-public:
+  public:
     explicit FakeVideoEncoder(std::shared_ptr<FakeVideoEncoderLog> log) : log_(std::move(log)) {}
 
     bool open(const std::string& path, const VideoEncoderSettings& settings) override;
@@ -54,13 +54,13 @@ public:
     bool finish(std::int64_t endNs) override;
     void cancel() override;
 
-private:
+  private:
     std::shared_ptr<FakeVideoEncoderLog> log_;
 };
 
 // A probe that answers from a rule and remembers what it was asked.
 class FakeEncoderProbe : public EncoderProbe {
-public:
+  public:
     std::function<bool(const VideoEncoderSettings&)> rule = [](const auto&) { return true; };
     std::vector<VideoEncoderSettings> asked;
 

@@ -99,8 +99,7 @@ TEST(CaptureEncoding, ChooseTakesTheFirstAcceptedInOrder) {
     ASSERT_TRUE(chosen);
     EXPECT_EQ(chosen->size, (CaptureGeometry{1662, 1080}));
     EXPECT_EQ(asked, (std::vector<std::int64_t>{2216, 1662}));
-    EXPECT_EQ(CaptureEncoding::choose(candidates, [](const auto&) { return false; }),
-              std::nullopt);
+    EXPECT_EQ(CaptureEncoding::choose(candidates, [](const auto&) { return false; }), std::nullopt);
     EXPECT_EQ(CaptureEncoding::choose({}, [](const auto&) { return true; }), std::nullopt);
 }
 

@@ -42,7 +42,7 @@ std::string messageOf(const std::function<void()>& action) {
 }
 
 class CaptureWriterTest : public ::testing::Test {
-protected:
+  protected:
     std::shared_ptr<FakeVideoEncoderLog> log = std::make_shared<FakeVideoEncoderLog>();
 
     std::unique_ptr<CaptureWriter> make(std::size_t depth = CaptureWriter::defaultQueueDepth) {
@@ -75,11 +75,11 @@ TEST_F(CaptureWriterTest, TakesOnlyCompleteFramesInStrictlyIncreasingTimeFromThe
     writer->setOnFirstFrame([&] { ++firstFrames; });
 
     writer->append(frame(kT0 - 10 * kMs, false));  // idle before anything: not the origin
-    writer->append(frame(kT0));                     // origin of the timeline
+    writer->append(frame(kT0));                    // origin of the timeline
     ASSERT_TRUE(log->waitForAppends(1));
     writer->append(frame(kT0 + 10 * kMs, false));  // idle: skipped
-    writer->append(frame(kT0));                     // same time: dropped
-    writer->append(frame(kT0 - 1));                 // backwards: dropped
+    writer->append(frame(kT0));                    // same time: dropped
+    writer->append(frame(kT0 - 1));                // backwards: dropped
     writer->append(frame(kT0 + 17 * kMs));
     ASSERT_TRUE(log->waitForAppends(2));
     writer->append(frame(kT0 + 33 * kMs));
@@ -123,8 +123,7 @@ TEST_F(CaptureWriterTest, ShedsNewFramesWhileTheEncoderIsBehind) {
     ASSERT_TRUE(log->waitForAppends(3));  // caught up: room again
     writer->append(frame(kT0 + 200 * kMs));
     writer->finish(kT0 + 200 * kMs);
-    EXPECT_EQ(log->appendedPts,
-              (std::vector<std::int64_t>{0, 16 * kMs, 33 * kMs, 200 * kMs}));
+    EXPECT_EQ(log->appendedPts, (std::vector<std::int64_t>{0, 16 * kMs, 33 * kMs, 200 * kMs}));
     auto c = writer->counters();
     EXPECT_EQ(c.framesAppended, 4);
     EXPECT_EQ(c.framesShed, 7);
@@ -148,7 +147,8 @@ TEST_F(CaptureWriterTest, AppendNeverWaitsForTheEncoder) {
 TEST_F(CaptureWriterTest, FirstFailureIsStickyReportedOnceAndThrownByFinish) {
     log->appendResult = [](std::int64_t index) { return index != 1; };  // second frame fails
     log->appendThrows = [](std::int64_t index) {
-        if (index == 2) throw std::runtime_error("second failure");
+        if (index == 2)
+            throw std::runtime_error("second failure");
     };
     auto writer = make();
     std::atomic<int> failures = 0;
@@ -189,8 +189,7 @@ TEST_F(CaptureWriterTest, StoppingBeforeAnyCompleteFrameAbandonsTheFileWithNoFra
     auto writer = make();
     writer->append(frame(kT0, false));
     writer->append(frame(kT0 + 16 * kMs, false));
-    EXPECT_EQ(messageOf([&] { writer->finish(kT0 + 100 * kMs); }),
-              "The recording has no frames.");
+    EXPECT_EQ(messageOf([&] { writer->finish(kT0 + 100 * kMs); }), "The recording has no frames.");
     EXPECT_EQ(log->cancels, 1);
     EXPECT_FALSE(log->finishedAt);
 }
@@ -243,7 +242,8 @@ TEST_F(CaptureWriterTest, CancelFromTheFailureCallbackDoesNotDeadlock) {
     });
     writer->append(frame(kT0));
     ASSERT_TRUE(log->waitForAppends(1));
-    while (!called) std::this_thread::yield();
+    while (!called)
+        std::this_thread::yield();
     writer.reset();
     EXPECT_EQ(log->cancels, 1);
 }

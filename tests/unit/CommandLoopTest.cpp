@@ -4,8 +4,8 @@
 
 #include <future>
 
-#include "core/session/CommandEnvelope.h"
 #include "core/runtime/Uuid.h"
+#include "core/session/CommandEnvelope.h"
 #include "core/session/ErrorText.h"
 #include "support/StudioHarness.h"
 #include "support/StudioTestAccess.h"
@@ -34,7 +34,7 @@ ShareableContentSnapshot desktop() {
 }
 
 class CommandLoop : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         h.content.set(desktop());
         h.await(h.studio().refreshSources());
@@ -57,8 +57,7 @@ protected:
 TEST_F(CommandLoop, SourcesAreListedAndSelectedWithMeta) {
     auto listed = call("listSources");
     ASSERT_TRUE(listed.contains("value")) << listed.dump();
-    EXPECT_EQ(listed["value"]["sources"],
-              json::parse(R"json([
+    EXPECT_EQ(listed["value"]["sources"], json::parse(R"json([
                 {"id":"window-4242","title":"Text Editor — notes.txt","kind":"window","width":800,"height":600},
                 {"id":"display-77","title":"Entire display 77 (includes other visible apps)","kind":"display","width":1920,"height":1080}])json"));
     EXPECT_EQ(listed["meta"]["recordingMode"], "screencast");
@@ -66,8 +65,10 @@ TEST_F(CommandLoop, SourcesAreListedAndSelectedWithMeta) {
     EXPECT_EQ(listed["meta"]["identitySightings"], json::array());
 
     auto selected = call("selectSource", json::array({{{"sourceId", "window-4242"}}}));
-    EXPECT_EQ(selected["value"],
-              json::parse(R"({"selected":{"id":"window-4242","title":"Text Editor — notes.txt","width":800,"height":600}})"));
+    EXPECT_EQ(
+        selected["value"],
+        json::parse(
+            R"({"selected":{"id":"window-4242","title":"Text Editor — notes.txt","width":800,"height":600}})"));
     EXPECT_EQ(selected["meta"]["captureViewport"], json({{"width", 800}, {"height", 600}}));
     EXPECT_EQ(h.studio().state().selection, "window-4242");
     EXPECT_TRUE(h.log.contains("agent selected source window-4242"));

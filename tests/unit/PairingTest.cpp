@@ -12,7 +12,7 @@ using nlohmann::json;
 using std::chrono::milliseconds;
 
 class Pairing : public ::testing::Test {
-protected:
+  protected:
     std::string path(const std::string& name) { return ScriptedService::path(name); }
     std::string savedSecret() {
         std::lock_guard lock(h.secrets.mutex);
@@ -67,8 +67,11 @@ TEST_F(Pairing, ReplyWithoutTokenOrForAnotherModeIsRefused) {
         std::string status;
         std::string code = "app_rule";
     };
-    auto identity = json{{"deviceId", "d"}, {"accessToken", "a"}, {"accessExpiresAt", 1e13},
-                         {"refreshToken", "r"}, {"refreshExpiresAt", 1e13}};
+    auto identity = json{{"deviceId", "d"},
+                         {"accessToken", "a"},
+                         {"accessExpiresAt", 1e13},
+                         {"refreshToken", "r"},
+                         {"refreshExpiresAt", 1e13}};
     auto browser = identity;
     browser["token"] = "t";
     browser["mode"] = "browser";
