@@ -1,0 +1,170 @@
+// The async runtime the model runs on: tasks and their cancellation, work offloaded to the
+// pool, cancellable HTTP, and state change notification.
+#include <gtest/gtest.h>
+
+#include "core/net/TransportError.h"
+#include "core/runtime/Offload.h"
+#include "core/runtime/Sleep.h"
+#include "core/runtime/Task.h"
+#include "core/session/ErrorText.h"
+#include "support/StudioHarness.h"
+
+namespace pavix::test {
+namespace {
+
+using std::chrono::milliseconds;
+
+TEST(Runtime, OffloadResumesOnTheModelThreadWithTheResultOrTheError) {
+    StudioHarness h;
+    asio::thread_pool pool(1);
+    auto modelThread = std::this_thread::get_id();
+    std::thread::id workThread, resumedOn;
+    auto value = h.await([&]() -> asio::awaitable<int> {
+        auto work = [&] {
+            workThread = std::this_thread::get_id();
+            return 42;
+        };
+        int result = co_await offload(pool, std::move(work));
+        resumedOn = std::this_thread::get_id();
+        co_return result;
+    }());
+    EXPECT_EQ(value, 42);
+    EXPECT_NE(workThread, modelThread);
+    EXPECT_EQ(resumedOn, modelThread);
+
+    auto failing = [&]() -> asio::awaitable<void> {
+        auto work = [] { throw std::runtime_error("disk on fire"); };
+        co_await offload(pool, std::move(work));
+    };
+    try {
+        h.await(failing());
+        FAIL() << "the error was lost";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "disk on fire");
+    }
+}
+
+TEST(Runtime, CancellingATaskEndsItAtItsNextSuspension) {
+    StudioHarness h;
+    bool reachedEnd = false, cleanedUp = false;
+    std::string errorSeen;
+    // Coroutine lambdas are named: their captures live in the lambda object, which must
+    // outlive the task.
+    auto sleeper = [&]() -> asio::awaitable<void> {
+        struct Cleanup {
+            bool& flag;
+            ~Cleanup() { flag = true; }
+        } cleanup{cleanedUp};
+        co_await sleepFor(std::chrono::hours(1));
+        reachedEnd = true;
+    };
+    auto task = Task::spawn(h.io.get_executor(), sleeper(),
+                            [&](std::exception_ptr e) { errorSeen = ErrorText::describe(e); });
+    h.runFor(milliseconds(20));
+    EXPECT_TRUE(task.running());
+    task.cancel();
+    ASSERT_TRUE(h.runUntil([&] { return !task.running(); }, milliseconds(1000)));
+    EXPECT_FALSE(reachedEnd);
+    EXPECT_TRUE(cleanedUp);
+    EXPECT_EQ(errorSeen, "");  // cancellation is no error
+
+    // Replacing a handle cancels the task it held.
+    bool firstEnded = false;
+    auto first = [&]() -> asio::awaitable<void> {
+        try {
+            co_await sleepFor(std::chrono::hours(1));
+        } catch (...) {
+            firstEnded = true;
+            throw;
+        }
+    };
+    Task holder = Task::spawn(h.io.get_executor(), first());
+    h.runFor(milliseconds(10));
+    holder = Task::spawn(h.io.get_executor(), []() -> asio::awaitable<void> { co_return; }());
+    ASSERT_TRUE(h.runUntil([&] { return firstEnded; }, milliseconds(1000)));
+
+    // Other errors reach the handler.
+    auto boom = []() -> asio::awaitable<void> {
+        co_await sleepFor(milliseconds(1));
+        throw std::runtime_error("boom");
+    };
+    auto failing = Task::spawn(h.io.get_executor(), boom(),
+                               [&](std::exception_ptr e) { errorSeen = ErrorText::describe(e); });
+    ASSERT_TRUE(h.runUntil([&] { return errorSeen == "boom"; }));
+}
+
+TEST(Runtime, CancellingARequestAbandonsItPromptly) {
+    StudioHarness h;
+    std::atomic<bool> arrived{false};
+    h.server.on("/slow", [&](const httplib::Request&, httplib::Response& response) {
+        arrived = true;
+        std::this_thread::sleep_for(milliseconds(1500));
+        response.set_content("{}", "application/json");
+    });
+    HttpClient http;
+    std::string outcome;
+    auto slow = [&]() -> asio::awaitable<void> {
+        HttpRequest request;
+        request.url = h.server.base() + "/slow";
+        try {
+            co_await http.send(std::move(request));
+            outcome = "answered";
+        } catch (...) {
+            outcome = ErrorText::isCancellation(std::current_exception()) ? "cancelled" : "failed";
+            throw;
+        }
+    };
+    auto task = Task::spawn(h.io.get_executor(), slow());
+    ASSERT_TRUE(h.runUntil([&] { return arrived.load(); }));
+    task.cancel();
+    // Well before the server would have answered.
+    ASSERT_TRUE(h.runUntil([&] { return !outcome.empty(); }, milliseconds(1000)));
+    EXPECT_EQ(outcome, "cancelled");
+
+    // The client keeps working after an abandoned request.
+    h.server.reply("/quick", 200, R"({"ok":1})");
+    HttpRequest quick;
+    quick.url = h.server.base() + "/quick";
+    auto response = h.await(http.send(quick));
+    EXPECT_EQ(response.status, 200);
+    EXPECT_EQ(response.body, R"({"ok":1})");
+}
+
+TEST(Runtime, TimeOutsAndUnreachableHostsAreTransportErrors) {
+    StudioHarness h;
+    h.server.on("/stall", [](const httplib::Request&, httplib::Response& response) {
+        std::this_thread::sleep_for(milliseconds(800));
+        response.set_content("{}", "application/json");
+    });
+    HttpClient http;
+    HttpRequest request;
+    request.url = h.server.base() + "/stall";
+    request.timeout = milliseconds(200);
+    try {
+        h.await(http.send(request));
+        FAIL() << "no time-out";
+    } catch (const TransportError& e) {
+        EXPECT_EQ(e.code(), TransportError::kTimedOut);
+        EXPECT_STREQ(e.what(), "The request timed out.");
+    }
+    request.url = "ftp://127.0.0.1/file";
+    EXPECT_THROW(h.await(http.send(request)), TransportError);
+}
+
+TEST(Runtime, ObserversSeeEveryPublishedChange) {
+    StudioHarness h;
+    std::vector<std::string> statuses;
+    std::vector<bool> connected;
+    h.studio().observe([&](const StudioState& state) {
+        statuses.push_back(state.status);
+        connected.push_back(state.connected);
+    });
+    h.pairWithCode();
+    ASSERT_FALSE(statuses.empty());
+    EXPECT_TRUE(connected.back());
+    EXPECT_EQ(statuses.back(), h.studio().state().status);
+    EXPECT_NE(std::find(connected.begin(), connected.end(), false), connected.end());
+}
+
+}  // namespace
+}  // namespace pavix::test
