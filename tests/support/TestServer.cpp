@@ -35,6 +35,12 @@ TestServer::TestServer() {
     server_.Get(".*", dispatch);
     port_ = server_.bind_to_any_port("127.0.0.1");
     thread_ = std::thread([this] { server_.listen_after_bind(); });
+    // stop() is lost on a server whose accept loop has not started yet, and this version of
+    // httplib offers nothing to await: wait until it reports running.
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!server_.is_running() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 TestServer::~TestServer() {
