@@ -8,7 +8,9 @@ namespace pavix {
 // The work handed to offload is always a named local: GCC 12 destroys the temporaries of a
 // lambda with init-captures written inside a co_await expression twice.
 
-std::string DeviceKeychain::service() { return "app.pavix.Pavix.device"; }
+std::string DeviceKeychain::service() {
+    return "app.pavix.Pavix.device";
+}
 
 asio::awaitable<std::optional<DeviceIdentity>> DeviceKeychain::load(const std::string& server) {
     auto work = [store = &store_, server] { return store->load(service(), server); };

@@ -99,6 +99,7 @@ class Studio {
 
     asio::awaitable<void> connect();
     asio::awaitable<void> revokeCredential();
+    asio::awaitable<void> discardSavedIdentity();
     nlohmann::json meta() const;
     asio::awaitable<nlohmann::json> runSessionMethod(const std::string& method,
                                                      const nlohmann::json& args);

@@ -154,15 +154,7 @@ asio::awaitable<void> Studio::connect() {
             log("saved pairing rejected by server; discarding it (code " +
                 e.code().value_or("none") + ")");
         }
-        try {
-            co_await keychain_.remove(state_.server);
-        } catch (...) {
-            log("saved pairing could not be removed: " +
-                ErrorText::describe(std::current_exception()));
-        }
-        identity_.reset();
-        token_.reset();
-        change([](StudioState& s) { s.paired = false; });
+        co_await discardSavedIdentity();
         if (state_.code.empty()) {
             throw PavixError(
                 "This computer's saved pairing is no longer valid. Enter a new code from your "
@@ -261,6 +253,14 @@ asio::awaitable<void> Studio::forgetDevice() {
     co_await disconnect(message);
     if (identity_) {
         co_await revokeCredential();
+    }
+    co_await discardSavedIdentity();
+    setStatus(message);
+}
+
+// Forgets the credential here: the keyring item, the one in memory and the session token.
+asio::awaitable<void> Studio::discardSavedIdentity() {
+    if (identity_) {
         try {
             co_await keychain_.remove(state_.server);
         } catch (...) {
@@ -271,7 +271,6 @@ asio::awaitable<void> Studio::forgetDevice() {
     identity_.reset();
     token_.reset();
     change([](StudioState& s) { s.paired = false; });
-    setStatus(message);
 }
 
 // Tells the server to revoke the credential, refreshing the access token first when it has
