@@ -59,7 +59,7 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "no device listed\n");
         return 1;
     }
-    auto path = "/agent/devices/" + list["devices"][0]["id"].get<std::string>() + "/commands";
+    auto path = "/agent/devices/" + list["devices"][0]["deviceId"].get<std::string>() + "/commands";
     nlohmann::json body = {{"method", "currentUrl"}, {"args", nlohmann::json::array()},
                            {"timeoutMs", 10000}};
 
