@@ -162,7 +162,9 @@ class HttpClient::Engine {
         curl_easy_setopt(t.easy, CURLOPT_WRITEFUNCTION, &Engine::onReply);
         curl_easy_setopt(t.easy, CURLOPT_WRITEDATA, &t);
         for (const auto& [name, value] : r.headers) {
-            t.headers = curl_slist_append(t.headers, (name + ": " + value).c_str());
+            std::string line = name;
+            line.append(": ").append(value);
+            t.headers = curl_slist_append(t.headers, line.c_str());
         }
         // libcurl would otherwise send "Expect: 100-continue" with bodies over 1 MiB and wait
         // up to a second for the server's go-ahead.
@@ -307,7 +309,8 @@ asio::awaitable<HttpResponse> HttpClient::send(HttpRequest request) {
     // so the result is always released on the executor that owns it.
     transfer->complete = [executor, pending](std::exception_ptr error,
                                              HttpResponse response) mutable {
-        asio::post(executor, [p = std::move(pending), error, r = std::move(response)]() mutable {
+        asio::post(executor, [p = std::move(pending), error = std::move(error),
+                              r = std::move(response)]() mutable {
             if (error) {
                 p->reject(error);
             } else {

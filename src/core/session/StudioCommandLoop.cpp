@@ -12,7 +12,7 @@ namespace {
 
 // Whether a failed poll is worth a reconnect: an HTTP refusal marked transient, or no HTTP
 // reply at all (which counts as status 0).
-bool isTransient(std::exception_ptr error) {
+bool isTransient(const std::exception_ptr& error) {
     try {
         std::rethrow_exception(error);
     } catch (const PavixHTTPError& e) {
