@@ -18,11 +18,17 @@
 #include "core/runtime/StreamLog.h"
 #include "core/session/Studio.h"
 #include "linux/FallbackSecretStore.h"
+#include "linux/FfmpegEncoderProbe.h"
+#include "linux/FfmpegMediaReader.h"
+#include "linux/FfmpegPngEncoder.h"
+#include "linux/FfmpegVideoEncoder.h"
 #include "linux/FileSecretStore.h"
 #include "linux/LibsecretStore.h"
 #include "linux/Permissions.h"
 #include "linux/StatvfsVolume.h"
+#include "linux/X11CaptureStream.h"
 #include "linux/X11ShareableContent.h"
+#include "linux/X11WindowLayers.h"
 #include "linux/XdgFolders.h"
 
 using namespace pavix;
@@ -53,6 +59,16 @@ std::unique_ptr<ShareableContent> shareableContent(Log& log) {
     } catch (const std::exception& e) {
         log.line(std::string("no display to record: ") + e.what());
         return std::make_unique<UnavailableContent>(e.what());
+    }
+}
+
+// The layer track needs the window system; without it recordings go on without layers.
+std::unique_ptr<WindowLayers> windowLayers(Log& log) {
+    try {
+        return std::make_unique<X11WindowLayers>();
+    } catch (const std::exception& e) {
+        log.line(std::string("no window list for layers: ") + e.what());
+        return nullptr;
     }
 }
 
@@ -127,6 +143,10 @@ int main(int argc, char** argv) {
     QtDefaults defaults;
     auto content = shareableContent(log);
     StatvfsVolume volume;
+    FfmpegEncoderProbe encoderProbe;
+    FfmpegMediaReader mediaReader;
+    FfmpegPngEncoder pngEncoder;
+    auto layers = windowLayers(log);
 
     StudioEnvironment env;
     env.executor = io.get_executor();
@@ -136,6 +156,12 @@ int main(int argc, char** argv) {
     env.defaults = &defaults;
     env.content = content.get();
     env.volume = &volume;
+    env.capture.streams = [] { return std::make_unique<X11CaptureStream>(); };
+    env.capture.encoders = [] { return std::make_unique<FfmpegVideoEncoder>(); };
+    env.capture.probe = &encoderProbe;
+    env.capture.media = &mediaReader;
+    env.capture.layers = layers.get();
+    env.capture.stills = &pngEncoder;
     env.log = &log;
     env.timing = timing;
     env.nowMs = [] {

@@ -14,7 +14,7 @@ Timing fastTiming() {
     return timing;
 }
 
-StudioHarness::StudioHarness(Timing timing) {
+StudioHarness::StudioHarness(Timing timing, CapturePlatform capture) {
     StudioEnvironment env;
     env.executor = io.get_executor();
     env.pool = &pool_;
@@ -23,6 +23,7 @@ StudioHarness::StudioHarness(Timing timing) {
     env.defaults = &defaults;
     env.content = &content;
     env.volume = &volume;
+    env.capture = std::move(capture);
     env.log = &log;
     env.timing = timing;
     env.nowMs = [this] { return nowMs; };

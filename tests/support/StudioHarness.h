@@ -24,7 +24,8 @@ Timing fastTiming();
 // The model executor runs only while a test awaits something.
 class StudioHarness {
   public:
-    explicit StudioHarness(Timing timing = fastTiming());
+    // `capture` gives the Studio platform parts for recordings and stills (none by default).
+    explicit StudioHarness(Timing timing = fastTiming(), CapturePlatform capture = {});
     ~StudioHarness();
 
     // Runs `operation` on the model executor to completion and returns its result.

@@ -18,6 +18,16 @@ Studio::Studio(StudioEnvironment environment)
     state_.showHUD = env_.defaults->boolean("showBar").value_or(true);
     state_.autoTrashUploaded = env_.defaults->boolean("autoTrashUploaded").value_or(true);
     lastSourceTitle_ = env_.defaults->text("lastSourceTitle");
+    Capture::Parts parts;
+    parts.executor = env_.executor;
+    parts.pool = env_.pool;
+    parts.platform = env_.capture;
+    parts.content = env_.content;
+    parts.defaults = env_.defaults;
+    parts.log = env_.log;
+    parts.timing = env_.timing;
+    parts.libraryLabel = env_.libraryLabel;
+    capture_ = std::make_unique<Capture>(std::move(parts));
 }
 
 Studio::~Studio() = default;

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "core/capture/Capture.h"
 #include "core/net/Url.h"
 #include "core/runtime/Task.h"
 #include "core/session/DeviceIdentity.h"
@@ -74,6 +75,10 @@ class Studio {
     void selectSource(const std::string& id);
     std::optional<CaptureSource> selectedSource() const;
 
+    // --- capture
+    Capture& capture() { return *capture_; }
+    const Capture& capture() const { return *capture_; }
+
     // Read-only views for the application and tests.
     const std::optional<DeviceIdentity>& identity() const { return identity_; }
     const std::string& connectionGeneration() const { return connectionGeneration_; }
@@ -103,6 +108,7 @@ class Studio {
     nlohmann::json meta() const;
     asio::awaitable<nlohmann::json> runSessionMethod(const std::string& method,
                                                      const nlohmann::json& args);
+    asio::awaitable<nlohmann::json> screenshot();
     asio::awaitable<void> postResult(const std::string& id, const nlohmann::json& body);
     asio::awaitable<void> watchdogLoop(CaptureSource source, std::string generation);
     asio::awaitable<void> refreshLater(std::string generation, Timing::ms delay);
@@ -119,6 +125,7 @@ class Studio {
     std::string connectionGeneration_;
     bool disconnecting_ = false;
     std::optional<std::string> lastSourceTitle_;
+    std::unique_ptr<Capture> capture_;
 
     Task loop_;
     Task reconnectTask_;

@@ -2,7 +2,9 @@
 #include <array>
 
 #include "core/app/ServiceAddresses.h"
+#include "core/runtime/Base64.h"
 #include "core/session/CommandEnvelope.h"
+#include "core/session/ErrorText.h"
 #include "core/session/PavixError.h"
 #include "core/session/Studio.h"
 
@@ -67,16 +69,45 @@ asio::awaitable<nlohmann::json> Studio::runSessionMethod(const std::string& meth
         log("agent selected source " + state_.selection);
         co_return nlohmann::json{{"selected", describeSource(*selectedSource())}};
     }
-    if (method == "startRecording" || method == "stopRecording" || method == "screenshot" ||
-        method == "markDemoMoment" || method == "dispose") {
+    if (method == "screenshot") {
+        co_return co_await screenshot();
+    }
+    if (method == "startRecording" || method == "stopRecording" || method == "markDemoMoment" ||
+        method == "dispose") {
         throw PavixError("Recording is not available in this version of Pavix.");
     }
     throw PavixError("Unknown method " + (method.empty() ? std::string("(none)") : method) + ".");
 }
 
+asio::awaitable<nlohmann::json> Studio::screenshot() {
+    if (capture_->running()) {
+        throw PavixError("Preview is available after recording stops.");
+    }
+    auto source = selectedSource();
+    if (!source) {
+        throw PavixError("Screenshot unavailable");
+    }
+    std::vector<std::uint8_t> png;
+    std::exception_ptr failure;
+    try {
+        png = co_await capture_->still(*source);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (failure) {
+        log("screenshot failed: " + ErrorText::describe(failure));
+        throw PavixError("Screenshot unavailable");
+    }
+    nlohmann::json body = {{"$bytes", Base64::encode(png)}};
+    co_return nlohmann::json{
+        {"body", body}, {"contentType", "image/png"}, {"redactionPassed", false}};
+}
+
 nlohmann::json Studio::meta() const {
     nlohmann::json viewport = {{"width", 0}, {"height", 0}};
-    if (auto source = selectedSource()) {
+    if (capture_->encoding()) {
+        viewport = {{"width", capture_->width()}, {"height", capture_->height()}};
+    } else if (auto source = selectedSource()) {
         viewport = {{"width", source->width}, {"height", source->height}};
     }
     return {{"captureViewport", viewport},

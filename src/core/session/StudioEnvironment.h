@@ -7,6 +7,7 @@
 #include <string>
 
 #include "core/app/Defaults.h"
+#include "core/capture/CapturePlatform.h"
 #include "core/net/HttpClient.h"
 #include "core/runtime/Log.h"
 #include "core/runtime/Timing.h"
@@ -26,6 +27,7 @@ struct StudioEnvironment {
     Defaults* defaults = nullptr;
     ShareableContent* content = nullptr;
     Volume* volume = nullptr;
+    CapturePlatform capture;  // streams, encoders and read-back for recordings and stills
     Log* log = nullptr;
     Timing timing;
     // Milliseconds since 1970 on the wall clock (credential expiry times are in that unit).

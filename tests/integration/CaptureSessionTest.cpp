@@ -1,0 +1,423 @@
+// GoogleTest comes before any X11 header: Xlib defines None, Bool and Status as macros.
+#include <gtest/gtest.h>
+// cpp-httplib (through the harness) also comes before them: it names an enumerator Success.
+#include "support/StudioHarness.h"
+
+#include <openssl/evp.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <asio/co_spawn.hpp>
+#include <asio/detached.hpp>
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+#include "core/capture/Capture.h"
+#include "core/capture/CaptureGuards.h"
+#include "core/capture/CaptureSources.h"
+#include "core/session/PavixError.h"
+#include "linux/FfmpegEncoderProbe.h"
+#include "linux/FfmpegMediaReader.h"
+#include "linux/FfmpegPngEncoder.h"
+#include "linux/FfmpegVideoEncoder.h"
+#include "linux/MediaProbe.h"
+#include "linux/X11CaptureStream.h"
+#include "linux/X11ShareableContent.h"
+#include "linux/X11WindowLayers.h"
+#include "support/X11TestWindow.h"
+
+namespace pavix {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using test::StudioHarness;
+using test::X11TestDisplay;
+using test::X11TestWindow;
+using test::X11TestWindowOptions;
+
+constexpr std::uint32_t red = 0xff0000, green = 0x00ff00, blue = 0x0000ff;
+
+// The real platform parts of a recording on this display.
+struct RealParts {
+    FfmpegEncoderProbe probe;
+    FfmpegMediaReader media;
+    X11WindowLayers layers;
+    FfmpegPngEncoder png;
+
+    CapturePlatform platform() {
+        CapturePlatform p;
+        p.streams = [] { return std::make_unique<X11CaptureStream>(); };
+        p.encoders = [] { return std::make_unique<FfmpegVideoEncoder>(); };
+        p.probe = &probe;
+        p.media = &media;
+        p.layers = &layers;
+        p.stills = &png;
+        return p;
+    }
+};
+
+Timing captureTiming() {
+    Timing timing = test::fastTiming();
+    timing.firstFramePoll = 100ms;
+    timing.layerInterval = 33ms;
+    return timing;
+}
+
+// The last picture of a video (or of an image) as 8-bit RGB, decoded by the ffmpeg tool.
+std::vector<std::uint8_t> lastPicture(const fs::path& file, int width, int height) {
+    std::string command =
+        "ffmpeg -v error -i '" + file.string() + "' -f rawvideo -pix_fmt rgb24 - 2>/dev/null";
+    const std::size_t size = std::size_t(width) * height * 3;
+    std::vector<std::uint8_t> rgb(size), next(size);
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (pipe == nullptr) {
+        return {};
+    }
+    bool any = false;
+    while (std::fread(next.data(), 1, size, pipe) == size) {
+        rgb.swap(next);
+        any = true;
+    }
+    ::pclose(pipe);
+    return any ? rgb : std::vector<std::uint8_t>{};
+}
+
+// Whether the RGB pixel is close to 0xRRGGBB (video compression and limited range shift it a
+// little).
+bool near(const std::vector<std::uint8_t>& rgb, int width, int x, int y, std::uint32_t colour) {
+    const std::uint8_t* p = rgb.data() + (std::size_t(y) * width + x) * 3;
+    auto close = [](int a, int b) { return std::abs(a - b) < 40; };
+    return close(p[0], colour >> 16 & 0xff) && close(p[1], colour >> 8 & 0xff) &&
+           close(p[2], colour & 0xff);
+}
+
+class CaptureSessionTest : public ::testing::Test {
+  protected:
+    CaptureSessionTest() {
+        folder = fs::temp_directory_path() /
+                 ("pavix-session-" + std::to_string(::getpid()) + "-" +
+                  ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        fs::remove_all(folder);
+        fs::create_directories(folder);
+        file = folder / "Pavix-recording.mp4";
+    }
+    ~CaptureSessionTest() override { fs::remove_all(folder); }
+
+    Capture& capture() { return harness.studio().capture(); }
+
+    // The source for a window as the source list makes it, with the snapshot the capture reads.
+    CaptureSource sourceFor(const X11TestWindow& window) {
+        auto snapshot = content.current();
+        harness.content.set(snapshot);
+        for (const auto& listed : snapshot.windows) {
+            if (listed.id == window.id()) {
+                return CaptureSources::windowSource(listed);
+            }
+        }
+        ADD_FAILURE() << "window not listed";
+        return {};
+    }
+
+    // Paints the window with moving content for `duration` while the capture runs.
+    void animate(X11TestWindow& window, std::chrono::milliseconds duration) {
+        auto end = std::chrono::steady_clock::now() + duration;
+        for (int frame = 0; std::chrono::steady_clock::now() < end; ++frame) {
+            const auto& o = window.options();
+            window.fillRect(0, 0, o.width, o.height, (frame * 0x030507u) & 0xffffff);
+            window.fillRect(frame * 6 % (o.width - 40), o.height / 3, 40, 40, 0xffffff);
+            harness.runFor(16ms);  // the picture source's pace
+        }
+    }
+
+    fs::path stop() { return harness.await(capture().stop(), 20s); }
+
+    X11TestDisplay display;
+    RealParts parts;
+    X11ShareableContent content;
+    StudioHarness harness{captureTiming(), parts.platform()};
+    fs::path folder;
+    fs::path file;
+};
+
+TEST_F(CaptureSessionTest, MovingWindowIsRecordedAndReadsBackAsH264HighWithoutBFrames) {
+    X11TestWindow window(display,
+                         {.title = "Moving", .x = 300, .y = 200, .width = 640, .height = 400});
+    auto source = sourceFor(window);
+    harness.await(capture().start(source, file), 20s);
+    ASSERT_TRUE(capture().encoding());
+    // The window is recorded with room for its pop-ups around it.
+    ASSERT_TRUE(capture().region());
+    EXPECT_GT(capture().width(), source.width);
+    EXPECT_EQ(capture().width(), std::int64_t(capture().region()->width) & ~1);
+
+    auto began = std::chrono::steady_clock::now();
+    animate(window, 3s);
+    EXPECT_EQ(stop(), file);
+    double recorded =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
+
+    auto info = MediaProbe::read(file.string(), {true, 120});
+    ASSERT_TRUE(info);
+    EXPECT_EQ(info->width, capture().width());
+    EXPECT_EQ(info->height, capture().height());
+    EXPECT_EQ(info->codec, "h264");
+    EXPECT_EQ(info->profile, "High");
+    EXPECT_FALSE(info->hasBFrames);
+    ASSERT_TRUE(info->durationSeconds);
+    EXPECT_NEAR(*info->durationSeconds, recorded, 0.5);
+    EXPECT_EQ(capture().durationMs(), std::int64_t(*info->durationSeconds * 1000));
+    // Content changed at up to 60 pictures a second; a loaded machine delivers fewer, never
+    // more than the frame rate allows.
+    EXPECT_GE(info->frameCount, 45);
+    EXPECT_LE(info->frameCount, std::int64_t(recorded * 60) + 5);
+    struct stat st {};
+    ASSERT_EQ(::stat(file.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+
+    // The layer track holds the window itself.
+    ASSERT_FALSE(capture().layers().samples.empty());
+    const auto& first = capture().layers().samples.front();
+    ASSERT_FALSE(first.rects.empty());
+    EXPECT_EQ(first.rects.front().kind, "window");
+}
+
+TEST_F(CaptureSessionTest, CoveredWindowIsRecordedWithItsOwnContent) {
+    X11TestWindow window(
+        display,
+        {.title = "Covered", .x = 300, .y = 200, .width = 400, .height = 300, .colour = red});
+    auto source = sourceFor(window);
+    auto [x, y] = display.position(window.id());
+    harness.await(capture().start(source, file), 20s);
+    X11TestWindow cover(display, {.title = "Cover",
+                                  .x = x - 20,
+                                  .y = y - 40,
+                                  .width = 500,
+                                  .height = 400,
+                                  .colour = blue,
+                                  .instance = "cover",
+                                  .className = "Cover",
+                                  .pid = 1});
+    harness.runFor(300ms);
+    window.fill(green);  // changed while covered
+    harness.runFor(700ms);
+    stop();
+
+    const int width = static_cast<int>(capture().width());
+    const int height = static_cast<int>(capture().height());
+    auto rgb = lastPicture(file, width, height);
+    ASSERT_FALSE(rgb.empty());
+    // The window's centre inside the region: its own green, not the cover's blue.
+    const auto& region = *capture().region();
+    const double scale = width / region.width;
+    const int cx = int((x + 200 - region.x) * scale), cy = int((y + 150 - region.y) * scale);
+    EXPECT_TRUE(near(rgb, width, cx, cy, green));
+}
+
+TEST_F(CaptureSessionTest, ClosedWindowReportsItsAbsenceAndLeavesAValidFile) {
+    auto window = std::make_unique<X11TestWindow>(
+        display,
+        X11TestWindowOptions{.title = "Closing", .x = 300, .y = 200, .width = 500, .height = 320});
+    auto source = sourceFor(*window);
+    std::vector<std::string> sentences;
+    capture().onFailure = [&](const std::string& text) { sentences.push_back(text); };
+    harness.await(capture().start(source, file), 20s);
+    animate(*window, 1200ms);
+    window.reset();
+    ASSERT_TRUE(harness.runUntil([&] { return !sentences.empty(); }, 5s));
+    EXPECT_EQ(sentences.front(),
+              "The selected source is no longer available. Recording stopped; any saved capture "
+              "remains in Videos/Pavix.");
+    auto snapshot = content.current();
+    std::vector<std::pair<std::uint32_t, bool>> windows;
+    std::vector<std::uint32_t> displays;
+    for (const auto& w : snapshot.windows) {
+        windows.emplace_back(w.id, w.onScreen);
+    }
+    for (const auto& d : snapshot.displays) {
+        displays.push_back(d.id);
+    }
+    auto presence = CaptureGuards::presence(source.windowIDs, source.displayIDs, windows, displays);
+    EXPECT_EQ(presence, SourcePresence::windowClosed);
+
+    EXPECT_EQ(stop(), file);
+    auto duration = MediaProbe::duration(file.string());
+    ASSERT_TRUE(duration);
+    EXPECT_GT(*duration, 1.0);
+    EXPECT_EQ(capture().durationMs(), std::int64_t(*duration * 1000));
+}
+
+TEST_F(CaptureSessionTest, UserWidthCapRefusesTheLargestSizeAndTheNextOneIsRecorded) {
+    X11TestWindow window(display,
+                         {.title = "Wide", .x = 300, .y = 150, .width = 1000, .height = 600});
+    auto source = sourceFor(window);
+    auto largest = Capture::withPopups(source, content.current());
+    auto candidates = CaptureEncoding::candidates(largest.width, largest.height, 1.0);
+    ASSERT_GE(candidates.size(), 2u);
+    harness.defaults.set("captureMaxWidth", static_cast<long long>(candidates[0].size.width - 2));
+    harness.await(capture().start(source, file), 20s);
+    EXPECT_EQ(*capture().encoding(), candidates[1]);
+    animate(window, 800ms);
+    stop();
+    auto info = MediaProbe::read(file.string(), {false, 0});
+    ASSERT_TRUE(info);
+    EXPECT_EQ(info->width, candidates[1].size.width);
+    EXPECT_EQ(info->height, candidates[1].size.height);
+}
+
+TEST_F(CaptureSessionTest, PopupOfTheApplicationAppearsInTheLayerTrack) {
+    X11TestWindow window(display,
+                         {.title = "With menu", .x = 300, .y = 200, .width = 600, .height = 400});
+    auto source = sourceFor(window);
+    harness.await(capture().start(source, file), 20s);
+    auto started = std::chrono::steady_clock::now();
+    harness.runFor(300ms);
+    auto [x, y] = display.position(window.id());
+    auto popup = std::make_unique<X11TestWindow>(
+        display, X11TestWindowOptions{.title = "",
+                                      .x = x + 40,
+                                      .y = y + 30,
+                                      .width = 160,
+                                      .height = 220,
+                                      .overrideRedirect = true,
+                                      .type = "_NET_WM_WINDOW_TYPE_POPUP_MENU"});
+    harness.runFor(400ms);
+    popup.reset();
+    auto closedAt = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        std::chrono::steady_clock::now() - started)
+                        .count();
+    harness.runFor(300ms);
+    stop();
+
+    const auto& samples = capture().layers().samples;
+    auto hasPopup = [](const CaptureLayers::Sample& s) {
+        return std::any_of(s.rects.begin(), s.rects.end(),
+                           [](const auto& r) { return r.kind == "popup"; });
+    };
+    auto shown = std::find_if(samples.begin(), samples.end(), hasPopup);
+    ASSERT_NE(shown, samples.end());
+    const auto& rect = *std::find_if(shown->rects.begin(), shown->rects.end(),
+                                     [](const auto& r) { return r.kind == "popup"; });
+    const auto& region = *capture().region();
+    EXPECT_NEAR(rect.x, (x + 40 - region.x) / region.width, 0.001);
+    EXPECT_NEAR(rect.width, 160 / region.width, 0.001);
+    EXPECT_NEAR(rect.radius, 12 / region.width, 0.001);
+    auto gone = std::find_if(shown, samples.end(), [&](const auto& s) { return !hasPopup(s); });
+    ASSERT_NE(gone, samples.end());
+    // Dated one interval before it was seen gone, never before the sample that showed it.
+    EXPECT_GE(gone->atMs, shown->atMs);
+    EXPECT_LE(gone->atMs, closedAt + 100);
+    EXPECT_GE(gone->atMs, closedAt - 150);
+}
+
+std::vector<std::uint8_t> decodeBase64(const std::string& text) {
+    std::vector<std::uint8_t> bytes(text.size() / 4 * 3);
+    int n = EVP_DecodeBlock(bytes.data(), reinterpret_cast<const unsigned char*>(text.data()),
+                            static_cast<int>(text.size()));
+    if (n < 0) {
+        return {};
+    }
+    std::size_t padding =
+        text.size() >= 2 ? (text[text.size() - 1] == '=') + (text[text.size() - 2] == '=') : 0;
+    bytes.resize(std::size_t(n) - padding);
+    return bytes;
+}
+
+TEST_F(CaptureSessionTest, ScreenshotIsAPngOfTheSelectedWindow) {
+    X11TestWindow window(
+        display,
+        {.title = "Still", .x = 300, .y = 200, .width = 420, .height = 260, .colour = green});
+    auto source = sourceFor(window);
+    harness.await(harness.studio().refreshSources());
+    harness.studio().selectSource(source.id);
+    auto reply = harness.await(harness.studio().run("screenshot", nlohmann::json::array()), 10s);
+    EXPECT_EQ(reply["contentType"], "image/png");
+    EXPECT_EQ(reply["redactionPassed"], false);
+    auto png = decodeBase64(reply["body"]["$bytes"].get<std::string>());
+    ASSERT_GT(png.size(), 24u);
+    fs::path still = folder / "still.png";
+    std::ofstream(still, std::ios::binary)
+        .write(reinterpret_cast<const char*>(png.data()), std::streamsize(png.size()));
+    auto info = MediaProbe::read(still.string(), {true, 1});
+    ASSERT_TRUE(info);
+    EXPECT_EQ(info->codec, "png");
+    EXPECT_EQ(info->width, source.width & ~1);
+    EXPECT_EQ(info->height, source.height & ~1);
+    auto rgb = lastPicture(still, info->width, info->height);
+    ASSERT_FALSE(rgb.empty());
+    EXPECT_TRUE(near(rgb, info->width, info->width / 2, info->height / 2, green));
+
+    // Not while a recording runs.
+    harness.await(capture().start(source, file), 20s);
+    try {
+        harness.await(harness.studio().run("screenshot", nlohmann::json::array()));
+        ADD_FAILURE() << "a screenshot while recording";
+    } catch (const PavixError& error) {
+        EXPECT_EQ(error.message(), "Preview is available after recording stops.");
+    }
+    stop();
+}
+
+// Outside the fixture: the recording runs in a child forked before any thread of the test
+// exists there, and is killed mid-recording.
+TEST(CaptureSessionKill, AKilledRecordingLeavesAFileWithAPositiveDuration) {
+    fs::path folder = fs::temp_directory_path() / ("pavix-killed-" + std::to_string(::getpid()));
+    fs::remove_all(folder);
+    fs::create_directories(folder);
+    fs::path file = folder / "Pavix-killed.mp4";
+    X11TestDisplay display;
+    X11TestWindow window(display,
+                         {.title = "Killed", .x = 300, .y = 200, .width = 480, .height = 320});
+    X11ShareableContent content;
+    CaptureSource source;
+    for (const auto& listed : content.current().windows) {
+        if (listed.id == window.id()) {
+            source = CaptureSources::windowSource(listed);
+        }
+    }
+    ASSERT_FALSE(source.id.empty());
+
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::close(ready[0]);
+        RealParts parts;
+        StudioHarness harness{captureTiming(), parts.platform()};
+        harness.content.set(X11ShareableContent().current());
+        harness.await(harness.studio().capture().start(source, file), 20s);
+        (void)!::write(ready[1], "r", 1);
+        harness.runFor(std::chrono::hours(1));  // recording until killed
+        ::_exit(0);
+    }
+    ::close(ready[1]);
+    char byte = 0;
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    ::close(ready[0]);
+    auto end = std::chrono::steady_clock::now() + 2600ms;
+    for (int frame = 0; std::chrono::steady_clock::now() < end; ++frame) {
+        window.fill((frame * 0x050301u) & 0xffffff);
+        std::this_thread::sleep_for(16ms);  // the picture source's pace
+    }
+    ::kill(child, SIGKILL);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status));
+
+    auto duration = MediaProbe::duration(file.string());
+    ASSERT_TRUE(duration);
+    EXPECT_GT(*duration, 0.0);
+    auto info = MediaProbe::read(file.string(), {true, 0});
+    ASSERT_TRUE(info);
+    EXPECT_GT(info->frameCount, 0);
+    EXPECT_EQ(info->codec, "h264");
+    fs::remove_all(folder);
+}
+
+}  // namespace
+}  // namespace pavix

@@ -1,0 +1,113 @@
+#include "support/FakeCapturePlatform.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <system_error>
+
+namespace pavix::testing {
+namespace {
+
+std::int64_t monotonicNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+}  // namespace
+
+void FakeStreamScript::fail(const CaptureError& error) {
+    CaptureStreamHandlers handlers;
+    {
+        std::lock_guard lock(mutex);
+        handlers = running;
+        running = {};
+    }
+    if (handlers.error) {
+        handlers.error(error);
+    }
+}
+
+void FakeCaptureStream::start(const CaptureFilter& filter, const CaptureStreamConfig& config,
+                              CaptureStreamHandlers handlers) {
+    bool deliver = false;
+    {
+        std::lock_guard lock(script_->mutex);
+        ++script_->starts;
+        script_->filters.push_back(filter);
+        script_->configs.push_back(config);
+        if (script_->startError) {
+            throw *script_->startError;
+        }
+        script_->running = handlers;
+        deliver = script_->deliverFrames;
+    }
+    started_ = true;
+    if (!deliver) {
+        return;
+    }
+    auto pixels = std::make_shared<const std::vector<std::uint8_t>>(
+        std::size_t(config.width) * config.height * 4, 0x80);
+    producer_ = std::thread([this, pixels, config] {
+        while (!stopping_) {
+            CaptureStreamHandlers handlers;
+            {
+                std::lock_guard lock(script_->mutex);
+                handlers = script_->running;
+            }
+            if (!handlers.frame) {
+                return;  // failed: no frame follows
+            }
+            handlers.frame(
+                {config.width, config.height, config.width * 4, pixels, monotonicNs(), true});
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));  // the frame pacing
+        }
+    });
+}
+
+void FakeCaptureStream::stop() {
+    stopping_ = true;
+    if (producer_.joinable()) {
+        producer_.join();
+    }
+    if (started_) {
+        started_ = false;
+        std::lock_guard lock(script_->mutex);
+        ++script_->stops;
+        script_->running = {};
+    }
+}
+
+bool FileVideoEncoder::open(const std::string& path, const VideoEncoderSettings& settings) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        throw std::system_error(errno, std::generic_category(), "cannot create " + path);
+    }
+    const std::string header = "width " + std::to_string(settings.width) + "\n";
+    [[maybe_unused]] auto written = ::write(fd, header.data(), header.size());
+    ::close(fd);
+    path_ = path;
+    width_ = settings.width;
+    std::lock_guard lock(script_->mutex);
+    script_->openedWidths.push_back(settings.width);
+    return true;
+}
+
+bool FileVideoEncoder::append(const VideoFrame&, std::int64_t) {
+    std::lock_guard lock(script_->mutex);
+    return script_->refuseWidths.count(width_) == 0;
+}
+
+bool FileVideoEncoder::finish(std::int64_t) {
+    std::lock_guard lock(script_->mutex);
+    ++script_->finishes;
+    return true;
+}
+
+void FileVideoEncoder::cancel() {
+    std::lock_guard lock(script_->mutex);
+    ++script_->cancels;
+}
+
+}  // namespace pavix::testing

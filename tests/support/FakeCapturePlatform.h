@@ -1,0 +1,103 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "core/capture/CapturePlatform.h"
+
+namespace pavix::testing {
+
+// What the fake streams were asked and what they do, shared by every stream the factory makes.
+struct FakeStreamScript {
+    std::mutex mutex;
+    // Behaviour.
+    std::optional<CaptureError> startError;
+    bool deliverFrames = true;  // a complete frame every 2 ms while running
+    // Record.
+    std::vector<CaptureFilter> filters;
+    std::vector<CaptureStreamConfig> configs;
+    int starts = 0;
+    int stops = 0;
+    CaptureStreamHandlers running;  // handlers of the stream that runs now
+
+    // Ends the running stream as the window system would: its error handler, then no frame.
+    void fail(const CaptureError& error);
+};
+
+class FakeCaptureStream : public CaptureStream {
+  public:
+    explicit FakeCaptureStream(std::shared_ptr<FakeStreamScript> script)
+        : script_(std::move(script)) {}
+    ~FakeCaptureStream() override { stop(); }
+    void start(const CaptureFilter& filter, const CaptureStreamConfig& config,
+               CaptureStreamHandlers handlers) override;
+    void stop() override;
+
+  private:
+    std::shared_ptr<FakeStreamScript> script_;
+    std::atomic<bool> stopping_{false};
+    bool started_ = false;
+    std::thread producer_;
+};
+
+// Encoders that create their file (exclusively, as the real one does), refuse the first frame
+// at the scripted widths, and count the files they complete.
+struct FakeEncoderScript {
+    std::mutex mutex;
+    std::set<int> refuseWidths;
+    std::vector<int> openedWidths;
+    int finishes = 0;
+    int cancels = 0;
+};
+
+class FileVideoEncoder : public VideoEncoder {
+  public:
+    explicit FileVideoEncoder(std::shared_ptr<FakeEncoderScript> script)
+        : script_(std::move(script)) {}
+    bool open(const std::string& path, const VideoEncoderSettings& settings) override;
+    bool append(const VideoFrame& frame, std::int64_t ptsNs) override;
+    bool finish(std::int64_t endNs) override;
+    void cancel() override;
+
+  private:
+    std::shared_ptr<FakeEncoderScript> script_;
+    std::string path_;
+    int width_ = 0;
+};
+
+class FakeMediaReader : public MediaReader {
+  public:
+    std::optional<double> duration(const std::string& path) override {
+        std::lock_guard lock(mutex);
+        ++reads;
+        lastPath = path;
+        return seconds;
+    }
+    std::mutex mutex;
+    std::optional<double> seconds = 2.5;
+    int reads = 0;
+    std::string lastPath;
+};
+
+class FakeWindowLayers : public WindowLayers {
+  public:
+    std::vector<LayerWindow> windows(std::uint32_t) override {
+        std::lock_guard lock(mutex);
+        return current;
+    }
+    void set(std::vector<LayerWindow> next) {
+        std::lock_guard lock(mutex);
+        current = std::move(next);
+    }
+    std::mutex mutex;
+    std::vector<LayerWindow> current;
+};
+
+}  // namespace pavix::testing
