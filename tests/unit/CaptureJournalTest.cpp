@@ -1,0 +1,217 @@
+// The local library on a real folder: side-car format, the load rules, recovery at launch,
+// expiry and retry eligibility, and writes that never lose a record.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <set>
+
+#include "core/library/CaptureJournal.h"
+
+namespace pavix {
+namespace {
+
+namespace fs = std::filesystem;
+using Stage = LocalCapture::Stage;
+
+class Journal : public ::testing::Test {
+  protected:
+    ~Journal() override { fs::remove_all(root_); }
+
+    static fs::path temporaryFolder() {
+        char pattern[] = "/tmp/pavix-journal.XXXXXX";
+        return ::mkdtemp(pattern);
+    }
+
+    LocalCapture record(const std::string& id, double createdAt, Stage stage) {
+        LocalCapture capture;
+        capture.id = id;
+        capture.createdAt = createdAt;
+        capture.stage = stage;
+        capture.width = 1280;
+        capture.height = 720;
+        return capture;
+    }
+    void write(const std::string& name, const std::string& text) {
+        fs::create_directories(journal.directory());
+        std::ofstream(journal.directory() / name) << text;
+    }
+    static std::string id(int n) {
+        char text[40];
+        std::snprintf(text, sizeof text, "0F8C2A4E-5B1D-4C7A-9E3F-%012d", n);
+        return text;
+    }
+
+    fs::path root_ = temporaryFolder();
+    CaptureJournal journal{root_ / "Videos/Pavix"};
+};
+
+TEST_F(Journal, SideCarsRoundTripWithTheirFormatAndPermissions) {
+    EXPECT_TRUE(journal.load().empty());  // no folder yet: an empty library
+    auto capture = record(id(1), 785'000'000.25, Stage::saved);
+    capture.durationMs = 4'200;
+    capture.serverOrigin = "https://agent.example.com";
+    capture.deviceId = "device-7";
+    journal.save(capture);
+
+    EXPECT_EQ(journal.file(capture.id).filename(), "Pavix-" + id(1) + ".mp4");
+    struct stat info {};
+    ASSERT_EQ(::stat(journal.directory().c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0700u);
+    ASSERT_EQ(::stat(journal.manifest(capture.id).c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+
+    std::ifstream in(journal.manifest(capture.id));
+    auto json = nlohmann::json::parse(in);
+    EXPECT_EQ(json, nlohmann::json::parse(R"({"id":")" + id(1) + R"(","createdAt":785000000.25,
+        "stage":"saved","durationMs":4200,"width":1280,"height":720,
+        "serverOrigin":"https://agent.example.com","deviceId":"device-7"})"));
+
+    auto bare = record(id(2), 785'000'100, Stage::recording);
+    journal.save(bare);
+    std::ifstream bareIn(journal.manifest(bare.id));
+    auto bareJson = nlohmann::json::parse(bareIn);
+    EXPECT_FALSE(bareJson.contains("durationMs"));  // absent, never null
+    EXPECT_FALSE(bareJson.contains("layers"));
+
+    auto loaded = journal.load();
+    ASSERT_EQ(loaded.size(), 2u);
+    EXPECT_EQ(loaded[0].id, id(2));  // newest first
+    EXPECT_EQ(loaded[1].durationMs, 4'200);
+    EXPECT_EQ(loaded[1].deviceId, "device-7");
+    EXPECT_FALSE(loaded[0].durationMs.has_value());
+}
+
+TEST_F(Journal, LoadSkipsWhatIsNotAValidSideCarOfItsOwnRecord) {
+    auto good = record(id(1), 100, Stage::saved);
+    journal.save(good);
+    auto json = good.toJson();
+    write("notes.txt", "hello");
+    write("Pavix-" + id(1) + ".mp4", "video bytes");
+    write(id(3) + ".JSON", json.dump());  // extension must be exactly "json"
+    write("not-a-uuid.json", json.dump());
+    write(id(4) + ".json", json.dump());  // decodes, but names another record
+    write(id(5) + ".json", "{\"id\": ");  // truncated
+    auto unknownStage = json;
+    unknownStage["id"] = id(6);
+    unknownStage["stage"] = "exploded";
+    write(id(6) + ".json", unknownStage.dump());
+    auto missingWidth = json;
+    missingWidth["id"] = id(7);
+    missingWidth.erase("width");
+    write(id(7) + ".json", missingWidth.dump());
+    auto wrongType = json;
+    wrongType["id"] = id(8);
+    wrongType["height"] = "720";
+    write(id(8) + ".json", wrongType.dump());
+    auto nullOptional = json;
+    nullOptional["id"] = id(9);
+    nullOptional["durationMs"] = nullptr;
+    write(id(9) + ".json", nullOptional.dump());
+
+    auto loaded = journal.load();
+    ASSERT_EQ(loaded.size(), 2u);
+    std::set<std::string> ids = {loaded[0].id, loaded[1].id};
+    EXPECT_EQ(ids, (std::set<std::string>{id(1), id(9)}));
+    for (const auto& capture : loaded) {
+        EXPECT_EQ(capture.durationMs.has_value(), false);  // null reads as absent
+    }
+    // Nothing was touched: the skipped files and the video are all still there.
+    EXPECT_TRUE(fs::exists(journal.directory() / ("Pavix-" + id(1) + ".mp4")));
+    EXPECT_TRUE(fs::exists(journal.directory() / (id(5) + ".json")));
+}
+
+TEST_F(Journal, EqualDatesKeepTheirListingOrder) {
+    for (int n = 1; n <= 6; ++n) {
+        journal.save(record(id(n), 500, Stage::saved));
+    }
+    journal.save(record(id(7), 900, Stage::saved));
+    std::vector<std::string> listing;
+    for (const auto& entry : fs::directory_iterator(journal.directory())) {
+        auto stem = entry.path().stem().string();
+        if (stem != id(7)) {
+            listing.push_back(stem);
+        }
+    }
+    auto loaded = journal.load();
+    ASSERT_EQ(loaded.size(), 7u);
+    EXPECT_EQ(loaded[0].id, id(7));
+    for (std::size_t i = 0; i < listing.size(); ++i) {
+        EXPECT_EQ(loaded[i + 1].id, listing[i]);
+    }
+}
+
+TEST_F(Journal, RecoveryClosesWhatTheLastRunLeftOpen) {
+    journal.save(record(id(1), 1, Stage::recording));
+    journal.save(record(id(2), 2, Stage::finalizing));
+    journal.save(record(id(3), 3, Stage::uploading));
+    journal.save(record(id(4), 4, Stage::uploaded));
+    journal.save(record(id(5), 5, Stage::interrupted));
+    auto recovered = journal.recover();
+    std::vector<Stage> stages;
+    for (const auto& capture : recovered) {
+        stages.push_back(capture.stage);
+    }
+    EXPECT_EQ(stages, (std::vector<Stage>{Stage::interrupted, Stage::uploaded, Stage::saved,
+                                          Stage::interrupted, Stage::interrupted}));
+    // And so on disk.
+    auto again = journal.load();
+    EXPECT_EQ(again[2].stage, Stage::saved);
+    EXPECT_EQ(again[4].stage, Stage::interrupted);
+}
+
+TEST_F(Journal, AFailedWriteKeepsThePreviousRecord) {
+    auto capture = record(id(1), 10, Stage::saved);
+    journal.save(capture);
+    // Something in the way of the temporary file makes the write fail before the rename.
+    fs::create_directory(journal.directory() / ("." + id(1) + ".json.tmp"));
+    capture.stage = Stage::uploading;
+    EXPECT_THROW(journal.save(capture), std::system_error);
+    auto loaded = journal.load();
+    ASSERT_EQ(loaded.size(), 1u);
+    EXPECT_EQ(loaded[0].stage, Stage::saved);
+}
+
+TEST_F(Journal, AFailedWriteLeavesNoTornSideCar) {
+    auto capture = record(id(1), 10, Stage::saved);
+    journal.save(capture);
+    // A leftover temporary of an interrupted write is never read as a record.
+    write("." + id(1) + ".json.tmp", "{\"id\":");
+    capture.stage = Stage::uploaded;
+    journal.save(capture);
+    auto loaded = journal.load();
+    ASSERT_EQ(loaded.size(), 1u);
+    EXPECT_EQ(loaded[0].stage, Stage::uploaded);
+    journal.removeManifest(capture);
+    EXPECT_NO_THROW(journal.removeManifest(capture));
+    EXPECT_TRUE(journal.load().empty());
+}
+
+TEST(LocalCaptureRules, ExpiryAndRetry) {
+    LocalCapture uploaded;
+    uploaded.stage = Stage::uploaded;
+    uploaded.createdAt = 1'000;
+    LocalCapture saved = uploaded;
+    saved.stage = Stage::saved;
+    auto retention = CaptureJournal::uploadedRetention;
+    EXPECT_TRUE(CaptureJournal::expired({uploaded, saved}, 1'000 + retention, retention).empty());
+    EXPECT_EQ(CaptureJournal::expired({uploaded, saved}, 1'001 + retention, retention).size(), 1u);
+
+    saved.durationMs = 3'000;
+    saved.serverOrigin = "https://a.example";
+    saved.deviceId = "d1";
+    EXPECT_TRUE(saved.canRetry("https://a.example", std::string("d1")));
+    EXPECT_FALSE(saved.canRetry("https://b.example", std::string("d1")));
+    EXPECT_FALSE(saved.canRetry("https://a.example", std::string("d2")));
+    EXPECT_FALSE(saved.canRetry("https://a.example", std::nullopt));
+    auto noDuration = saved;
+    noDuration.durationMs.reset();
+    EXPECT_FALSE(noDuration.canRetry("https://a.example", std::string("d1")));
+    auto uploading = saved;
+    uploading.stage = Stage::uploading;
+    EXPECT_FALSE(uploading.canRetry("https://a.example", std::string("d1")));
+}
+
+}  // namespace
+}  // namespace pavix
