@@ -206,6 +206,7 @@ int main(int argc, char** argv) {
         asio::co_spawn(
             io,
             [&]() -> asio::awaitable<void> {
+                studio.loadLibrary();
                 co_await studio.loadSavedIdentity();
                 if (options.pair) {
                     co_await pairingRun(studio, io, exitCode);

@@ -1,6 +1,7 @@
 #include "support/StudioHarness.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 namespace pavix::test {
 
@@ -29,7 +30,9 @@ StudioHarness::StudioHarness(Timing timing, CapturePlatform capture) {
     env.nowMs = [this] { return nowMs; };
     env.appVersion = "1.2.3";
     env.deviceName = "test-host";
-    env.libraryFolder = "/tmp/pavix-library";
+    char pattern[] = "/tmp/pavix-library.XXXXXX";
+    library = std::filesystem::path(::mkdtemp(pattern)) / "Pavix";
+    env.libraryFolder = library;
     studio_ = std::make_unique<Studio>(env);
     studio_->setServer(server.base());
 }
@@ -38,6 +41,7 @@ StudioHarness::~StudioHarness() {
     // Nothing may resume into the Studio once it is gone: stop the executor first.
     io.stop();
     studio_.reset();
+    std::filesystem::remove_all(library.parent_path());
 }
 
 void StudioHarness::await(asio::awaitable<void> operation, std::chrono::milliseconds limit) {

@@ -69,6 +69,7 @@ class StudioHarness {
     MemoryDefaults defaults;
     CapturingLog log;
     double nowMs = 1'800'000'000'000.0;
+    std::filesystem::path library;  // this harness's own library folder
 
   private:
     void drive(const std::function<bool()>& condition, std::chrono::milliseconds limit);

@@ -8,6 +8,7 @@
 #include <set>
 
 #include "core/library/CaptureJournal.h"
+#include "support/StudioHarness.h"
 
 namespace pavix {
 namespace {
@@ -215,3 +216,31 @@ TEST(LocalCaptureRules, ExpiryAndRetry) {
 
 }  // namespace
 }  // namespace pavix
+
+namespace pavix::test {
+namespace {
+
+TEST(StudioLibrary, LaunchRecoversAndPublishesTheLibraryOrSaysItCannot) {
+    StudioHarness h;
+    CaptureJournal journal(h.library);
+    LocalCapture open;
+    open.id = "0F8C2A4E-5B1D-4C7A-9E3F-2D6B8A1C4E70";
+    open.createdAt = 10;
+    open.stage = LocalCapture::Stage::uploading;
+    journal.save(open);
+    h.studio().loadLibrary();
+    ASSERT_EQ(h.studio().state().recent.size(), 1u);
+    EXPECT_EQ(h.studio().state().recent[0].stage, LocalCapture::Stage::saved);
+
+    // A library folder that is not a folder cannot be listed.
+    StudioHarness broken;
+    std::filesystem::create_directories(broken.library.parent_path());
+    std::ofstream(broken.library) << "not a folder";
+    broken.studio().loadLibrary();
+    EXPECT_TRUE(broken.studio().state().recent.empty());
+    EXPECT_EQ(broken.studio().state().status,
+              "Could not read local recording history. Your files remain in Videos/Pavix.");
+}
+
+}  // namespace
+}  // namespace pavix::test

@@ -11,7 +11,9 @@
 namespace pavix {
 
 Studio::Studio(StudioEnvironment environment)
-    : env_(std::move(environment)), keychain_(*env_.secrets, *env_.pool) {
+    : env_(std::move(environment)),
+      keychain_(*env_.secrets, *env_.pool),
+      journal_(env_.libraryFolder) {
     state_.server = ServiceAddresses::kDefaultServer;
     state_.allowControl = env_.defaults->boolean("allowControl").value_or(false);
     state_.diagnosticsOptIn = env_.defaults->boolean("diagnosticsOptIn").value_or(false);
@@ -54,6 +56,17 @@ Task::ErrorHandler Studio::taskErrorHandler() {
 void Studio::spawnDetached(asio::awaitable<void> body) {
     std::erase_if(detached_, [](const Task& task) { return !task.running(); });
     detached_.push_back(Task::spawn(env_.executor, std::move(body), taskErrorHandler()));
+}
+
+void Studio::loadLibrary() {
+    try {
+        auto recovered = journal_.recover();
+        change([&](StudioState& s) { s.recent = std::move(recovered); });
+    } catch (const std::exception& e) {
+        log("library could not be read: " + std::string(e.what()));
+        setStatus("Could not read local recording history. Your files remain in " +
+                  env_.libraryLabel + ".");
+    }
 }
 
 asio::awaitable<void> Studio::loadSavedIdentity() {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "core/capture/Capture.h"
+#include "core/library/CaptureJournal.h"
 #include "core/net/Url.h"
 #include "core/runtime/Task.h"
 #include "core/session/DeviceIdentity.h"
@@ -35,6 +36,11 @@ class Studio {
 
     const StudioState& state() const { return state_; }
     void observe(Observer observer);
+
+    // Start-up: recovers the local library and publishes it. A library that cannot be read
+    // does not stop the launch; the status says so.
+    void loadLibrary();
+    const CaptureJournal& journal() const { return journal_; }
 
     // Start-up: the saved credential of the current server, when there is one.
     asio::awaitable<void> loadSavedIdentity();
@@ -116,6 +122,7 @@ class Studio {
 
     StudioEnvironment env_;
     DeviceKeychain keychain_;
+    CaptureJournal journal_;
     StudioState state_;
     std::vector<Observer> observers_;
 

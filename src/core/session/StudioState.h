@@ -5,6 +5,7 @@
 
 #include "core/app/UpdateDecision.h"
 #include "core/capture/CaptureSource.h"
+#include "core/library/LocalCapture.h"
 
 namespace pavix {
 
@@ -15,6 +16,7 @@ struct StudioState {
     std::string code;
     std::string status = "Choose a source, then pair with your agent.";
     std::vector<CaptureSource> sources;
+    std::vector<LocalCapture> recent;  // the local library, newest first
     std::string selection;
     bool paired = false;
     bool connected = false;
