@@ -32,8 +32,8 @@ commands:
   capture-id [--device ID]                issue a capture id for "startRecording"
   recordings [--all]                      published recordings (--all: every upload)
   download ID FILE                        save a recording's video
-  fault add SPEC | fault list | fault remove ID | fault clear
-                                          the fault switch; SPEC as for --fault, e.g.
+  fault add RULE | fault list | fault remove ID | fault clear
+                                          the fault switch; RULE as for --fault, e.g.
                                           path=/local-browser/poll,status=503,count=2
   disconnect DEVICE | expire DEVICE | revoke DEVICE
                                           end the session / expire the access token / revoke
@@ -310,7 +310,7 @@ int run(const std::vector<std::string>& argsIn, std::ostream& out, std::ostream&
     if (cmd == "fault") {
         std::string sub = args.empty() ? "list" : args[0];
         if (sub == "add" && args.size() == 2) {
-            json body = {{"spec", args[1]}};
+            json body = {{"rule", args[1]}};
             auto r = cli.call("POST", "/agent/faults", &body);
             if (r.status != 200)
                 return cli.refused(r);
@@ -335,7 +335,7 @@ int run(const std::vector<std::string>& argsIn, std::ostream& out, std::ostream&
             auto r = cli.call("DELETE", "/agent/faults/" + args[1]);
             return r.status == 200 ? 0 : cli.refused(r);
         }
-        err << "usage: fault add SPEC | fault list | fault remove ID | fault clear\n";
+        err << "usage: fault add RULE | fault list | fault remove ID | fault clear\n";
         return 2;
     }
     if (cmd == "disconnect" || cmd == "expire" || cmd == "revoke") {

@@ -27,9 +27,9 @@ DevServer::DevServer(Options options) : opt_(std::move(options)) {
     diagnostics_ = std::make_unique<DiagnosticsLog>(*db_);
     settings_ = {opt_.minimumAppVersion, opt_.latestAppVersion, opt_.sessionsDisabled,
                  opt_.pollHoldMs, opt_.captureMs};
-    for (auto& spec : opt_.faults) {
+    for (auto& ruleText : opt_.faults) {
         std::string why;
-        auto rule = FaultRule::parse(spec, &why);
+        auto rule = FaultRule::parse(ruleText, &why);
         if (!rule)
             throw std::invalid_argument("fault: " + why);
         faults_.add(*rule);

@@ -57,12 +57,12 @@ bool validate(const FaultRule& r, std::string* why) {
 
 }  // namespace
 
-std::optional<FaultRule> FaultRule::parse(const std::string& spec, std::string* why) {
+std::optional<FaultRule> FaultRule::parse(const std::string& ruleText, std::string* why) {
     FaultRule r;
     std::string dummy;
     if (!why)
         why = &dummy;
-    std::stringstream in(spec);
+    std::stringstream in(ruleText);
     std::string item;
     while (std::getline(in, item, ',')) {
         if (item.empty())
@@ -114,12 +114,12 @@ std::optional<FaultRule> FaultRule::fromJson(const nlohmann::json& j, std::strin
         *why = "a fault is a JSON object";
         return std::nullopt;
     }
-    if (j.contains("spec")) {
-        if (!j["spec"].is_string()) {
-            *why = "spec must be text";
+    if (j.contains("rule")) {
+        if (!j["rule"].is_string()) {
+            *why = "rule must be text";
             return std::nullopt;
         }
-        return parse(j["spec"].get<std::string>(), why);
+        return parse(j["rule"].get<std::string>(), why);
     }
     FaultRule r;
     try {

@@ -29,9 +29,9 @@ struct FaultRule {
     static const char* actionName(Action a);
     // "path=/local-browser/poll,status=503,count=2" or "path=...,drop", "stall=3000",
     // "truncate"; also "method=POST", "after=1", "error=CODE". Nothing (and `why`) when invalid.
-    static std::optional<FaultRule> parse(const std::string& spec, std::string* why);
+    static std::optional<FaultRule> parse(const std::string& ruleText, std::string* why);
     // The agent API's JSON form: {"path", "action", "status", "stallMs", "count", "after",
-    // "method", "error"} or {"spec": "..."}.
+    // "method", "error"} or {"rule": "..."}.
     static std::optional<FaultRule> fromJson(const nlohmann::json& j, std::string* why);
 };
 

@@ -43,7 +43,7 @@ flags:
   --min-app-version V      below this X-Pavix-App-Version, answer 426 (default 0.0.0)
   --latest-app-version V   the latest app version (default 0.1.0)
   --sessions-disabled      refuse new sessions with desktop_sessions_disabled
-  --fault SPEC             arm a fault, e.g. path=/local-browser/poll,status=503,count=2
+  --fault RULE             arm a fault, e.g. path=/local-browser/poll,status=503,count=2
                            (actions: status=N [error=CODE], drop, stall=MS, truncate;
                            also count=N, after=N, method=M); may repeat
   --bench-sink             accept bodies up to 512 MiB on /agent/bench/sink (benchmark)
@@ -98,10 +98,10 @@ Options Options::parse(const std::vector<std::string>& args) {
         } else if (a == "--sessions-disabled") {
             o.sessionsDisabled = true;
         } else if (a == "--fault") {
-            std::string spec = value(), why;
-            if (!FaultRule::parse(spec, &why))
+            std::string ruleText = value(), why;
+            if (!FaultRule::parse(ruleText, &why))
                 throw std::invalid_argument("--fault: " + why);
-            o.faults.push_back(spec);
+            o.faults.push_back(ruleText);
         } else if (a == "--bench-sink") {
             o.benchSink = true;
         } else if (a == "--no-code") {

@@ -20,7 +20,7 @@ struct Options {
     std::string minimumAppVersion = "0.0.0";
     std::string latestAppVersion = "0.1.0";
     bool sessionsDisabled = false;
-    std::vector<std::string> faults;  // fault specs armed at start
+    std::vector<std::string> faults;  // fault rules armed at start
     bool benchSink = false;           // accept the 256 MiB raw body of the upload benchmark
     bool verbose = false;
     bool printCode = true;  // print a fresh pairing code at start

@@ -20,7 +20,7 @@ class FaultSwitchTest : public ServiceTest {
 };
 
 TEST_F(FaultSwitchTest, StatusFaultAnswersTheNextNRequestsThenStops) {
-    ASSERT_EQ(arm({{"spec", "path=/local-browser/version,status=502,count=2"}}).status, 200);
+    ASSERT_EQ(arm({{"rule", "path=/local-browser/version,status=502,count=2"}}).status, 200);
     for (int i = 0; i < 2; ++i) {
         auto a = version();
         EXPECT_EQ(a.status, 502);
@@ -50,14 +50,14 @@ TEST_F(FaultSwitchTest, DropClosesTheConnectionWithoutAReply) {
 }
 
 TEST_F(FaultSwitchTest, StallDelaysTheAnswer) {
-    arm({{"spec", "path=/local-browser/version,stall=600"}});
+    arm({{"rule", "path=/local-browser/version,stall=600"}});
     auto start = steady_clock::now();
     EXPECT_EQ(version().status, 200);
     EXPECT_GE(steady_clock::now() - start, milliseconds(550));
 }
 
 TEST_F(FaultSwitchTest, TruncateCutsTheBodyShort) {
-    arm({{"spec", "path=/local-browser/version,truncate"}});
+    arm({{"rule", "path=/local-browser/version,truncate"}});
     httplib::Client c(base);
     std::string got;
     auto r = c.Get("/local-browser/version", [&](const char* d, size_t n) {
@@ -71,8 +71,8 @@ TEST_F(FaultSwitchTest, TruncateCutsTheBodyShort) {
 }
 
 TEST_F(FaultSwitchTest, BadRulesAreRefused) {
-    EXPECT_EQ(arm({{"spec", "status=503"}}).body["error"], "invalid_fault");
-    EXPECT_EQ(arm({{"spec", "path=/x,bogus=1"}}).body["error"], "invalid_fault");
+    EXPECT_EQ(arm({{"rule", "status=503"}}).body["error"], "invalid_fault");
+    EXPECT_EQ(arm({{"rule", "path=/x,bogus=1"}}).body["error"], "invalid_fault");
     EXPECT_EQ(arm({{"path", "/x"}, {"action", "explode"}}).body["error"], "invalid_fault");
     EXPECT_TRUE(ds::FaultSwitch::globMatch("/a/*/chunk", "/a/123/chunk"));
     EXPECT_FALSE(ds::FaultSwitch::globMatch("/a/*/chunk", "/a/123/begin"));
