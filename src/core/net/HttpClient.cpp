@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "core/net/TransportError.h"
-#include "core/runtime/Pending.h"
+#include "core/runtime/SharedOutcome.h"
 
 namespace pavix {
 namespace {
@@ -295,7 +295,7 @@ HttpClient::~HttpClient() = default;
 
 asio::awaitable<HttpResponse> HttpClient::send(HttpRequest request) {
     auto executor = co_await asio::this_coro::executor;
-    auto pending = std::make_shared<Pending<HttpResponse>>(executor);
+    auto pending = std::make_shared<SharedOutcome<HttpResponse>>(executor);
     auto transfer = std::make_shared<Transfer>();
     transfer->request = std::move(request);
     if (transfer->request.bodyFile) {
@@ -320,7 +320,7 @@ asio::awaitable<HttpResponse> HttpClient::send(HttpRequest request) {
     };
     engine_->submit(transfer);
     try {
-        co_return co_await pending->wait();
+        co_return co_await pending->take();
     } catch (const std::system_error&) {
         engine_->abandon(transfer);  // the awaiting coroutine was cancelled
         throw;

@@ -7,7 +7,7 @@
 #include <type_traits>
 #include <variant>
 
-#include "core/runtime/Pending.h"
+#include "core/runtime/SharedOutcome.h"
 
 namespace pavix {
 
@@ -17,7 +17,7 @@ template <class F, class R = std::invoke_result_t<F&>>
 asio::awaitable<R> offload(asio::thread_pool& pool, F work) {
     auto executor = co_await asio::this_coro::executor;
     using Stored = std::conditional_t<std::is_void_v<R>, std::monostate, R>;
-    auto pending = std::make_shared<Pending<Stored>>(executor);
+    auto pending = std::make_shared<SharedOutcome<Stored>>(executor);
     asio::post(pool, [pending, executor, work = std::move(work)]() mutable {
         // The pool job gives its reference away with the posted handler, so that the pending
         // result (and its timer) is always released on the executor that owns it.
@@ -37,9 +37,9 @@ asio::awaitable<R> offload(asio::thread_pool& pool, F work) {
         }
     });
     if constexpr (std::is_void_v<R>) {
-        co_await pending->wait();
+        co_await pending->take();
     } else {
-        co_return co_await pending->wait();
+        co_return co_await pending->take();
     }
 }
 

@@ -31,6 +31,19 @@ class SharedOutcome {
     bool done() const { return done_; }
 
     asio::awaitable<T> wait() {
+        co_await waitUntilDone();
+        co_return *value_;
+    }
+
+    // For an outcome with a single waiter: the value is moved out instead of copied.
+    asio::awaitable<T> take() {
+        co_await waitUntilDone();
+        co_return std::move(*value_);
+    }
+
+  private:
+    // Parks until resolved or rejected; rethrows the rejection.
+    asio::awaitable<void> waitUntilDone() {
         while (!done_) {
             try {
                 co_await timer_.async_wait(asio::use_awaitable);
@@ -43,10 +56,8 @@ class SharedOutcome {
         if (error_) {
             std::rethrow_exception(error_);
         }
-        co_return *value_;
     }
 
-  private:
     asio::steady_timer timer_;
     std::optional<T> value_;
     std::exception_ptr error_;
