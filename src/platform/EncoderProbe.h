@@ -9,7 +9,7 @@ namespace pavix {
 // hardware encoder counts. Blocking and possibly slow (tens of milliseconds): call it off the
 // model executor, never during a recording.
 class EncoderProbe {
-public:
+  public:
     virtual ~EncoderProbe() = default;
     virtual bool canOpen(const VideoEncoderSettings& settings) = 0;
 };

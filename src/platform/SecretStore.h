@@ -9,7 +9,7 @@ namespace pavix {
 // prompt, a D-Bus round trip): callers run them on the worker pool. Failures throw
 // KeychainError.
 class SecretStore {
-public:
+  public:
     virtual ~SecretStore() = default;
     virtual std::optional<std::string> load(const std::string& service,
                                             const std::string& account) = 0;

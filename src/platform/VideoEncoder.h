@@ -11,8 +11,8 @@ namespace pavix {
 // `maxKeyFrameIntervalNs`, BT.709 colours in limited range, `bitrate` on average, frames expected
 // at `frameRate` per second. With `requiresHardware` only a hardware encoder may be used.
 struct VideoEncoderSettings {
-    int width = 0;   // even, at least 2
-    int height = 0;  // even, at least 2
+    int width = 0;             // even, at least 2
+    int height = 0;            // even, at least 2
     std::int64_t bitrate = 0;  // bits per second
     int frameRate = 60;
     std::int64_t maxKeyFrameIntervalNs = 2'000'000'000;
@@ -26,7 +26,7 @@ struct VideoEncoderSettings {
 // then used as the failure's description); it returns false when it failed without one, and the
 // caller supplies the sentence. After any failure only `cancel` is called.
 class VideoEncoder {
-public:
+  public:
     virtual ~VideoEncoder() = default;
 
     // Creates the file at `path` (owner read and write only) and opens the encoder.

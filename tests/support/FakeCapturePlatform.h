@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "core/capture/CapturePlatform.h"
+#include "support/FakeVideoEncoder.h"
 
 namespace pavix::testing {
 
@@ -98,6 +99,25 @@ class FakeWindowLayers : public WindowLayers {
     }
     std::mutex mutex;
     std::vector<LayerWindow> current;
+};
+
+// Every fake part of a capture, owned together, and the platform value made of them.
+struct FakeCaptureParts {
+    std::shared_ptr<FakeStreamScript> streams = std::make_shared<FakeStreamScript>();
+    std::shared_ptr<FakeEncoderScript> encoders = std::make_shared<FakeEncoderScript>();
+    FakeEncoderProbe probe;
+    FakeMediaReader media;
+    FakeWindowLayers layers;
+
+    CapturePlatform platform() {
+        CapturePlatform platform;
+        platform.streams = [s = streams] { return std::make_unique<FakeCaptureStream>(s); };
+        platform.encoders = [e = encoders] { return std::make_unique<FileVideoEncoder>(e); };
+        platform.probe = &probe;
+        platform.media = &media;
+        platform.layers = &layers;
+        return platform;
+    }
 };
 
 }  // namespace pavix::testing

@@ -7,8 +7,10 @@
 
 #include "core/runtime/Log.h"
 #include "core/session/KeychainError.h"
+#include "platform/Clipboard.h"
 #include "platform/SecretStore.h"
 #include "platform/ShareableContent.h"
+#include "platform/Trash.h"
 #include "platform/Volume.h"
 
 namespace pavix::test {
@@ -75,6 +77,32 @@ class FakeVolume : public Volume {
 
     std::mutex mutex;
     std::optional<std::int64_t> free = 10'000'000'000;
+};
+
+// A trash can in a folder of the test's own: moved files keep their bytes there. `refuse`
+// makes it answer as a volume without a trash.
+class FakeTrash : public Trash {
+  public:
+    void moveToTrash(const std::filesystem::path& file) override {
+        std::lock_guard lock(mutex);
+        if (refuse) {
+            throw Trash::NotSupported("This volume has no Trash. The file stays where it is.");
+        }
+        std::filesystem::create_directories(folder);
+        auto target = folder / (std::to_string(moved.size()) + "-" + file.filename().string());
+        std::filesystem::rename(file, target);
+        moved.push_back(file);
+    }
+    std::mutex mutex;
+    std::filesystem::path folder;
+    bool refuse = false;
+    std::vector<std::filesystem::path> moved;
+};
+
+class FakeClipboard : public Clipboard {
+  public:
+    void setText(const std::string& value) override { text = value; }
+    std::string text;
 };
 
 // Keeps every log line for inspection.

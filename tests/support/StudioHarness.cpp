@@ -24,6 +24,9 @@ StudioHarness::StudioHarness(Timing timing, CapturePlatform capture) {
     env.defaults = &defaults;
     env.content = &content;
     env.volume = &volume;
+    env.trash = &trash;
+    env.clipboard = &clipboard;
+    env.osVersion = "Test OS 1.0";
     env.capture = std::move(capture);
     env.log = &log;
     env.timing = timing;
@@ -33,6 +36,7 @@ StudioHarness::StudioHarness(Timing timing, CapturePlatform capture) {
     char pattern[] = "/tmp/pavix-library.XXXXXX";
     library = std::filesystem::path(::mkdtemp(pattern)) / "Pavix";
     env.libraryFolder = library;
+    trash.folder = library.parent_path() / "Trash";
     studio_ = std::make_unique<Studio>(env);
     studio_->setServer(server.base());
 }

@@ -66,6 +66,8 @@ class StudioHarness {
     FakeSecretStore secrets;
     FakeShareableContent content;
     FakeVolume volume;
+    FakeTrash trash;
+    FakeClipboard clipboard;
     MemoryDefaults defaults;
     CapturingLog log;
     double nowMs = 1'800'000'000'000.0;

@@ -12,6 +12,7 @@ struct Timing {
     ms reconnectDelay{2'000};         // wait before a reconnect after a transient failure
     ms watchInterval{3'000};          // free space and source presence during a recording
     ms agentRecordingLimit{300'000};  // recordings the agent starts end after five minutes
+    ms userRecordingLimit{300'000};   // the user's own, unless the service names a length
     ms refreshLead{120'000};          // refresh the access token this long before it expires
     ms refreshFloor{5'000};           // but never sooner than this from now
     ms firstFramePoll{100};           // first-frame wait of a starting capture

@@ -3,6 +3,8 @@
 #include <algorithm>
 
 #include "core/app/ServiceAddresses.h"
+#include "core/capture/CaptureError.h"
+#include "core/capture/CaptureGuards.h"
 #include "core/capture/CaptureSources.h"
 #include "core/runtime/Offload.h"
 #include "core/session/ErrorText.h"
@@ -30,6 +32,7 @@ Studio::Studio(StudioEnvironment environment)
     parts.timing = env_.timing;
     parts.libraryLabel = env_.libraryLabel;
     capture_ = std::make_unique<Capture>(std::move(parts));
+    capture_->onFailure = [this](const std::string& message) { captureFailed(message); };
 }
 
 Studio::~Studio() = default;
@@ -41,6 +44,16 @@ void Studio::observe(Observer observer) {
 void Studio::setStatus(const std::string& status) {
     log("status: " + status);
     change([&](StudioState& s) { s.status = status; });
+}
+
+std::string Studio::describe(std::exception_ptr error) const {
+    try {
+        std::rethrow_exception(error);
+    } catch (const CaptureError& e) {
+        return CaptureGuards::describe(e, env_.libraryLabel);
+    } catch (...) {
+        return ErrorText::describe(error);
+    }
 }
 
 void Studio::log(const std::string& line) const {
@@ -56,17 +69,6 @@ Task::ErrorHandler Studio::taskErrorHandler() {
 void Studio::spawnDetached(asio::awaitable<void> body) {
     std::erase_if(detached_, [](const Task& task) { return !task.running(); });
     detached_.push_back(Task::spawn(env_.executor, std::move(body), taskErrorHandler()));
-}
-
-void Studio::loadLibrary() {
-    try {
-        auto recovered = journal_.recover();
-        change([&](StudioState& s) { s.recent = std::move(recovered); });
-    } catch (const std::exception& e) {
-        log("library could not be read: " + std::string(e.what()));
-        setStatus("Could not read local recording history. Your files remain in " +
-                  env_.libraryLabel + ".");
-    }
 }
 
 asio::awaitable<void> Studio::loadSavedIdentity() {
@@ -100,6 +102,8 @@ void Studio::setCode(const std::string& code) {
 
 void Studio::setConsent(bool consent) {
     change([&](StudioState& s) { s.consent = consent; });
+    log(std::string("consent=") + (consent ? "true" : "false") +
+        " blocker=" + shareBlocker().value_or("none"));
 }
 
 void Studio::setAllowControl(bool allow) {

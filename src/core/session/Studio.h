@@ -10,6 +10,7 @@
 #include "core/capture/Capture.h"
 #include "core/library/CaptureJournal.h"
 #include "core/net/Url.h"
+#include "core/runtime/SharedOutcome.h"
 #include "core/runtime/Task.h"
 #include "core/session/DeviceIdentity.h"
 #include "core/session/DeviceKeychain.h"
@@ -85,6 +86,36 @@ class Studio {
     Capture& capture() { return *capture_; }
     const Capture& capture() const { return *capture_; }
 
+    // --- recording
+    // Why sharing or recording cannot begin now; none when it can.
+    std::optional<std::string> shareBlocker() const;
+    // Starts the user's own recording of the selected source (not while an agent session runs).
+    asio::awaitable<void> recordNow();
+    // Stops the user's recording, finishes the video and uploads it. A second stop while one
+    // runs joins nothing and starts nothing.
+    asio::awaitable<void> stopManual(std::optional<std::string> message = std::nullopt);
+    // The record of the recording in progress, or of the last one until the next begins.
+    const std::optional<LocalCapture>& current() const { return current_; }
+    // Moves `current` to `stage` with the capture's measured facts, saves it and reloads the
+    // library. Throws the journal's errors.
+    void stage(LocalCapture::Stage stage);
+    // Demo moments the agent marked on the current recording.
+    const nlohmann::json& moments() const { return moments_; }
+
+    // --- upload
+    bool canRetry(const LocalCapture& capture) const;
+    void retryUpload(const LocalCapture& capture);
+    asio::awaitable<void> cancelUpload();
+    bool uploadRunning() const { return retryTask_.running() || uploadTask_.running(); }
+
+    // --- library
+    asio::awaitable<void> applyRetention();
+    bool canManageLocal(const LocalCapture& capture) const;
+    asio::awaitable<void> deleteLocal(LocalCapture capture);
+    std::string supportBundle() const;
+    void copySupportBundle();
+    void setAutoTrashUploaded(bool on);
+
     // Read-only views for the application and tests.
     const std::optional<DeviceIdentity>& identity() const { return identity_; }
     const std::string& connectionGeneration() const { return connectionGeneration_; }
@@ -104,6 +135,8 @@ class Studio {
         }
     }
     void setStatus(const std::string& status);
+    // The user's sentence for a failure; capture failures get the capture guards' sentence.
+    std::string describe(std::exception_ptr error) const;
     void log(const std::string& line) const;
     void spawnDetached(asio::awaitable<void> body);
     Task::ErrorHandler taskErrorHandler();
@@ -120,6 +153,36 @@ class Studio {
     asio::awaitable<void> refreshLater(std::string generation, Timing::ms delay);
     asio::awaitable<void> reconnectLater();
 
+    // recording
+    LocalCapture newRecord(const std::string& id, const CaptureSource& source) const;
+    bool existsLocally(const std::string& id) const;
+    void reloadRecent();
+    void stageOrLog(LocalCapture::Stage next);
+    asio::awaitable<void> beginRecording(const std::string& id, const CaptureSource& source);
+    asio::awaitable<void> finalize();
+    asio::awaitable<void> closeRecording();
+    void captureFailed(const std::string& message);
+    asio::awaitable<void> manualStop(std::optional<std::string> message,
+                                     std::shared_ptr<SharedOutcome<bool>> done);
+    asio::awaitable<void> recordingLimit(Timing::ms limit, std::string id);
+    asio::awaitable<nlohmann::json> startRecordingCommand(const nlohmann::json& args);
+    asio::awaitable<nlohmann::json> stopRecordingCommand();
+    nlohmann::json markDemoMoment(const nlohmann::json& args);
+    asio::awaitable<nlohmann::json> disposeCommand();
+    nlohmann::json windowPreset(const std::string& requested, const CaptureSource& source);
+
+    // library
+    asio::awaitable<void> moveToTrash(std::filesystem::path file);
+
+    // upload
+    asio::awaitable<void> upload(LocalCapture capture, std::filesystem::path file);
+    asio::awaitable<std::int64_t> sendPiece(std::string base, std::filesystem::path file,
+                                            std::int64_t offset, std::int64_t size);
+    asio::awaitable<void> handOver();
+    asio::awaitable<void> agentHandOver();
+    asio::awaitable<void> retry(LocalCapture capture);
+    void restageAfterFailedUpload();
+
     StudioEnvironment env_;
     DeviceKeychain keychain_;
     CaptureJournal journal_;
@@ -133,6 +196,14 @@ class Studio {
     bool disconnecting_ = false;
     std::optional<std::string> lastSourceTitle_;
     std::unique_ptr<Capture> capture_;
+    std::optional<LocalCapture> current_;
+    bool finalizing_ = false;  // the running capture is being stopped and its file finished
+    nlohmann::json moments_ = nlohmann::json::array();
+    std::chrono::steady_clock::time_point recordingStarted_;
+    std::shared_ptr<SharedOutcome<bool>> uploadDone_;  // resolved when uploadTask_ ends
+    std::optional<nlohmann::json> windowReport_;
+    // Set by a method that ends the session once its reply is delivered.
+    std::optional<std::string> endAfterReply_;
 
     Task loop_;
     Task reconnectTask_;
@@ -141,6 +212,7 @@ class Studio {
     Task timer_;
     Task retryTask_;
     Task manualTask_;
+    Task uploadTask_;  // the upload that follows the agent's stop
     std::vector<Task> detached_;
 };
 

@@ -81,6 +81,13 @@ asio::awaitable<void> Studio::poll(std::string generation) {
                 log("pavix result " + command->method +
                     " not delivered: " + ErrorText::describe(replyError));
             }
+            if (endAfterReply_) {
+                // The method asked to end the session once the agent had its answer.
+                auto message = *endAfterReply_;
+                endAfterReply_.reset();
+                co_await disconnect(message);
+                co_return;
+            }
             continue;
         }
         auto description = ErrorText::describe(failure);

@@ -72,9 +72,17 @@ asio::awaitable<nlohmann::json> Studio::runSessionMethod(const std::string& meth
     if (method == "screenshot") {
         co_return co_await screenshot();
     }
-    if (method == "startRecording" || method == "stopRecording" || method == "markDemoMoment" ||
-        method == "dispose") {
-        throw PavixError("Recording is not available in this version of Pavix.");
+    if (method == "startRecording") {
+        co_return co_await startRecordingCommand(args);
+    }
+    if (method == "stopRecording") {
+        co_return co_await stopRecordingCommand();
+    }
+    if (method == "markDemoMoment") {
+        co_return markDemoMoment(args);
+    }
+    if (method == "dispose") {
+        co_return co_await disposeCommand();
     }
     throw PavixError("Unknown method " + (method.empty() ? std::string("(none)") : method) + ".");
 }
@@ -110,10 +118,14 @@ nlohmann::json Studio::meta() const {
     } else if (auto source = selectedSource()) {
         viewport = {{"width", source->width}, {"height", source->height}};
     }
-    return {{"captureViewport", viewport},
-            {"recordingMode", "screencast"},
-            {"pointerTrail", nlohmann::json::array()},
-            {"identitySightings", nlohmann::json::array()}};
+    nlohmann::json meta = {{"captureViewport", viewport},
+                           {"recordingMode", "screencast"},
+                           {"pointerTrail", nlohmann::json::array()},
+                           {"identitySightings", nlohmann::json::array()}};
+    if (windowReport_) {
+        meta["desktopWindow"] = *windowReport_;
+    }
+    return meta;
 }
 
 }  // namespace pavix

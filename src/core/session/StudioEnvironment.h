@@ -11,8 +11,10 @@
 #include "core/net/HttpClient.h"
 #include "core/runtime/Log.h"
 #include "core/runtime/Timing.h"
+#include "platform/Clipboard.h"
 #include "platform/SecretStore.h"
 #include "platform/ShareableContent.h"
+#include "platform/Trash.h"
 #include "platform/Volume.h"
 
 namespace pavix {
@@ -27,13 +29,16 @@ struct StudioEnvironment {
     Defaults* defaults = nullptr;
     ShareableContent* content = nullptr;
     Volume* volume = nullptr;
-    CapturePlatform capture;  // streams, encoders and read-back for recordings and stills
+    Trash* trash = nullptr;          // where the library's videos go when they are removed
+    Clipboard* clipboard = nullptr;  // for the support summary; none on a headless machine
+    CapturePlatform capture;         // streams, encoders and read-back for recordings and stills
     Log* log = nullptr;
     Timing timing;
     // Milliseconds since 1970 on the wall clock (credential expiry times are in that unit).
     std::function<double()> nowMs;
     std::string appVersion = "dev";
     std::string deviceName = "computer";
+    std::string osVersion = "unknown";  // the operating system as the support summary names it
     std::int32_t ownPid = 0;  // this process: its own windows are never offered as sources
     std::filesystem::path libraryFolder;        // where recordings are kept
     std::string libraryLabel = "Videos/Pavix";  // the same folder as the user knows it

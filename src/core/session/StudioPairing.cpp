@@ -226,13 +226,19 @@ asio::awaitable<void> Studio::disconnect(const std::string& message) {
     watchdog_.cancel();
     reconnectTask_.cancel();
     refreshTask_.cancel();
-    // The caller may be one of the tasks just cancelled (the poll loop, the watchdog); what
-    // follows must still reach the server.
+    uploadTask_.cancel();
+    retryTask_.cancel();
+    if (state_.uploading) {
+        manualTask_.cancel();  // a manual stop that is still recording finishes by itself
+    }
+    // The caller may be one of the tasks just cancelled (the poll loop, the watchdog, the
+    // limit timer); what follows must still finish the recording and reach the server.
     co_await asio::this_coro::reset_cancellation_state();
     change([](StudioState& s) {
         s.connected = false;
         s.consent = false;
     });
+    co_await closeRecording();
     setStatus(message);
     if (!token_) {
         log("disconnect skipped: no session token");

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,7 +25,10 @@ struct StudioState {
     bool busy = false;
     bool consent = false;
     bool recording = false;
+    bool manual = false;          // the recording in progress was started by the user
+    std::string recordingSource;  // title of the source being recorded
     bool uploading = false;
+    std::optional<std::filesystem::path> saved;  // the video of the last finished recording
     bool allowControl = false;
     bool diagnosticsOptIn = false;
     bool autoTrashUploaded = true;

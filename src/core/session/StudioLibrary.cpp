@@ -1,0 +1,174 @@
+#include <ctime>
+
+#include "core/net/Url.h"
+#include "core/runtime/Offload.h"
+#include "core/session/ErrorText.h"
+#include "core/session/PavixError.h"
+#include "core/session/Studio.h"
+
+namespace pavix {
+namespace {
+
+// ISO 8601 in UTC, to the second, of `unixSeconds`.
+std::string iso8601(double unixSeconds) {
+    auto seconds = static_cast<std::time_t>(unixSeconds);
+    std::tm parts{};
+    ::gmtime_r(&seconds, &parts);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
+    return text;
+}
+
+bool managedElsewhere(LocalCapture::Stage stage) {
+    return stage == LocalCapture::Stage::recording || stage == LocalCapture::Stage::finalizing ||
+           stage == LocalCapture::Stage::uploading;
+}
+
+}  // namespace
+
+void Studio::loadLibrary() {
+    try {
+        auto recovered = journal_.recover();
+        change([&](StudioState& s) { s.recent = std::move(recovered); });
+    } catch (const std::exception& e) {
+        log("library could not be read: " + std::string(e.what()));
+        setStatus("Could not read local recording history. Your files remain in " +
+                  env_.libraryLabel + ".");
+    }
+}
+
+void Studio::setAutoTrashUploaded(bool on) {
+    env_.defaults->set("autoTrashUploaded", on);
+    change([&](StudioState& s) { s.autoTrashUploaded = on; });
+}
+
+// Moves a video to the trash when it is still there; never unlinks it.
+asio::awaitable<void> Studio::moveToTrash(std::filesystem::path file) {
+    auto work = [trash = env_.trash, file = std::move(file)] {
+        std::error_code ignored;
+        if (!std::filesystem::exists(file, ignored)) {
+            return;
+        }
+        if (trash == nullptr) {
+            throw Trash::NotSupported("This computer has no Trash. The file stays where it is.");
+        }
+        trash->moveToTrash(file);
+    };
+    co_await offload(*env_.pool, std::move(work));
+}
+
+asio::awaitable<void> Studio::applyRetention() {
+    if (!state_.autoTrashUploaded || state_.busy || state_.recording) {
+        co_return;
+    }
+    auto now = env_.nowMs() / 1000.0 - LocalCapture::kReferenceDateOffset;
+    auto expired = CaptureJournal::expired(state_.recent, now, CaptureJournal::uploadedRetention);
+    for (const auto& capture : expired) {
+        if (current_ && current_->id == capture.id) {
+            continue;
+        }
+        std::exception_ptr failure;
+        try {
+            co_await moveToTrash(journal_.file(capture.id));
+            journal_.removeManifest(capture);
+            log("retention moved an uploaded copy to the trash");
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        if (failure) {
+            // Never shown: the copy stays and the next launch tries again.
+            log("retention skipped a copy: " + ErrorText::describe(failure));
+        }
+    }
+    try {
+        reloadRecent();
+    } catch (const std::exception& e) {
+        log("library could not be reloaded: " + std::string(e.what()));
+    }
+}
+
+bool Studio::canManageLocal(const LocalCapture& capture) const {
+    if (state_.busy || state_.uploading) {
+        return false;
+    }
+    if (current_ && current_->id == capture.id) {
+        return false;
+    }
+    return !managedElsewhere(capture.stage);
+}
+
+asio::awaitable<void> Studio::deleteLocal(LocalCapture capture) {
+    if (!canManageLocal(capture)) {
+        co_return;
+    }
+    std::exception_ptr failure;
+    try {
+        co_await moveToTrash(journal_.file(capture.id));
+        journal_.removeManifest(capture);
+        reloadRecent();
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (failure) {
+        setStatus("Could not remove the local copy. " + ErrorText::describe(failure));
+        try {
+            reloadRecent();
+        } catch (...) {
+        }
+        co_return;
+    }
+    setStatus("Local copy moved to Trash. Cloud recordings are unchanged.");
+}
+
+std::string Studio::supportBundle() const {
+    auto server = Url::parse(state_.server);
+    nlohmann::json captures = nlohmann::json::array();
+    for (std::size_t i = 0; i < state_.recent.size() && i < 20; ++i) {
+        const auto& c = state_.recent[i];
+        std::string id = c.id;
+        for (auto& ch : id) {
+            ch = static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
+        }
+        nlohmann::json entry = {
+            {"id", id},
+            {"stage", LocalCapture::stageText(c.stage)},
+            {"createdAt", iso8601(c.createdAt + LocalCapture::kReferenceDateOffset)},
+            {"width", c.width},
+            {"height", c.height},
+            {"bound", c.serverOrigin.has_value()}};
+        if (c.durationMs) {
+            entry["durationMs"] = *c.durationMs;
+        }
+        captures.push_back(entry);
+    }
+    // Versions, identifiers, stages and timings only: no titles, paths, tokens or content.
+    nlohmann::json bundle = {
+        {"appVersion", env_.appVersion},
+        {"macOS", env_.osVersion},
+        {"server", server && !server->host.empty() ? server->host : std::string("invalid")},
+        {"paired", state_.paired},
+        {"deviceIdPrefix", identity_ ? identity_->deviceId.substr(0, 8) : std::string()},
+        {"connected", state_.connected},
+        {"recording", state_.recording},
+        {"lastErrorCode", state_.lastErrorCode},
+        {"captures", captures},
+        {"generatedAt", iso8601(env_.nowMs() / 1000.0)}};
+    return bundle.dump(2);  // nlohmann's objects keep their keys sorted
+}
+
+void Studio::copySupportBundle() {
+    if (env_.clipboard == nullptr) {
+        setStatus("No clipboard is available on this computer.");
+        return;
+    }
+    try {
+        env_.clipboard->setText(supportBundle());
+    } catch (const std::exception& e) {
+        log(std::string("clipboard refused the support bundle: ") + e.what());
+        setStatus("Could not copy the support bundle. " + std::string(e.what()));
+        return;
+    }
+    setStatus("Support bundle copied. It contains versions, capture IDs, stages and timings only.");
+}
+
+}  // namespace pavix

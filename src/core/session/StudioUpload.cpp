@@ -1,0 +1,227 @@
+#include <algorithm>
+#include <asio/this_coro.hpp>
+#include <cctype>
+#include <cmath>
+
+#include "core/library/CaptureTransfer.h"
+#include "core/runtime/Offload.h"
+#include "core/session/ErrorText.h"
+#include "core/session/PavixError.h"
+#include "core/session/Studio.h"
+
+// GCC 12 reports a mismatched operator delete for the frames of coroutines awaited in a loop
+// (GCC bug 109224, fixed in GCC 13): Asio's awaitable frames are allocated and freed by the same
+// promise operators. The warning is silenced for this file only.
+#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ < 13
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
+namespace pavix {
+namespace {
+
+std::string lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+// The service's "received" count when it is an integer.
+std::optional<std::int64_t> received(const nlohmann::json& reply) {
+    auto found = reply.find("received");
+    if (found == reply.end() || !found->is_number_integer()) {
+        return std::nullopt;
+    }
+    if (found->is_number_unsigned() && found->get<std::uint64_t>() > std::uint64_t(INT64_MAX)) {
+        return std::nullopt;
+    }
+    return found->get<std::int64_t>();
+}
+
+// Cancellation is cooperative: checked before each piece and before publishing.
+void throwIfCancelled(const asio::cancellation_state& state) {
+    if (state.cancelled() != asio::cancellation_type::none) {
+        throw std::system_error(asio::error::operation_aborted);
+    }
+}
+
+constexpr const char* kOtherAccount = "Reconnect the computer account that created this capture.";
+
+}  // namespace
+
+asio::awaitable<void> Studio::upload(LocalCapture capture, std::filesystem::path file) {
+    if (!capture.durationMs || *capture.durationMs < 1) {
+        throw PavixError("Capture duration unavailable. Local video saved.");
+    }
+    auto print = co_await CaptureTransfer::fingerprint(*env_.pool, file);
+    const std::string base = "desktop-upload/" + lower(capture.id) + "/";
+
+    nlohmann::json media = {
+        {"width", capture.width}, {"height", capture.height}, {"durationMs", *capture.durationMs}};
+    if (capture.layers) {
+        media["layers"] = capture.layers->payload();
+    }
+    nlohmann::json begin = {{"bytes", print.bytes}, {"sha256", print.sha256}, {"media", media}};
+    const std::string beginPath = base + "begin";
+    auto reply = co_await post(beginPath, begin);
+    auto held = received(reply);
+    if (!held || *held < 0 || *held > print.bytes) {
+        throw PavixError("Invalid upload receipt");
+    }
+    if (*held > 0) {
+        log("upload resumes at byte " + std::to_string(*held) + " of " +
+            std::to_string(print.bytes));
+    }
+    std::int64_t offset = *held;
+    while (offset < print.bytes) {
+        throwIfCancelled(co_await asio::this_coro::cancellation_state);
+        offset = co_await sendPiece(base, file, offset, print.bytes);
+        setStatus("Uploading " + std::to_string(offset * 100 / print.bytes) +
+                  "%. Local video saved.");
+    }
+    const std::string completePath = base + "complete";
+    co_await post(completePath);
+}
+
+// Sends the piece at `offset` and returns where the next one starts.
+asio::awaitable<std::int64_t> Studio::sendPiece(std::string base, std::filesystem::path file,
+                                                std::int64_t offset, std::int64_t size) {
+    auto count = std::min(size - offset, CaptureTransfer::kChunkSize);
+    auto bytes = co_await CaptureTransfer::chunk(*env_.pool, file, offset, count);
+    ServiceRequests::Payload piece;
+    piece.chunk = std::string(bytes.begin(), bytes.end());
+    piece.offset = offset;
+    bytes = {};
+    const std::string path = base + "chunk";
+    const nlohmann::json noBody = nlohmann::json::object();
+    auto receipt = co_await post(path, noBody, std::move(piece));
+    // The service may acknowledge more than was just sent, never less.
+    auto next = received(receipt);
+    if (!next || *next < offset + count || *next > size) {
+        throw PavixError("Invalid upload offset");
+    }
+    co_return *next;
+}
+
+// The hand-over of a finished recording: upload, publish, uploaded. Throws; the caller puts
+// the record back.
+asio::awaitable<void> Studio::handOver() {
+    if (!identity_ || !current_) {
+        throw PavixError("Capture identity unavailable");
+    }
+    stage(LocalCapture::Stage::uploading);
+    change([](StudioState& s) { s.uploading = true; });
+    setStatus("Uploading. Local video saved.");
+    auto record = *current_;
+    co_await upload(record, journal_.file(record.id));
+    throwIfCancelled(co_await asio::this_coro::cancellation_state);
+    const std::string publishPath = "desktop-upload/" + lower(record.id) + "/publish";
+    co_await post(publishPath);
+    stage(LocalCapture::Stage::uploaded);
+    setStatus("Uploaded. Ask your agent to render it, or open your Pavix library.");
+}
+
+asio::awaitable<void> Studio::agentHandOver() {
+    auto done = uploadDone_;
+    std::exception_ptr failure;
+    try {
+        co_await handOver();
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (failure) {
+        restageAfterFailedUpload();
+        if (!ErrorText::isCancellation(failure)) {
+            diagnose("agent_upload_failed", failure);
+            setStatus("Upload did not finish. Local video saved; use Retry upload. " +
+                      describe(failure));
+        }
+    }
+    change([](StudioState& s) { s.uploading = false; });
+    if (done) {
+        done->resolve(failure == nullptr);
+    }
+}
+
+bool Studio::canRetry(const LocalCapture& capture) const {
+    if (state_.busy || state_.connected || state_.recording) {
+        return false;
+    }
+    std::optional<std::string> device;
+    if (identity_) {
+        device = identity_->deviceId;
+    }
+    return capture.canRetry(state_.server, device);
+}
+
+void Studio::retryUpload(const LocalCapture& capture) {
+    if (!canRetry(capture)) {
+        return;
+    }
+    change([](StudioState& s) {
+        s.busy = true;
+        s.uploading = true;
+    });
+    retryTask_ = Task::spawn(env_.executor, retry(capture), taskErrorHandler());
+}
+
+asio::awaitable<void> Studio::retry(LocalCapture capture) {
+    std::exception_ptr failure;
+    try {
+        if (!identity_ || !capture.canRetry(state_.server, identity_->deviceId)) {
+            throw PavixError(kOtherAccount);
+        }
+        endpoint_ = ServiceRequests::validatedEndpoint(state_.server);
+        nlohmann::json refresh = {{"refreshToken", identity_->refreshToken}};
+        auto reply = co_await post("device/refresh", refresh);
+        co_await remember(reply);
+
+        auto file = journal_.file(capture.id);
+        auto readDuration = [media = env_.capture.media, path = file.string()] {
+            return media ? media->duration(path) : std::optional<double>();
+        };
+        auto seconds = co_await offload(*env_.pool, std::move(readDuration));
+        if (!seconds || !std::isfinite(*seconds) || *seconds <= 0) {
+            throw PavixError("Local capture is incomplete. Keep the file for recovery.");
+        }
+        capture.stage = LocalCapture::Stage::uploading;
+        journal_.save(capture);
+        reloadRecent();
+        co_await upload(capture, file);
+        throwIfCancelled(co_await asio::this_coro::cancellation_state);
+        const std::string publishPath = "desktop-upload/" + lower(capture.id) + "/publish";
+        co_await post(publishPath);
+        capture.stage = LocalCapture::Stage::uploaded;
+        journal_.save(capture);
+        reloadRecent();
+        setStatus("Capture recovered. Ask your agent to render and export.");
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (failure) {
+        capture.stage = LocalCapture::Stage::saved;
+        try {
+            journal_.save(capture);
+        } catch (...) {
+        }
+        try {
+            reloadRecent();
+        } catch (...) {
+        }
+        if (!ErrorText::isCancellation(failure)) {
+            diagnose("retry_upload_failed", failure);
+            setStatus("Upload did not finish. Local video saved. " + describe(failure));
+        }
+    }
+    change([](StudioState& s) {
+        s.busy = false;
+        s.uploading = false;
+    });
+}
+
+asio::awaitable<void> Studio::cancelUpload() {
+    co_await disconnect(
+        "Upload canceled. Local video saved; accepted cloud bytes may remain until retention "
+        "expires.");
+}
+
+}  // namespace pavix

@@ -1,0 +1,352 @@
+// Recording orchestration on the model: the agent's and the user's recordings from start to
+// published upload, with fake capture parts and a scripted service on loopback.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "core/capture/CaptureError.h"
+#include "core/runtime/Uuid.h"
+#include "support/FakeCapturePlatform.h"
+#include "support/ScriptedUploads.h"
+#include "support/StudioHarness.h"
+
+namespace pavix::test {
+namespace {
+
+using nlohmann::json;
+using Stage = LocalCapture::Stage;
+namespace fs = std::filesystem;
+
+ShareableContentSnapshot desktop() {
+    ShareableContentSnapshot snapshot;
+    ShareableWindow editor;
+    editor.id = 4242;
+    editor.pid = 99;
+    editor.title = "notes.txt";
+    editor.appName = "Text Editor";
+    editor.width = 800;
+    editor.height = 600;
+    editor.onScreen = true;
+    snapshot.windows = {editor};
+    snapshot.displays = {{77, 0, 0, 1920, 1080}};
+    return snapshot;
+}
+
+std::string bytesOf(const fs::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    std::stringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+Timing recordingTiming() {
+    auto timing = fastTiming();
+    timing.watchInterval = std::chrono::milliseconds(30'000);  // no watchdog rounds in between
+    return timing;
+}
+
+class Recording : public ::testing::Test {
+  protected:
+    Recording() : Recording(recordingTiming()) {}
+    explicit Recording(Timing timing) : h(timing, capture.platform()) {
+        h.content.set(desktop());
+        h.await(h.studio().refreshSources());
+        h.studio().observe([this](const StudioState&) {
+            const auto& current = h.studio().current();
+            if (current && (stages.empty() || stages.back() != current->stage)) {
+                stages.push_back(current->stage);
+            }
+        });
+    }
+    void connectAndSelect() {
+        h.pairWithCode();
+        h.studio().selectSource("window-4242");
+    }
+    json call(const std::string& method, json args = json::array()) {
+        auto id = h.service.queueCommand(method, std::move(args));
+        if (!h.runUntil([&] { return h.service.result(id).has_value(); })) {
+            throw std::runtime_error("no reply to " + method);
+        }
+        return *h.service.result(id);
+    }
+    static json withCapture(const std::string& id) { return json::array({{{"captureId", id}}}); }
+    std::string path(const std::string& name) { return ScriptedService::path(name); }
+
+    testing::FakeCaptureParts capture;
+    StudioHarness h;
+    ScriptedUploads uploads{h.server};
+    std::vector<Stage> stages;
+};
+
+TEST_F(Recording, AgentRecordingIsJournaledFinishedUploadedAndPublished) {
+    connectAndSelect();
+    auto id = Uuid::make();
+    uploads.expect(id);
+
+    // Without the user's approval nothing is recorded.
+    EXPECT_EQ(call("startRecording", withCapture(id))["error"], "local_browser_action_failed");
+    EXPECT_TRUE(h.log.contains("Approve a new recording in Pavix first."));
+    EXPECT_FALSE(h.studio().current());
+
+    h.studio().setConsent(true);
+    EXPECT_TRUE(h.log.contains("consent=true blocker=none"));
+    auto started =
+        call("startRecording", json::array({{{"captureId", id}, {"windowSize", "1080p"}}}));
+    ASSERT_TRUE(started.contains("value")) << started.dump();
+    EXPECT_EQ(started["value"]["captureId"], id);
+    EXPECT_EQ(started["meta"]["desktopWindow"],
+              json::parse(R"({"requested":"1080p","width":800,"height":600,"resized":false,
+                              "reason":"control_off"})"));
+    EXPECT_TRUE(h.studio().state().recording);
+    EXPECT_FALSE(h.studio().state().manual);
+    EXPECT_EQ(h.studio().state().recordingSource, "Text Editor — notes.txt");
+    auto file = h.studio().journal().file(h.studio().current()->id);
+    EXPECT_TRUE(fs::exists(file));
+    EXPECT_EQ(h.studio().current()->deviceId, "device-1");
+    EXPECT_EQ(h.studio().current()->serverOrigin, h.server.base());
+
+    // A moment marked while recording is kept with the recording.
+    auto moment = call("markDemoMoment", json::array({{{"label", "opened the menu"}}}));
+    EXPECT_EQ(moment["value"]["count"], 1);
+    EXPECT_EQ(h.studio().moments()[0]["label"], "opened the menu");
+
+    auto stopped = call("stopRecording");
+    EXPECT_EQ(stopped["value"], json({{"body", "desktop_upload"},
+                                      {"captureId", id},
+                                      {"contentType", "video/mp4"},
+                                      {"redactionPassed", false}}));
+    ASSERT_TRUE(h.runUntil([&] { return uploads.upload(id) && uploads.upload(id)->published; }));
+    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().uploading; }));
+
+    EXPECT_EQ(stages, (std::vector<Stage>{Stage::recording, Stage::finalizing, Stage::saved,
+                                          Stage::uploading, Stage::uploaded}));
+    auto upload = *uploads.upload(id);
+    EXPECT_EQ(upload.data, bytesOf(file));
+    EXPECT_EQ(upload.media["durationMs"], 2500);
+    EXPECT_EQ(h.studio().state().status,
+              "Uploaded. Ask your agent to render it, or open your Pavix library.");
+    EXPECT_FALSE(h.studio().state().consent);  // every recording needs a new approval
+    EXPECT_FALSE(h.studio().state().recording);
+    EXPECT_EQ(h.studio().state().saved, file);
+    ASSERT_EQ(h.studio().state().recent.size(), 1u);
+    EXPECT_EQ(h.studio().state().recent[0].stage, Stage::uploaded);
+    EXPECT_TRUE(h.studio().state().connected);
+
+    // The same capture id again never replaces the local recording.
+    h.studio().setConsent(true);
+    EXPECT_EQ(call("startRecording", withCapture(id))["error"], "local_browser_action_failed");
+    EXPECT_TRUE(h.log.contains("This capture already exists locally. It will not be overwritten."));
+    EXPECT_EQ(bytesOf(file), upload.data);
+    // Stopping when nothing records answers with an empty capture id.
+    EXPECT_EQ(call("stopRecording")["value"]["captureId"], "");
+}
+
+TEST_F(Recording, AgentStartRefusalsLeaveNoRecordingBehind) {
+    connectAndSelect();
+    h.studio().setConsent(true);
+    EXPECT_EQ(call("startRecording", withCapture("not-a-uuid"))["error"],
+              "local_browser_action_failed");
+    EXPECT_EQ(call("markDemoMoment")["error"], "local_browser_action_failed");
+    EXPECT_TRUE(h.log.contains("No capture is running."));
+
+    h.volume.set(524'287'999);  // one byte under the start guard
+    EXPECT_EQ(call("startRecording", withCapture(Uuid::make()))["error"],
+              "local_browser_action_failed");
+    EXPECT_TRUE(h.log.contains("Not enough free disk space to record safely"));
+    EXPECT_FALSE(h.studio().current());
+    h.volume.set(10'000'000'000);
+    EXPECT_FALSE(h.studio().state().consent);  // a refused start spends the approval too
+
+    // A stream that cannot start: the record exists, interrupted; the approval is spent.
+    capture.streams->startError = CaptureError(CaptureError::kNoCaptureSource, "gone");
+    auto id = Uuid::make();
+    h.studio().setConsent(true);
+    EXPECT_EQ(call("startRecording", withCapture(id))["error"], "local_browser_action_failed");
+    ASSERT_TRUE(h.studio().current());
+    EXPECT_EQ(h.studio().current()->stage, Stage::interrupted);
+    EXPECT_FALSE(h.studio().state().consent);
+    EXPECT_FALSE(h.studio().state().recording);
+    EXPECT_EQ(h.studio().state().recent.at(0).stage, Stage::interrupted);
+}
+
+TEST_F(Recording, EndingTheSessionFinishesTheRecordingAndKeepsTheVideo) {
+    connectAndSelect();
+    h.studio().setConsent(true);
+    auto id = Uuid::make();
+    ASSERT_TRUE(call("startRecording", withCapture(id)).contains("value"));
+    auto file = h.studio().journal().file(h.studio().current()->id);
+
+    h.await(h.studio().disconnect("Bye."));
+    EXPECT_FALSE(h.studio().state().recording);
+    EXPECT_EQ(h.studio().current()->stage, Stage::saved);
+    EXPECT_EQ(h.studio().current()->durationMs, 2500);
+    EXPECT_TRUE(fs::exists(file));
+    EXPECT_EQ(h.studio().state().status, "Bye.");
+    EXPECT_EQ(capture.encoders->finishes, 1);
+    EXPECT_FALSE(uploads.upload(id));  // nothing is uploaded without the agent's stop
+}
+
+TEST_F(Recording, DisposeFinishesTheRecordingAnswersAndThenEndsTheSession) {
+    connectAndSelect();
+    EXPECT_EQ(call("dispose")["error"], "local_browser_action_failed");
+    EXPECT_TRUE(h.log.contains("Desktop preview supports capture only."));
+    EXPECT_TRUE(h.studio().state().connected);
+
+    h.studio().setConsent(true);
+    ASSERT_TRUE(call("startRecording", withCapture(Uuid::make())).contains("value"));
+    auto disposed = call("dispose");
+    EXPECT_EQ(disposed["value"]["disposed"], true);
+    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
+    EXPECT_EQ(h.studio().current()->stage, Stage::saved);
+    ASSERT_TRUE(h.runUntil([&] { return h.server.count(path("disconnect")) == 1; }));
+}
+
+class ShortAgentLimit : public Recording {
+  protected:
+    static Timing timing() {
+        auto t = recordingTiming();
+        t.agentRecordingLimit = std::chrono::milliseconds(200);
+        return t;
+    }
+    ShortAgentLimit() : Recording(timing()) {}
+};
+
+TEST_F(ShortAgentLimit, TheAgentsLimitEndsTheSessionWithTheVideoSaved) {
+    connectAndSelect();
+    h.studio().setConsent(true);
+    ASSERT_TRUE(call("startRecording", withCapture(Uuid::make())).contains("value"));
+    ASSERT_TRUE(h.runUntil([&] {
+        return h.studio().state().status == "Five-minute limit reached. Local capture saved.";
+    }));
+    EXPECT_FALSE(h.studio().state().connected);
+    EXPECT_EQ(h.studio().current()->stage, Stage::saved);
+    EXPECT_FALSE(h.studio().state().recording);
+}
+
+TEST_F(Recording, ShareBlockerNamesTheFirstObstacle) {
+    EXPECT_EQ(h.studio().shareBlocker(), "Choose a window or display first.");
+    h.studio().selectSource("window-4242");
+    EXPECT_EQ(h.studio().shareBlocker(),
+              "Enter the one-time code from your agent or the console, or open the setup link.");
+    h.studio().setCode("ABCD");
+    EXPECT_EQ(h.studio().shareBlocker(), std::nullopt);
+    h.pairWithCode();
+    EXPECT_EQ(h.studio().shareBlocker(), std::nullopt);  // connected: nothing blocks
+    h.await(h.studio().disconnect("Bye."));
+    h.studio().setCode("");
+    EXPECT_EQ(h.studio().shareBlocker(), std::nullopt);  // paired
+    h.content.set(ShareableContentSnapshot{});
+    h.await(h.studio().refreshSources());
+    EXPECT_EQ(h.studio().shareBlocker(), "Choose a window or display first.");
+}
+
+// The user's own recording: paired, not sharing with the agent.
+class ManualRecording : public Recording {
+  protected:
+    void pairAndLeave() {
+        connectAndSelect();
+        h.await(h.studio().disconnect("Bye."));
+        h.server.clear();
+    }
+};
+
+TEST_F(ManualRecording, RecordNowRegistersRecordsAndStopUploadsOnce) {
+    pairAndLeave();
+    auto id = Uuid::make();
+    uploads.issue(id);
+    h.await(h.studio().recordNow());
+    ASSERT_TRUE(h.studio().state().recording) << h.studio().state().status;
+    EXPECT_TRUE(h.studio().state().manual);
+    EXPECT_TRUE(h.studio().state().consent);
+    EXPECT_FALSE(h.studio().state().busy);
+    EXPECT_EQ(h.studio().state().status,
+              "Recording Text Editor — notes.txt. Press Stop when done.");
+    EXPECT_TRUE(h.log.contains("recording limit 300000 ms"));
+    // The credential is renewed, then the recording registered with a fresh request id.
+    auto requests = h.server.requests();
+    ASSERT_GE(requests.size(), 2u);
+    EXPECT_EQ(requests[0].path, path("device/refresh"));
+    EXPECT_EQ(requests[1].path, path("desktop-recording/begin"));
+    EXPECT_TRUE(Uuid::isValid(json::parse(requests[1].body)["requestId"].get<std::string>()));
+
+    // Two stops at once: one finalize, one upload.
+    bool firstDone = false;
+    asio::co_spawn(h.io, h.studio().stopManual(), [&](std::exception_ptr) { firstDone = true; });
+    h.await(h.studio().stopManual());
+    ASSERT_TRUE(h.runUntil([&] { return firstDone; }));
+    EXPECT_EQ(capture.encoders->finishes, 1);
+    auto upload = uploads.upload(id);
+    ASSERT_TRUE(upload && upload->published);
+    EXPECT_EQ(upload->begins, 1);
+    EXPECT_EQ(stages, (std::vector<Stage>{Stage::recording, Stage::finalizing, Stage::saved,
+                                          Stage::uploading, Stage::uploaded}));
+    const auto& state = h.studio().state();
+    EXPECT_FALSE(state.manual || state.recording || state.uploading || state.busy || state.consent);
+
+    // While an agent session is shared the user's record button does nothing.
+    h.pairWithCode();
+    h.await(h.studio().recordNow());
+    EXPECT_FALSE(h.studio().state().recording);
+}
+
+TEST_F(ManualRecording, TheServiceNamesTheLengthWhenItGivesWholeMilliseconds) {
+    pairAndLeave();
+    auto id = Uuid::make();
+    uploads.issue(id, json(1.5));  // not whole milliseconds: the five-minute default
+    h.await(h.studio().recordNow());
+    EXPECT_TRUE(h.log.contains("recording limit 300000 ms"));
+    h.await(h.studio().stopManual());
+
+    auto next = Uuid::make();
+    uploads.issue(next, json(150));
+    h.await(h.studio().recordNow());
+    EXPECT_TRUE(h.log.contains("recording limit 150 ms"));
+    ASSERT_TRUE(
+        h.runUntil([&] { return uploads.upload(next) && uploads.upload(next)->published; }));
+    EXPECT_TRUE(h.log.contains("status: Recording limit reached. Saving and uploading."));
+    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().manual; }));
+}
+
+TEST_F(ManualRecording, AStartThatFailsLeavesFlagsClearAndSaysWhy) {
+    pairAndLeave();
+    h.server.reply(path("desktop-recording/begin"), 200, R"({"id":"42"})");
+    h.await(h.studio().recordNow());
+    EXPECT_EQ(h.studio().state().status, "Invalid capture response");
+    EXPECT_FALSE(h.studio().current());
+    EXPECT_FALSE(h.studio().state().consent || h.studio().state().busy);
+    EXPECT_FALSE(h.studio().state().lastErrorCode.empty());
+
+    // A capture that cannot start: the record is interrupted, the file never appears.
+    auto id = Uuid::make();
+    uploads.issue(id);
+    capture.streams->startError = CaptureError(CaptureError::kNoCaptureSource, "gone");
+    h.await(h.studio().recordNow());
+    ASSERT_TRUE(h.studio().current());
+    EXPECT_EQ(h.studio().current()->stage, Stage::interrupted);
+    EXPECT_FALSE(h.studio().state().consent || h.studio().state().busy ||
+                 h.studio().state().recording);
+    EXPECT_EQ(h.studio().state().status,
+              "The selected source is no longer available. Recording stopped; any saved capture "
+              "remains in Videos/Pavix.");
+
+    // An upload that fails leaves the video saved and says to retry.
+    capture.streams->startError.reset();
+    auto third = Uuid::make();
+    uploads.issue(third);
+    h.await(h.studio().recordNow());
+    ASSERT_TRUE(h.studio().state().recording);
+    h.server.reply(path("desktop-upload/" + third + "/begin"), 503,
+                   R"({"error":"service_unavailable"})");
+    h.await(h.studio().stopManual());
+    EXPECT_EQ(h.studio().current()->stage, Stage::saved);
+    EXPECT_EQ(h.studio().state().status.rfind(
+                  "Upload did not finish. Local video saved; use Retry upload. ", 0),
+              0u)
+        << h.studio().state().status;
+    EXPECT_FALSE(h.studio().state().uploading || h.studio().state().manual);
+    EXPECT_TRUE(fs::exists(h.studio().journal().file(h.studio().current()->id)));
+}
+
+}  // namespace
+}  // namespace pavix::test
