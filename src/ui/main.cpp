@@ -1,6 +1,7 @@
 // Qt first: Xlib defines macros (Bool, Status) that Qt's headers refuse to follow.
 #include "ui/QtDefaults.h"
 
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <asio/co_spawn.hpp>
@@ -23,10 +24,12 @@
 #include "linux/FfmpegPngEncoder.h"
 #include "linux/FfmpegVideoEncoder.h"
 #include "linux/FileSecretStore.h"
+#include "linux/GioTrash.h"
 #include "linux/LibsecretStore.h"
 #include "linux/Permissions.h"
 #include "linux/StatvfsVolume.h"
 #include "linux/X11CaptureStream.h"
+#include "linux/X11Clipboard.h"
 #include "linux/X11ShareableContent.h"
 #include "linux/X11WindowLayers.h"
 #include "linux/XdgFolders.h"
@@ -34,12 +37,6 @@
 using namespace pavix;
 
 namespace {
-
-// Until the window-system listing is wired in, the executable offers no sources.
-class NoShareableContent : public ShareableContent {
-  public:
-    ShareableContentSnapshot current() override { return {}; }
-};
 
 // Without an X server there is nothing to list; every listing reports why.
 class UnavailableContent : public ShareableContent {
@@ -70,6 +67,25 @@ std::unique_ptr<WindowLayers> windowLayers(Log& log) {
         log.line(std::string("no window list for layers: ") + e.what());
         return nullptr;
     }
+}
+
+// The clipboard needs the window system; without it the support summary cannot be copied.
+std::unique_ptr<Clipboard> clipboard(Log& log) {
+    try {
+        return std::make_unique<X11Clipboard>();
+    } catch (const std::exception& e) {
+        log.line(std::string("no clipboard: ") + e.what());
+        return nullptr;
+    }
+}
+
+// The system and its kernel, as the support summary names them.
+std::string osVersion() {
+    utsname names{};
+    if (::uname(&names) != 0) {
+        return "unknown";
+    }
+    return std::string(names.sysname) + " " + names.release;
 }
 
 void say(const std::string& line) {
@@ -147,6 +163,8 @@ int main(int argc, char** argv) {
     FfmpegMediaReader mediaReader;
     FfmpegPngEncoder pngEncoder;
     auto layers = windowLayers(log);
+    GioTrash trash;
+    auto sharedClipboard = clipboard(log);
 
     StudioEnvironment env;
     env.executor = io.get_executor();
@@ -156,6 +174,8 @@ int main(int argc, char** argv) {
     env.defaults = &defaults;
     env.content = content.get();
     env.volume = &volume;
+    env.trash = &trash;
+    env.clipboard = sharedClipboard.get();
     env.capture.streams = [] { return std::make_unique<X11CaptureStream>(); };
     env.capture.encoders = [] { return std::make_unique<FfmpegVideoEncoder>(); };
     env.capture.probe = &encoderProbe;
@@ -171,6 +191,7 @@ int main(int argc, char** argv) {
     };
     env.appVersion = PAVIX_VERSION;
     env.deviceName = hostName();
+    env.osVersion = osVersion();
     env.ownPid = ::getpid();
     env.libraryFolder = XdgFolders::library();
     env.libraryLabel = XdgFolders::libraryLabel(env.libraryFolder);
@@ -207,6 +228,7 @@ int main(int argc, char** argv) {
             io,
             [&]() -> asio::awaitable<void> {
                 studio.loadLibrary();
+                co_await studio.applyRetention();
                 co_await studio.loadSavedIdentity();
                 if (options.pair) {
                     co_await pairingRun(studio, io, exitCode);

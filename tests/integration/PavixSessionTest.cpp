@@ -8,74 +8,16 @@
 #include <nlohmann/json.hpp>
 
 #include "support/ChildProcess.h"
+#include "support/DevServerProcess.h"
 
 namespace pavix::test {
 namespace {
 
 using std::chrono::seconds;
 
-// A development service on a free port with its own data folder.
-class DevServer {
-  public:
-    DevServer() : data_(scratch("devserver")) {
-        process_ = std::make_unique<ChildProcess>(std::vector<std::string>{
-            PAVIX_DEVSERVER_BINARY, "--port", "0", "--data", data_, "--poll-hold-ms", "1000"});
-        auto ready = process_->waitForLine("ready", seconds(20));
-        if (!ready) {
-            throw std::runtime_error("devserver did not start:\n" + process_->output());
-        }
-        server_ = value("server ");
-        code_ = value("code ");
-    }
-    ~DevServer() { std::filesystem::remove_all(data_); }
-
-    const std::string& server() const { return server_; }
-    const std::string& code() const { return code_; }
-
-    // A fresh pairing code from the agent command line.
-    std::string newCode() {
-        auto out = agent({"pair-code"});
-        auto at = out.find("code ");
-        if (at == std::string::npos) {
-            throw std::runtime_error("no code in: " + out);
-        }
-        return out.substr(at + 5, out.find('\n', at) - at - 5);
-    }
-
-    // Runs the agent command line and returns its output.
-    std::string agent(std::vector<std::string> arguments) {
-        std::vector<std::string> command = {PAVIX_DEVSERVER_BINARY, "agent", "--server", server_};
-        command.insert(command.end(), arguments.begin(), arguments.end());
-        ChildProcess cli(command);
-        cli.wait(seconds(30));
-        return cli.output();
-    }
-
-    static std::string scratch(const std::string& name) {
-        char pattern[64];
-        std::snprintf(pattern, sizeof pattern, "/tmp/pavix-%s.XXXXXX", name.c_str());
-        return ::mkdtemp(pattern);
-    }
-
-  private:
-    std::string value(const std::string& prefix) {
-        for (const auto& line : process_->lines()) {
-            if (line.rfind(prefix, 0) == 0) {
-                return line.substr(prefix.size());
-            }
-        }
-        throw std::runtime_error("devserver printed no " + prefix);
-    }
-
-    std::string data_;
-    std::string server_;
-    std::string code_;
-    std::unique_ptr<ChildProcess> process_;
-};
-
 class PavixSession : public ::testing::Test {
   protected:
-    PavixSession() : home_(DevServer::scratch("home")) {}
+    PavixSession() : home_(DevServerProcess::scratch("home")) {}
     ~PavixSession() override { std::filesystem::remove_all(home_); }
 
     std::unique_ptr<ChildProcess> pavix(std::vector<std::string> arguments) {
@@ -89,7 +31,7 @@ class PavixSession : public ::testing::Test {
 };
 
 TEST_F(PavixSession, PairsServesAndResumesAfterARestart) {
-    DevServer service;
+    DevServerProcess service;
     {
         auto app = pavix({"--server", service.server(), "--code", service.code(), "--pair"});
         ASSERT_TRUE(app->waitForLine("pavix: connected", seconds(30))) << app->output();
@@ -137,8 +79,8 @@ TEST_F(PavixSession, PairsServesAndResumesAfterARestart) {
 }
 
 TEST_F(PavixSession, CredentialsAreKeptPerServerAndBadInputIsRefusedClearly) {
-    DevServer first;
-    DevServer second;
+    DevServerProcess first;
+    DevServerProcess second;
     {
         auto app = pavix({"--server", first.server(), "--code", first.code(), "--pair"});
         ASSERT_TRUE(app->waitForLine("pavix: connected true", seconds(30))) << app->output();
