@@ -1,0 +1,277 @@
+// The upload of a finished recording: the file side (fingerprint, pieces, the size limit) and
+// the transfer against a scripted service on loopback, with every kind of fault, the resume
+// from the service's count, and the user's retry and cancel.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <future>
+
+#include "core/library/CaptureTransfer.h"
+#include "core/session/PavixError.h"
+#include "support/FakeCapturePlatform.h"
+#include "support/LibraryRecords.h"
+#include "support/ScriptedUploads.h"
+#include "support/StudioHarness.h"
+
+namespace pavix::test {
+namespace {
+
+using nlohmann::json;
+using Stage = LocalCapture::Stage;
+using Fault = ScriptedUploads::Fault;
+namespace fs = std::filesystem;
+
+constexpr std::int64_t MiB = 1024 * 1024;
+
+std::string failureOf(const std::function<void()>& work) {
+    try {
+        work();
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "";
+}
+
+class TransferFiles : public ::testing::Test {
+  protected:
+    TransferFiles() {
+        char pattern[] = "/tmp/pavix-transfer.XXXXXX";
+        folder = ::mkdtemp(pattern);
+    }
+    ~TransferFiles() override { fs::remove_all(folder); }
+    fs::path write(const std::string& name, const std::string& bytes) {
+        auto file = folder / name;
+        std::ofstream(file, std::ios::binary) << bytes;
+        return file;
+    }
+    // A file of `size` bytes that takes no room on disk.
+    fs::path sparse(const std::string& name, std::int64_t size) {
+        auto file = write(name, "");
+        fs::resize_file(file, static_cast<std::uintmax_t>(size));
+        return file;
+    }
+    fs::path folder;
+};
+
+TEST_F(TransferFiles, FingerprintIsTheSizeAndLowerCaseSha256) {
+    auto print = CaptureTransfer::fingerprintFile(write("abc.mp4", "abc"));
+    EXPECT_EQ(print.bytes, 3);
+    EXPECT_EQ(print.sha256, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    // Across piece boundaries the digest is still the whole file's.
+    auto bytes = patternedBytes(CaptureTransfer::kChunkSize * 2 + 5);
+    auto large = CaptureTransfer::fingerprintFile(write("large.mp4", bytes));
+    EXPECT_EQ(large.bytes, std::int64_t(bytes.size()));
+    EXPECT_EQ(large.sha256.size(), 64u);
+    EXPECT_NE(large.sha256,
+              CaptureTransfer::fingerprintFile(write("other.mp4", bytes + "x")).sha256);
+
+    EXPECT_EQ(failureOf([&] { CaptureTransfer::fingerprintFile(write("empty.mp4", "")); }),
+              "Local video is empty.");
+    EXPECT_NE(failureOf([&] { CaptureTransfer::fingerprintFile(folder / "missing.mp4"); }), "");
+}
+
+TEST_F(TransferFiles, TheUploadLimitIsAStrictGreaterThan) {
+    auto exact =
+        CaptureTransfer::fingerprintFile(sparse("exact.mp4", CaptureTransfer::kUploadLimit));
+    EXPECT_EQ(exact.bytes, 268'435'456);
+    EXPECT_EQ(
+        failureOf([&] {
+            CaptureTransfer::fingerprintFile(sparse("over.mp4", CaptureTransfer::kUploadLimit + 1));
+        }),
+        "Capture exceeds upload limit. Local video saved.");
+}
+
+TEST_F(TransferFiles, PiecesAreReadExactlyOrTheFileChanged) {
+    auto bytes = patternedBytes(10'000);
+    auto file = write("video.mp4", bytes);
+    auto piece = CaptureTransfer::readChunk(file, 4'000, 3'000);
+    EXPECT_EQ(std::string(piece.begin(), piece.end()), bytes.substr(4'000, 3'000));
+    EXPECT_EQ(failureOf([&] { CaptureTransfer::readChunk(file, 9'000, 3'000); }),
+              "Local video changed while uploading.");
+}
+
+// A paired computer, not sharing, with recordings in its library to retry.
+class Upload : public ::testing::Test {
+  protected:
+    Upload() : h(fastTiming(), capture.platform()) {
+        h.pairWithCode();
+        h.await(h.studio().disconnect("Bye."));
+    }
+    LocalCapture record(const std::string& bytes, Stage stage = Stage::saved) {
+        auto made = addRecord(h.studio().journal(), stage, h.server.base(), bytes);
+        uploads.expect(lowerId(made.id));
+        h.studio().loadLibrary();
+        return made;
+    }
+    // Starts a retry and waits for it to end.
+    void retry(const LocalCapture& capture) {
+        h.studio().retryUpload(capture);
+        ASSERT_TRUE(h.studio().state().uploading && h.studio().state().busy);
+        ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().uploading; }));
+        EXPECT_FALSE(h.studio().state().busy);
+    }
+    Stage stageOnDisk(const LocalCapture& capture) {
+        for (const auto& c : h.studio().journal().load()) {
+            if (c.id == capture.id) {
+                return c.stage;
+            }
+        }
+        throw std::runtime_error("record is gone");
+    }
+    std::vector<std::int64_t> chunkOffsets(const LocalCapture& capture) {
+        std::vector<std::int64_t> offsets;
+        auto path = ScriptedService::path("desktop-upload/" + lowerId(capture.id) + "/chunk");
+        for (const auto& seen : h.server.requests(path)) {
+            offsets.push_back(std::stoll(seen.header("X-Pavix-Offset")));
+        }
+        return offsets;
+    }
+
+    testing::FakeCaptureParts capture;
+    StudioHarness h;
+    ScriptedUploads uploads{h.server};
+};
+
+TEST_F(Upload, EveryFaultFailsWithItsSentenceAndTheNextRetryResumesByteIdentical) {
+    const auto bytes = patternedBytes(2 * CaptureTransfer::kChunkSize + 123);
+    struct Case {
+        Fault fault;
+        std::string reason;           // empty: any description of the failure
+        std::int64_t heldAfterFault;  // what the service keeps from the first attempt
+    };
+    const std::int64_t piece = CaptureTransfer::kChunkSize;
+    for (const auto& c :
+         std::vector<Case>{{Fault::drop, "", piece},
+                           {Fault::badGateway, "", piece},
+                           {Fault::conflict, "", piece},
+                           {Fault::receiptBelow, "Invalid upload offset", 2 * piece},
+                           {Fault::receiptAbove, "Invalid upload offset", 2 * piece}}) {
+        SCOPED_TRACE(static_cast<int>(c.fault));
+        auto made = record(bytes);
+        uploads.fault(Fault::none);
+        uploads.fault(c.fault);
+        retry(made);
+
+        const std::string prefix = "Upload did not finish. Local video saved. ";
+        const auto& status = h.studio().state().status;
+        ASSERT_EQ(status.rfind(prefix, 0), 0u) << status;
+        if (c.reason.empty()) {
+            EXPECT_GT(status.size(), prefix.size());
+        } else {
+            EXPECT_EQ(status, prefix + c.reason);
+        }
+        EXPECT_EQ(stageOnDisk(made), Stage::saved);
+        EXPECT_EQ(readBytes(h.studio().journal().file(made.id)), bytes);
+        EXPECT_FALSE(h.studio().state().lastErrorCode.empty());
+        EXPECT_EQ(uploads.upload(lowerId(made.id))->data.size(), std::size_t(c.heldAfterFault));
+
+        retry(made);
+        EXPECT_EQ(h.studio().state().status,
+                  "Capture recovered. Ask your agent to render and export.");
+        auto upload = *uploads.upload(lowerId(made.id));
+        EXPECT_TRUE(upload.published);
+        EXPECT_EQ(upload.begins, 2);
+        EXPECT_EQ(upload.data, bytes);
+        EXPECT_EQ(upload.sha256,
+                  CaptureTransfer::fingerprintFile(h.studio().journal().file(made.id)).sha256);
+        EXPECT_EQ(upload.media, json({{"width", 1280}, {"height", 720}, {"durationMs", 2500}}));
+        // The second attempt started where the service said it stood.
+        auto offsets = chunkOffsets(made);
+        ASSERT_GE(offsets.size(), 3u);
+        EXPECT_EQ(offsets[2], c.heldAfterFault);
+        EXPECT_EQ(stageOnDisk(made), Stage::uploaded);
+    }
+}
+
+TEST_F(Upload, AFileShortenedAfterItsFingerprintIsNotSent) {
+    auto made = record(patternedBytes(CaptureTransfer::kChunkSize + 10));
+    auto file = h.studio().journal().file(made.id);
+    uploads.onBegin([file] { fs::resize_file(file, 1000); });
+    retry(made);
+    EXPECT_EQ(h.studio().state().status,
+              "Upload did not finish. Local video saved. Local video changed while uploading.");
+    EXPECT_EQ(stageOnDisk(made), Stage::saved);
+    EXPECT_TRUE(fs::exists(file));
+    EXPECT_TRUE(chunkOffsets(made).empty());
+}
+
+TEST_F(Upload, AServiceThatHoldsEverythingGetsOnlyCompleteAndPublish) {
+    auto bytes = patternedBytes(5000);
+    auto made = record(bytes);
+    uploads.hold(lowerId(made.id), bytes);
+    retry(made);
+    EXPECT_EQ(h.studio().state().status, "Capture recovered. Ask your agent to render and export.");
+    EXPECT_TRUE(chunkOffsets(made).empty());
+    EXPECT_TRUE(uploads.upload(lowerId(made.id))->published);
+}
+
+TEST_F(Upload, ATooLargeFileIsRefusedBeforeAnyUploadRequest) {
+    auto made = record("");
+    fs::resize_file(h.studio().journal().file(made.id),
+                    static_cast<std::uintmax_t>(CaptureTransfer::kUploadLimit + 1));
+    retry(made);
+    EXPECT_EQ(h.studio().state().status,
+              "Upload did not finish. Local video saved. Capture exceeds upload limit. Local "
+              "video saved.");
+    EXPECT_FALSE(uploads.upload(lowerId(made.id)));  // no begin was sent
+    EXPECT_EQ(stageOnDisk(made), Stage::saved);
+}
+
+TEST_F(Upload, RetryIsOnlyForThisPairingAndAReadableVideo) {
+    auto made = record("video");
+    EXPECT_TRUE(h.studio().canRetry(made));
+
+    auto otherDevice = made;
+    otherDevice.deviceId = "device-9";
+    auto otherServer = made;
+    otherServer.serverOrigin = "https://elsewhere.example";
+    auto noDuration = made;
+    noDuration.durationMs.reset();
+    auto uploaded = made;
+    uploaded.stage = Stage::uploaded;
+    for (const auto& c : {otherDevice, otherServer, noDuration, uploaded}) {
+        EXPECT_FALSE(h.studio().canRetry(c));
+    }
+    // Nothing starts while an agent session is shared.
+    h.pairWithCode();
+    EXPECT_FALSE(h.studio().canRetry(made));
+    h.studio().retryUpload(made);
+    EXPECT_FALSE(h.studio().state().uploading);
+    h.await(h.studio().disconnect("Bye."));
+
+    // A video whose duration cannot be read is kept for recovery, not sent.
+    capture.media.seconds.reset();
+    retry(made);
+    EXPECT_EQ(h.studio().state().status,
+              "Upload did not finish. Local video saved. Local capture is incomplete. Keep the "
+              "file for recovery.");
+    EXPECT_FALSE(uploads.upload(lowerId(made.id)));
+    // The credential was renewed before anything else.
+    EXPECT_GE(h.server.count(ScriptedService::path("device/refresh")), 1u);
+}
+
+TEST_F(Upload, CancellingStopsTheUploadAndKeepsTheVideoSaved) {
+    auto made = record(patternedBytes(3 * CaptureTransfer::kChunkSize));
+    auto chunkPath = ScriptedService::path("desktop-upload/" + lowerId(made.id) + "/chunk");
+    std::promise<void> release;
+    auto released = release.get_future().share();
+    h.server.on(chunkPath, [released](const httplib::Request&, httplib::Response& response) {
+        released.wait_for(std::chrono::seconds(5));  // a slow service
+        response.status = 503;
+        response.set_content(R"({"error":"slow"})", "application/json");
+    });
+    h.studio().retryUpload(made);
+    ASSERT_TRUE(h.runUntil([&] { return h.server.count(chunkPath) == 1; }));
+    h.await(h.studio().cancelUpload());
+    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().uploading; }));
+    release.set_value();
+    EXPECT_EQ(h.studio().state().status,
+              "Upload canceled. Local video saved; accepted cloud bytes may remain until "
+              "retention expires.");
+    EXPECT_EQ(stageOnDisk(made), Stage::saved);
+    EXPECT_FALSE(h.studio().state().busy);
+    EXPECT_EQ(h.server.count(chunkPath), 1u);
+}
+
+}  // namespace
+}  // namespace pavix::test
