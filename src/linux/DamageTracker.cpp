@@ -15,7 +15,7 @@ DamageTracker::DamageTracker(Display* display, Drawable drawable) : display_(dis
     damage_ = XDamageCreate(display, drawable, XDamageReportNonEmpty);
     parts_ = XFixesCreateRegion(display, nullptr, 0);
     if (trap.sync() != 0) {
-        throw CaptureError(CaptureError::kSourceVanished,
+        throw CaptureError(CaptureError::kNoCaptureSource,
                            "The window to capture no longer exists.");
     }
 }

@@ -14,7 +14,7 @@ X11ApplicationWindows::X11ApplicationWindows(X11Display& display, X11TopLevels& 
     X11ErrorTrap trap(display.get());
     auto info = X11WindowInfo::read(display, recorded, false);
     if (!info) {
-        throw CaptureError(CaptureError::kSourceVanished, "The window no longer exists.");
+        throw CaptureError(CaptureError::kNoCaptureSource, "The window no longer exists.");
     }
     recorded_ = *info;
     XWindowAttributes attributes;

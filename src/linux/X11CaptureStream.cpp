@@ -34,7 +34,7 @@ std::int64_t monotonicNs() {
 CaptureRect defaultRegion(X11Display& display, const CaptureFilter& filter) {
     auto frame = X11WindowInfo::geometry(display, filter.windowID);
     if (!frame) {
-        throw CaptureError(CaptureError::kSourceVanished, "The window no longer exists.");
+        throw CaptureError(CaptureError::kNoCaptureSource, "The window no longer exists.");
     }
     CaptureRect screen{0, 0, double(display.screenWidth()), double(display.screenHeight())};
     for (const auto& monitor : X11Monitors::list(display)) {
@@ -189,7 +189,7 @@ void X11CaptureStream::loop(X11Display& display, X11Grabber& grabber,
 
         auto state = grabber.state();
         if (state == X11Grabber::SourceState::vanished) {
-            throw CaptureError(CaptureError::kSourceVanished, "The captured source is gone.");
+            throw CaptureError(CaptureError::kNoCaptureSource, "The captured source is gone.");
         }
         bool nowVisible = state == X11Grabber::SourceState::visible;
         if (nowVisible != visible) {

@@ -12,7 +12,7 @@ std::vector<ShareableDisplay> list(X11Display& display) {
     if (!XRRQueryExtension(display.get(), &eventBase, &errorBase) ||
         !XRRQueryVersion(display.get(), &major, &minor) || major * 100 + minor < 105) {
         // Monitors arrived with RandR 1.5; every current server has it.
-        throw CaptureError(CaptureError::kRemovingStream,
+        throw CaptureError(CaptureError::kNoDisplayList,
                            "The X server cannot list its monitors (RandR 1.5 is missing).");
     }
     X11ErrorTrap trap(display.get());

@@ -10,7 +10,7 @@ namespace pavix {
 X11ScreenGrabber::X11ScreenGrabber(X11Display& display, std::uint32_t displayID)
     : display_(display), displayID_(displayID), damage_(display.get(), display.root()) {
     if (!locate()) {
-        throw CaptureError(CaptureError::kSourceVanished, "The display is not connected.");
+        throw CaptureError(CaptureError::kNoCaptureSource, "The display is not connected.");
     }
     int errorBase = 0;
     XRRQueryExtension(display.get(), &randrEventBase_, &errorBase);

@@ -14,7 +14,7 @@ XWindowAttributes attributesOf(X11Display& display, Window window) {
     X11ErrorTrap trap(display.get());
     XWindowAttributes attributes;
     if (!XGetWindowAttributes(display.get(), window, &attributes)) {
-        throw CaptureError(CaptureError::kSourceVanished, "The window no longer exists.");
+        throw CaptureError(CaptureError::kNoCaptureSource, "The window no longer exists.");
     }
     return attributes;
 }

@@ -23,7 +23,7 @@ std::vector<LayerWindow> X11WindowLayers::windows(std::uint32_t windowID) {
         application_ = std::make_unique<X11ApplicationWindows>(display_, topLevels_, windowID);
     }
     if (application_->recordedGone()) {
-        throw CaptureError(CaptureError::kSourceVanished, "The recorded window was closed.");
+        throw CaptureError(CaptureError::kNoCaptureSource, "The recorded window was closed.");
     }
     std::vector<LayerWindow> result;
     for (const auto& window : application_->list()) {

@@ -140,7 +140,7 @@ TEST_F(X11CaptureStreamTest, ClosedWindowStopsTheStreamWithSourceVanished) {
     ASSERT_TRUE(frames.nextComplete());
     target.close();
     ASSERT_TRUE(frames.waitFor([](const auto& c) { return c.error().has_value(); }));
-    EXPECT_EQ(frames.errorCode(), CaptureError::kSourceVanished);
+    EXPECT_EQ(frames.errorCode(), CaptureError::kNoCaptureSource);
     int ticks = frames.completeCount() + frames.idleCount();
     stream.stop();
     EXPECT_EQ(frames.completeCount() + frames.idleCount(), ticks);
@@ -152,7 +152,7 @@ TEST_F(X11CaptureStreamTest, ClosedWindowStopsTheStreamWithSourceVanished) {
                      other.handlers());
         FAIL() << "started on a missing window";
     } catch (const CaptureError& error) {
-        EXPECT_EQ(error.code(), CaptureError::kSourceVanished);
+        EXPECT_EQ(error.code(), CaptureError::kNoCaptureSource);
     }
 }
 
@@ -252,7 +252,7 @@ TEST_F(X11CaptureStreamTest, DisplayCaptureShowsTheScreen) {
         stream.start(missing, sized(640, 480), frames.handlers());
         FAIL() << "started on a missing display";
     } catch (const CaptureError& error) {
-        EXPECT_EQ(error.code(), CaptureError::kSourceVanished);
+        EXPECT_EQ(error.code(), CaptureError::kNoCaptureSource);
     }
 }
 

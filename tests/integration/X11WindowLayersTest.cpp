@@ -105,7 +105,7 @@ TEST(X11WindowLayers, ListsTheApplicationsWindowsWithTheirKinds) {
             layers.windows(std::uint32_t(closed));
             return false;
         } catch (const CaptureError& error) {
-            return error.code() == CaptureError::kSourceVanished;
+            return error.code() == CaptureError::kNoCaptureSource;
         }
     }));
 }

@@ -300,12 +300,12 @@ TEST_F(CaptureTest, FirstFrameWaitGivesUp) {
 TEST_F(CaptureTest, StreamFailuresBecomeTheirSentences) {
     auto& capture = make();
     // A stream that cannot start is reported as it is.
-    streams->startError = CaptureError(CaptureError::kSourceVanished, "gone");
+    streams->startError = CaptureError(CaptureError::kNoCaptureSource, "gone");
     try {
         run(capture.start(windowSource(1280, 720), file));
         ADD_FAILURE() << "started";
     } catch (const CaptureError& error) {
-        EXPECT_EQ(error.code(), CaptureError::kSourceVanished);
+        EXPECT_EQ(error.code(), CaptureError::kNoCaptureSource);
     }
     EXPECT_FALSE(capture.running());
 

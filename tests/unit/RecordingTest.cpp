@@ -159,7 +159,7 @@ TEST_F(Recording, AgentStartRefusalsLeaveNoRecordingBehind) {
     EXPECT_FALSE(h.studio().state().consent);  // a refused start spends the approval too
 
     // A stream that cannot start: the record exists, interrupted; the approval is spent.
-    capture.streams->startError = CaptureError(CaptureError::kNoCaptureSource, "gone");
+    capture.streams->startError = CaptureError(CaptureError::kNoWindowList, "gone");
     auto id = Uuid::make();
     h.studio().setConsent(true);
     EXPECT_EQ(call("startRecording", withCapture(id))["error"], "local_browser_action_failed");
@@ -320,7 +320,7 @@ TEST_F(ManualRecording, AStartThatFailsLeavesFlagsClearAndSaysWhy) {
     // A capture that cannot start: the record is interrupted, the file never appears.
     auto id = Uuid::make();
     uploads.issue(id);
-    capture.streams->startError = CaptureError(CaptureError::kNoCaptureSource, "gone");
+    capture.streams->startError = CaptureError(CaptureError::kNoWindowList, "gone");
     h.await(h.studio().recordNow());
     ASSERT_TRUE(h.studio().current());
     EXPECT_EQ(h.studio().current()->stage, Stage::interrupted);

@@ -17,11 +17,11 @@ public:
     static constexpr int kUserDeclined = -3801;
     static constexpr int kFailedToStart = -3802;
     static constexpr int kMissingEntitlements = -3803;
-    static constexpr int kNoWindowList = -3806;
-    static constexpr int kNoCaptureSource = -3813;
-    static constexpr int kRemovingStream = -3814;
-    static constexpr int kSourceVanished = -3815;
-    static constexpr int kAttemptToStopStreamState = -3817;
+    static constexpr int kNoMatchingApplicationContext = -3806;
+    static constexpr int kNoWindowList = -3813;
+    static constexpr int kNoDisplayList = -3814;
+    static constexpr int kNoCaptureSource = -3815;
+    static constexpr int kUserStopped = -3817;
     static constexpr int kSystemStoppedStream = -3821;
 
 private:

@@ -117,10 +117,10 @@ std::string describe(const std::exception& error, const std::string& library) {
         return error.what();
     }
     switch (capture->code()) {
-        case CaptureError::kSourceVanished:
-        case CaptureError::kRemovingStream:
         case CaptureError::kNoCaptureSource:
+        case CaptureError::kNoDisplayList:
         case CaptureError::kNoWindowList:
+        case CaptureError::kNoMatchingApplicationContext:
             return "The selected source is no longer available. Recording stopped; any saved "
                    "capture remains in " +
                    library + ".";
@@ -132,7 +132,7 @@ std::string describe(const std::exception& error, const std::string& library) {
             return "Recording did not start. Check Screen Recording permission and that the "
                    "source is visible.";
         case CaptureError::kSystemStoppedStream:
-        case CaptureError::kAttemptToStopStreamState:
+        case CaptureError::kUserStopped:
             return "The system stopped the capture. Recording stopped; the local capture was "
                    "saved. Approve a new recording to continue.";
         default:
