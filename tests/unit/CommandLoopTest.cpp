@@ -2,6 +2,8 @@
 // error reduction, generation retirement, reconnects and the recording watchdog.
 #include <gtest/gtest.h>
 
+#include <iostream>
+
 #include <future>
 
 #include "core/runtime/Uuid.h"
@@ -35,6 +37,14 @@ ShareableContentSnapshot desktop() {
 
 class CommandLoop : public ::testing::Test {
   protected:
+    // A failure shows what the model logged, which is most of the story of a timing fault.
+    void TearDown() override {
+        if (HasFailure()) {
+            for (const auto& line : h.log.lines()) {
+                std::cerr << "  log: " << line << "\n";
+            }
+        }
+    }
     void SetUp() override {
         h.content.set(desktop());
         h.await(h.studio().refreshSources());

@@ -2,7 +2,10 @@
 // published upload, with fake capture parts and a scripted service on loopback.
 #include <gtest/gtest.h>
 
+#include <iostream>
+
 #include <fstream>
+#include <future>
 #include <sstream>
 
 #include "core/capture/CaptureError.h"
@@ -48,6 +51,14 @@ Timing recordingTiming() {
 
 class Recording : public ::testing::Test {
   protected:
+    // A failure shows what the model logged, which is most of the story of a timing fault.
+    void TearDown() override {
+        if (HasFailure()) {
+            for (const auto& line : h.log.lines()) {
+                std::cerr << "  log: " << line << "\n";
+            }
+        }
+    }
     Recording() : Recording(recordingTiming()) {}
     explicit Recording(Timing timing) : h(timing, capture.platform()) {
         h.content.set(desktop());
@@ -185,6 +196,34 @@ TEST_F(Recording, EndingTheSessionFinishesTheRecordingAndKeepsTheVideo) {
     EXPECT_EQ(h.studio().state().status, "Bye.");
     EXPECT_EQ(capture.encoders->finishes, 1);
     EXPECT_FALSE(uploads.upload(id));  // nothing is uploaded without the agent's stop
+}
+
+TEST_F(Recording, EndingTheSessionDuringTheUploadPutsTheRecordBackToSaved) {
+    connectAndSelect();
+    h.studio().setConsent(true);
+    auto id = Uuid::make();
+    uploads.expect(id);
+    auto chunkPath = path("desktop-upload/" + id + "/chunk");
+    std::promise<void> release;
+    auto released = release.get_future().share();
+    h.server.on(chunkPath, [released](const httplib::Request&, httplib::Response& response) {
+        released.wait_for(std::chrono::seconds(5));  // a slow service
+        response.status = 503;
+        response.set_content(R"({"error":"slow"})", "application/json");
+    });
+    ASSERT_TRUE(call("startRecording", withCapture(id)).contains("value"));
+    ASSERT_TRUE(call("stopRecording").contains("value"));
+    ASSERT_TRUE(h.runUntil([&] { return h.server.count(chunkPath) == 1; }));
+    EXPECT_EQ(h.studio().current()->stage, Stage::uploading);
+
+    h.await(h.studio().disconnect("Bye."));
+    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().uploading; }));
+    release.set_value();
+    EXPECT_EQ(h.studio().current()->stage, Stage::saved);
+    EXPECT_EQ(h.studio().state().status, "Bye.");
+    EXPECT_TRUE(fs::exists(h.studio().journal().file(h.studio().current()->id)));
+    // A retry is possible now that the session has ended.
+    EXPECT_TRUE(h.studio().canRetry(*h.studio().current()));
 }
 
 TEST_F(Recording, DisposeFinishesTheRecordingAnswersAndThenEndsTheSession) {

@@ -2,7 +2,9 @@
 // the transfer against a scripted service on loopback, with every kind of fault, the resume
 // from the service's count, and the user's retry and cancel.
 #include <gtest/gtest.h>
+
 #include <unistd.h>
+#include <iostream>
 
 #include <future>
 
@@ -93,6 +95,14 @@ TEST_F(TransferFiles, PiecesAreReadExactlyOrTheFileChanged) {
 // A paired computer, not sharing, with recordings in its library to retry.
 class Upload : public ::testing::Test {
   protected:
+    // A failure shows what the model logged, which is most of the story of a timing fault.
+    void TearDown() override {
+        if (HasFailure()) {
+            for (const auto& line : h.log.lines()) {
+                std::cerr << "  log: " << line << "\n";
+            }
+        }
+    }
     Upload() : h(fastTiming(), capture.platform()) {
         h.pairWithCode();
         h.await(h.studio().disconnect("Bye."));
