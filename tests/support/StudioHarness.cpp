@@ -45,7 +45,10 @@ StudioHarness::~StudioHarness() {
     // Nothing may resume into the Studio once it is gone: stop the executor first.
     io.stop();
     studio_.reset();
-    std::filesystem::remove_all(library.parent_path());
+    // Work offloaded to the pool may still touch the folder; a destructor must not throw.
+    pool_.join();
+    std::error_code ignored;
+    std::filesystem::remove_all(library.parent_path(), ignored);
 }
 
 void StudioHarness::await(asio::awaitable<void> operation, std::chrono::milliseconds limit) {

@@ -87,7 +87,7 @@ TEST_F(TransferFiles, PiecesAreReadExactlyOrTheFileChanged) {
     auto bytes = patternedBytes(10'000);
     auto file = write("video.mp4", bytes);
     auto piece = CaptureTransfer::readChunk(file, 4'000, 3'000);
-    EXPECT_EQ(std::string(piece.begin(), piece.end()), bytes.substr(4'000, 3'000));
+    EXPECT_EQ(piece, bytes.substr(4'000, 3'000));
     EXPECT_EQ(failureOf([&] { CaptureTransfer::readChunk(file, 9'000, 3'000); }),
               "Local video changed while uploading.");
 }

@@ -97,15 +97,15 @@ Fingerprint fingerprintFile(const std::filesystem::path& file) {
     return {total, hex(digest, length)};
 }
 
-std::vector<std::uint8_t> readChunk(const std::filesystem::path& file, std::int64_t offset,
-                                    std::int64_t count) {
+std::string readChunk(const std::filesystem::path& file, std::int64_t offset, std::int64_t count) {
     if (offset < 0 || count < 0) {
         throw std::invalid_argument("a piece starts at a non-negative offset");
     }
     ReadOnlyFile input(file);
-    std::vector<std::uint8_t> bytes(static_cast<std::size_t>(count));
+    std::string bytes(static_cast<std::size_t>(count), '\0');
     // A short read means the file was truncated or replaced since it was fingerprinted.
-    if (input.readAt(bytes.data(), bytes.size(), offset) != bytes.size()) {
+    if (input.readAt(reinterpret_cast<std::uint8_t*>(bytes.data()), bytes.size(), offset) !=
+        bytes.size()) {
         throw PavixError(kChangedMessage);
     }
     return bytes;
@@ -116,9 +116,8 @@ asio::awaitable<Fingerprint> fingerprint(asio::thread_pool& pool, std::filesyste
     co_return co_await offload(pool, std::move(work));
 }
 
-asio::awaitable<std::vector<std::uint8_t>> chunk(asio::thread_pool& pool,
-                                                 std::filesystem::path file, std::int64_t offset,
-                                                 std::int64_t count) {
+asio::awaitable<std::string> chunk(asio::thread_pool& pool, std::filesystem::path file,
+                                   std::int64_t offset, std::int64_t count) {
     auto work = [file = std::move(file), offset, count] { return readChunk(file, offset, count); };
     co_return co_await offload(pool, std::move(work));
 }

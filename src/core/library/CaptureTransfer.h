@@ -33,13 +33,12 @@ inline constexpr const char* kChangedMessage = "Local video changed while upload
 // Blocking forms. Throw std::system_error for a file that cannot be opened, seeked or read,
 // and PavixError with the sentences above.
 Fingerprint fingerprintFile(const std::filesystem::path& file);
-std::vector<std::uint8_t> readChunk(const std::filesystem::path& file, std::int64_t offset,
-                                    std::int64_t count);
+// The piece's bytes, held in a string so that they move into the request without a copy.
+std::string readChunk(const std::filesystem::path& file, std::int64_t offset, std::int64_t count);
 
 asio::awaitable<Fingerprint> fingerprint(asio::thread_pool& pool, std::filesystem::path file);
-asio::awaitable<std::vector<std::uint8_t>> chunk(asio::thread_pool& pool,
-                                                 std::filesystem::path file, std::int64_t offset,
-                                                 std::int64_t count);
+asio::awaitable<std::string> chunk(asio::thread_pool& pool, std::filesystem::path file,
+                                   std::int64_t offset, std::int64_t count);
 
 }  // namespace CaptureTransfer
 

@@ -26,7 +26,7 @@ std::string address(const Url& endpoint, const std::string& path) {
 
 HttpRequest build(const Url& endpoint, const std::optional<std::string>& token,
                   const std::string& appVersion, const std::string& path,
-                  const nlohmann::json& body, const Payload& payload, const Timing& timing) {
+                  const nlohmann::json& body, Payload payload, const Timing& timing) {
     HttpRequest request;
     request.method = "POST";
     request.url = address(endpoint, path);
@@ -42,7 +42,7 @@ HttpRequest build(const Url& endpoint, const std::optional<std::string>& token,
     }
     request.headers.emplace_back("X-Pavix-App-Version", appVersion);
     if (payload.chunk) {
-        request.body = *payload.chunk;
+        request.body = std::move(*payload.chunk);  // pieces are 4 MiB: moved, not copied
     } else if (payload.file) {
         request.bodyFile = payload.file;
     } else {

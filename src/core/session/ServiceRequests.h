@@ -33,7 +33,7 @@ std::string address(const Url& endpoint, const std::string& path);
 
 HttpRequest build(const Url& endpoint, const std::optional<std::string>& token,
                   const std::string& appVersion, const std::string& path,
-                  const nlohmann::json& body, const Payload& payload, const Timing& timing);
+                  const nlohmann::json& body, Payload payload, const Timing& timing);
 
 // The reply's JSON object for a 200 (an empty object for any other JSON value). Throws
 // InvalidReplyError for a 200 that is not JSON and PavixHTTPError for any other status.

@@ -88,9 +88,8 @@ asio::awaitable<std::int64_t> Studio::sendPiece(std::string base, std::filesyste
     auto count = std::min(size - offset, CaptureTransfer::kChunkSize);
     auto bytes = co_await CaptureTransfer::chunk(*env_.pool, file, offset, count);
     ServiceRequests::Payload piece;
-    piece.chunk = std::string(bytes.begin(), bytes.end());
+    piece.chunk = std::move(bytes);
     piece.offset = offset;
-    bytes = {};
     const std::string path = base + "chunk";
     const nlohmann::json noBody = nlohmann::json::object();
     auto receipt = co_await post(path, noBody, std::move(piece));
