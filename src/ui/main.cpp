@@ -33,6 +33,8 @@
 #include "linux/X11ShareableContent.h"
 #include "linux/X11WindowLayers.h"
 #include "linux/XdgFolders.h"
+#include "ui/LibraryCommands.h"
+#include "ui/StudioWait.h"
 
 using namespace pavix;
 
@@ -128,6 +130,49 @@ asio::awaitable<void> pairingRun(Studio& studio, asio::io_context& io, int& exit
     }
 }
 
+// The user's own recording from the command line: the last chosen source, recorded until
+// Ctrl-C or the service's length limit, then finished and uploaded.
+asio::awaitable<void> recordRun(Studio& studio, asio::io_context& io, int& exitCode) {
+    co_await studio.refreshSources();
+    if (studio.state().selection.empty()) {
+        studio.selectDefaultSource();
+    }
+    if (!studio.state().paired) {
+        say("Pair this computer with your agent first.");
+        exitCode = 1;
+        io.stop();
+        co_return;
+    }
+    co_await studio.recordNow();
+    if (!studio.state().recording) {
+        say(studio.state().status);
+        exitCode = 1;
+        io.stop();
+        co_return;
+    }
+    say("recording " + studio.state().recordingSource + "; press Ctrl-C to stop");
+    co_await untilState(studio, [](const StudioState& s) { return !s.manual; });
+    say(studio.state().status);
+    const auto& current = studio.current();
+    exitCode = current && current->stage == LocalCapture::Stage::uploaded ? 0 : 1;
+    io.stop();
+}
+
+// The one-shot library commands: each prints its outcome and ends the process.
+asio::awaitable<void> libraryRun(Studio& studio, const CommandLine& options, asio::io_context& io,
+                                 int& exitCode) {
+    if (options.library) {
+        LibraryCommands::list(studio, std::cout);
+    } else if (options.support) {
+        std::cout << studio.supportBundle() << "\n";
+    } else if (options.retry) {
+        exitCode = co_await LibraryCommands::retry(studio, *options.retry);
+    } else if (options.remove) {
+        exitCode = co_await LibraryCommands::remove(studio, *options.remove);
+    }
+    io.stop();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -214,6 +259,11 @@ int main(int argc, char** argv) {
             if (error) {
                 return;
             }
+            if (options.record && studio.state().manual) {
+                // Stopping the user's recording finishes and uploads it; the run then ends.
+                asio::co_spawn(io, studio.stopManual(), asio::detached);
+                return;
+            }
             asio::co_spawn(
                 io,
                 [&]() -> asio::awaitable<void> {
@@ -232,6 +282,10 @@ int main(int argc, char** argv) {
                 co_await studio.loadSavedIdentity();
                 if (options.pair) {
                     co_await pairingRun(studio, io, exitCode);
+                } else if (options.record) {
+                    co_await recordRun(studio, io, exitCode);
+                } else if (options.library || options.support || options.retry || options.remove) {
+                    co_await libraryRun(studio, options, io, exitCode);
                 } else {
                     co_await studio.refreshSources();
                     co_await studio.autoShare();

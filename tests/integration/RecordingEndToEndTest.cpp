@@ -7,7 +7,10 @@
 #include <algorithm>
 #include <cctype>
 #include <fstream>
+#include <map>
+#include <memory>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -53,23 +56,50 @@ bool eventually(const std::function<bool()>& condition, std::chrono::millisecond
     return true;
 }
 
-TEST(RecordingEndToEnd, TheAgentsRecordingIsPublishedByteIdenticalToTheLocalVideo) {
+// A development service, a window with moving content and a home of the test's own.
+class RecordingEndToEnd : public ::testing::Test {
+  protected:
+    RecordingEndToEnd() : home(DevServerProcess::scratch("e2e-home")) {
+        fs::create_directories(home / "config");
+        // The library is the videos folder of the user's own folders + "/Pavix".
+        std::ofstream(home / "config" / "user-dirs.dirs")
+            << "XDG_VIDEOS_DIR=\"" << (home / "Videos").string() << "\"\n";
+        if (!window.waitForLine("window 0x", seconds(10))) {
+            throw std::runtime_error("no demo window: " + window.output());
+        }
+    }
+    ~RecordingEndToEnd() override {
+        window.signal(SIGTERM);
+        window.wait(seconds(5));
+        fs::remove_all(home);
+    }
+    std::unique_ptr<ChildProcess> pavix(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {PAVIX_BINARY, "--server", service.server()});
+        return std::make_unique<ChildProcess>(
+            arguments,
+            std::map<std::string, std::string>{{"XDG_CONFIG_HOME", (home / "config").string()},
+                                               {"XDG_STATE_HOME", (home / "state").string()}});
+    }
+    // Runs a one-shot pavix command to its end.
+    std::pair<int, std::string> run(std::vector<std::string> arguments) {
+        auto app = pavix(std::move(arguments));
+        auto status = app->wait(seconds(60));
+        return {status.value_or(-1), app->output()};
+    }
+    fs::path library() const { return home / "Videos" / "Pavix"; }
+    bool published(const std::string& id) {
+        return service.agent({"recordings"}).find(id + "  published") != std::string::npos;
+    }
+
     DevServerProcess service;
-    auto home = fs::path(DevServerProcess::scratch("e2e-home"));
-    fs::create_directories(home / "config");
-    // The library is the videos folder of the user's own folders + "/Pavix".
-    std::ofstream(home / "config" / "user-dirs.dirs")
-        << "XDG_VIDEOS_DIR=\"" << (home / "Videos").string() << "\"\n";
+    fs::path home;
+    ChildProcess window{
+        {PAVIX_DEMO_WINDOW_BINARY, "--title", "Recorded end to end", "--size", "640x400"}};
+};
 
-    ChildProcess window(
-        {PAVIX_DEMO_WINDOW_BINARY, "--title", "Recorded end to end", "--size", "640x400"});
-    ASSERT_TRUE(window.waitForLine("window 0x", seconds(10))) << window.output();
-
-    ChildProcess app({PAVIX_BINARY, "--server", service.server(), "--code", service.code(),
-                      "--pair", "--approve"},
-                     {{"XDG_CONFIG_HOME", (home / "config").string()},
-                      {"XDG_STATE_HOME", (home / "state").string()}});
-    ASSERT_TRUE(app.waitForLine("pavix: connected true", seconds(30))) << app.output();
+TEST_F(RecordingEndToEnd, TheAgentsRecordingIsPublishedByteIdenticalToTheLocalVideo) {
+    auto app = pavix({"--code", service.code(), "--pair", "--approve"});
+    ASSERT_TRUE(app->waitForLine("pavix: connected true", seconds(30))) << app->output();
 
     auto listed = envelope(service.agent({"send", "listSources", "--timeout", "20"}));
     std::string sourceId;
@@ -88,28 +118,23 @@ TEST(RecordingEndToEnd, TheAgentsRecordingIsPublishedByteIdenticalToTheLocalVide
     json start = json::array({{{"captureId", captureId}}});
     auto started =
         envelope(service.agent({"send", "startRecording", start.dump(), "--timeout", "30"}));
-    ASSERT_TRUE(started.contains("value")) << started.dump() << app.output();
+    ASSERT_TRUE(started.contains("value")) << started.dump() << app->output();
     EXPECT_EQ(started["value"]["captureId"], captureId);
 
     // The length of the recording, not a wait for an event.
     std::this_thread::sleep_for(seconds(2));
     auto stopped = envelope(service.agent({"send", "stopRecording", "--timeout", "60"}));
-    ASSERT_TRUE(stopped.contains("value")) << stopped.dump() << app.output();
+    ASSERT_TRUE(stopped.contains("value")) << stopped.dump() << app->output();
     EXPECT_EQ(stopped["value"]["captureId"], captureId);
     EXPECT_EQ(stopped["value"]["body"], "desktop_upload");
 
-    ASSERT_TRUE(eventually(
-        [&] {
-            return service.agent({"recordings"}).find(captureId + "  published") !=
-                   std::string::npos;
-        },
-        std::chrono::seconds(60)))
-        << service.agent({"recordings", "--all"}) << app.output();
-    ASSERT_TRUE(app.waitForLine("status: Uploaded. Ask your agent to render it", seconds(10)))
-        << app.output();
+    ASSERT_TRUE(eventually([&] { return published(captureId); }, std::chrono::seconds(60)))
+        << service.agent({"recordings", "--all"}) << app->output();
+    ASSERT_TRUE(app->waitForLine("status: Uploaded. Ask your agent to render it", seconds(10)))
+        << app->output();
 
-    auto local = home / "Videos" / "Pavix" / ("Pavix-" + upper(captureId) + ".mp4");
-    ASSERT_TRUE(fs::exists(local)) << app.output();
+    auto local = library() / ("Pavix-" + upper(captureId) + ".mp4");
+    ASSERT_TRUE(fs::exists(local)) << app->output();
     auto downloaded = home / "downloaded.mp4";
     service.agent({"download", captureId, downloaded.string()});
     EXPECT_EQ(bytesOf(downloaded), bytesOf(local));  // the service verified the digest too
@@ -119,18 +144,87 @@ TEST(RecordingEndToEnd, TheAgentsRecordingIsPublishedByteIdenticalToTheLocalVide
     EXPECT_GT(*duration, 1.0);
     EXPECT_LT(*duration, 30.0);
 
-    auto sideCar = json::parse(bytesOf(home / "Videos" / "Pavix" / (upper(captureId) + ".json")));
+    auto sideCar = json::parse(bytesOf(library() / (upper(captureId) + ".json")));
     EXPECT_EQ(sideCar["stage"], "uploaded");
     // A window is recorded with room for its pop-ups around it.
     EXPECT_GE(sideCar["width"].get<int>(), 640);
     EXPECT_GE(sideCar["height"].get<int>(), 400);
     EXPECT_GT(sideCar["durationMs"].get<int>(), 1000);
 
-    app.signal(SIGTERM);
-    EXPECT_EQ(app.wait(seconds(20)), 0) << app.output();
-    window.signal(SIGTERM);
-    window.wait(seconds(5));
-    fs::remove_all(home);
+    app->signal(SIGTERM);
+    EXPECT_EQ(app->wait(seconds(20)), 0) << app->output();
+}
+
+TEST_F(RecordingEndToEnd, TheUsersOwnRecordingAndTheLibraryCommands) {
+    {
+        auto app = pavix({"--code", service.code(), "--pair"});
+        ASSERT_TRUE(app->waitForLine("pavix: connected true", seconds(30))) << app->output();
+        auto listed = envelope(service.agent({"send", "listSources", "--timeout", "20"}));
+        for (const auto& source : listed["value"]["sources"]) {
+            if (source["title"].get<std::string>().find("Recorded end to end") !=
+                std::string::npos) {
+                json select = json::array({{{"sourceId", source["id"]}}});
+                service.agent({"send", "selectSource", select.dump()});
+            }
+        }
+        app->signal(SIGTERM);
+        ASSERT_EQ(app->wait(seconds(20)), 0) << app->output();
+    }
+    // Without a pairing nothing is recorded.
+    auto [unpaired, refusal] = [&] {
+        auto app = std::make_unique<ChildProcess>(
+            std::vector<std::string>{PAVIX_BINARY, "--server", "http://127.0.0.1:9", "--record"},
+            std::map<std::string, std::string>{{"XDG_CONFIG_HOME", (home / "config").string()},
+                                               {"XDG_STATE_HOME", (home / "state").string()}});
+        auto status = app->wait(seconds(30));
+        return std::make_pair(status.value_or(-1), app->output());
+    }();
+    EXPECT_EQ(unpaired, 1);
+    EXPECT_NE(refusal.find("pavix: Pair this computer with your agent first."), std::string::npos)
+        << refusal;
+
+    // The user records the window chosen last time, stops with Ctrl-C, and it is uploaded.
+    auto recorder = pavix({"--record"});
+    ASSERT_TRUE(recorder->waitForLine("pavix: recording ", seconds(30))) << recorder->output();
+    EXPECT_NE(recorder->output().find("Recorded end to end"), std::string::npos);
+    std::this_thread::sleep_for(seconds(2));  // the length of the recording
+    recorder->signal(SIGINT);
+    ASSERT_EQ(recorder->wait(seconds(60)), 0) << recorder->output();
+    EXPECT_NE(recorder->output().find("pavix: Uploaded. Ask your agent to render it"),
+              std::string::npos)
+        << recorder->output();
+
+    auto [listedStatus, listing] = run({"--library"});
+    ASSERT_EQ(listedStatus, 0) << listing;
+    // The log goes to standard error, the listing to standard output: find the listing's line.
+    std::smatch row;
+    ASSERT_TRUE(std::regex_search(listing, row, std::regex("([0-9a-f-]{36})  uploaded  ")))
+        << listing;
+    auto id = row[1].str();
+    EXPECT_TRUE(published(id)) << service.agent({"recordings", "--all"});
+    auto video = library() / ("Pavix-" + upper(id) + ".mp4");
+    EXPECT_EQ(bytesOf(video).size(), fs::file_size(video));
+
+    auto [supportStatus, support] = run({"--support"});
+    ASSERT_EQ(supportStatus, 0);
+    auto bundle = envelope(support);
+    EXPECT_EQ(bundle["captures"][0]["id"], id);
+    EXPECT_EQ(bundle["server"], "127.0.0.1");
+    EXPECT_EQ(support.find(library().string()), std::string::npos);
+
+    // An uploaded copy is not sent again; an unknown id is refused.
+    EXPECT_EQ(run({"--retry", id}).first, 1);
+    EXPECT_EQ(run({"--delete", "00000000-0000-0000-0000-000000000000"}).first, 1);
+
+    // Deleting moves the copy to the Trash; the service keeps its copy.
+    auto [deleted, said] = run({"--delete", id});
+    EXPECT_EQ(deleted, 0) << said;
+    EXPECT_NE(said.find("Local copy moved to Trash. Cloud recordings are unchanged."),
+              std::string::npos)
+        << said;
+    EXPECT_FALSE(fs::exists(video));
+    EXPECT_FALSE(fs::exists(library() / (upper(id) + ".json")));
+    EXPECT_TRUE(published(id));
 }
 
 }  // namespace

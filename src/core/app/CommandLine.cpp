@@ -20,6 +20,16 @@ CommandLine CommandLine::parse(const std::vector<std::string>& arguments) {
             line.code = value();
         } else if (argument == "--snapshot") {
             line.snapshot = value();
+        } else if (argument == "--retry") {
+            line.retry = value();
+        } else if (argument == "--delete") {
+            line.remove = value();
+        } else if (argument == "--record") {
+            line.record = true;
+        } else if (argument == "--library") {
+            line.library = true;
+        } else if (argument == "--support") {
+            line.support = true;
         } else if (argument == "--pair") {
             line.pair = true;
         } else if (argument == "--approve") {
@@ -36,16 +46,29 @@ CommandLine CommandLine::parse(const std::vector<std::string>& arguments) {
             throw std::invalid_argument("Unknown option " + argument + ".");
         }
     }
+    int actions = int(line.pair) + int(line.record) + int(line.library) + int(line.support) +
+                  int(line.retry.has_value()) + int(line.remove.has_value());
+    if (actions > 1) {
+        throw std::invalid_argument(
+            "Choose one of --pair, --record, --library, --retry, --delete and --support.");
+    }
     return line;
 }
 
 std::string CommandLine::usage() {
     return "usage: pavix [--server URL] [--code CODE] [--pair] [--approve]\n"
+           "       pavix [--server URL] --record | --library | --retry ID | --delete ID | "
+           "--support\n"
            "\n"
            "  --server URL   the Pavix service to pair with (https, or http on localhost)\n"
            "  --code CODE    the pairing code your agent gave you\n"
            "  --pair         pair now and serve the agent's commands until interrupted\n"
            "  --approve      approve the next recording, as the approval button does\n"
+           "  --record       record the last chosen source yourself until Ctrl-C, then upload\n"
+           "  --library      list the recordings in your local library\n"
+           "  --retry ID     upload a saved recording again, resuming where the service stands\n"
+           "  --delete ID    move a recording's local copy to the Trash (the cloud copy stays)\n"
+           "  --support      print the support summary (versions, ids, stages, timings)\n"
            "  --version      print the version\n";
 }
 

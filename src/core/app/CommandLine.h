@@ -15,6 +15,11 @@ struct CommandLine {
     bool listSources = false;             // --list-sources
     bool checkPermission = false;         // --check-permission
     std::optional<std::string> snapshot;  // --snapshot PATH
+    bool record = false;                  // --record: the user's own recording, until Ctrl-C
+    bool library = false;                 // --library: list the local library
+    std::optional<std::string> retry;     // --retry ID: upload a saved recording again
+    std::optional<std::string> remove;    // --delete ID: move a local copy to the Trash
+    bool support = false;                 // --support: print the support summary
     bool help = false;
     bool version = false;
 

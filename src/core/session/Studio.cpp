@@ -147,6 +147,12 @@ void Studio::selectSource(const std::string& id) {
     change([&](StudioState& s) { s.selection = id; });
 }
 
+void Studio::selectDefaultSource() {
+    if (auto source = CaptureSources::defaultSource(state_.sources, lastSourceTitle_)) {
+        change([&](StudioState& s) { s.selection = source->id; });
+    }
+}
+
 std::optional<CaptureSource> Studio::selectedSource() const {
     for (const auto& source : state_.sources) {
         if (source.id == state_.selection) {
@@ -162,9 +168,7 @@ asio::awaitable<void> Studio::autoShare() {
         co_return;
     }
     if (state_.selection.empty()) {
-        if (auto source = CaptureSources::defaultSource(state_.sources, lastSourceTitle_)) {
-            change([&](StudioState& s) { s.selection = source->id; });
-        }
+        selectDefaultSource();
     }
     if (!state_.selection.empty()) {
         co_await pair();

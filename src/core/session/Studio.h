@@ -81,6 +81,8 @@ class Studio {
     // Selects a source by id; throws PavixError when it is not in the list or while recording.
     void selectSource(const std::string& id);
     std::optional<CaptureSource> selectedSource() const;
+    // Selects the source last chosen on this computer when it is listed, else the default one.
+    void selectDefaultSource();
 
     // --- capture
     Capture& capture() { return *capture_; }

@@ -1,6 +1,5 @@
-#include <ctime>
-
 #include "core/net/Url.h"
+#include "core/runtime/Iso8601.h"
 #include "core/runtime/Offload.h"
 #include "core/session/ErrorText.h"
 #include "core/session/PavixError.h"
@@ -8,16 +7,6 @@
 
 namespace pavix {
 namespace {
-
-// ISO 8601 in UTC, to the second, of `unixSeconds`.
-std::string iso8601(double unixSeconds) {
-    auto seconds = static_cast<std::time_t>(unixSeconds);
-    std::tm parts{};
-    ::gmtime_r(&seconds, &parts);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return text;
-}
 
 bool managedElsewhere(LocalCapture::Stage stage) {
     return stage == LocalCapture::Stage::recording || stage == LocalCapture::Stage::finalizing ||
