@@ -371,7 +371,7 @@ asio::awaitable<nlohmann::json> Studio::startRecordingCommand(const nlohmann::js
     });
     setStatus("Recording " + source->title + " for your agent.");
     auto preset = named.find("windowSize");
-    if (preset != named.end() && preset->is_string()) {
+    if (preset != named.end() && preset->is_string() && !preset->get<std::string>().empty()) {
         windowReport_ = windowPreset(preset->get<std::string>(), *source);
     }
     watch(*source, generation);
