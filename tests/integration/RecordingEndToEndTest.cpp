@@ -17,6 +17,7 @@
 #include "linux/FfmpegMediaReader.h"
 #include "support/ChildProcess.h"
 #include "support/DevServerProcess.h"
+#include "support/LibraryRecords.h"
 
 namespace pavix::test {
 namespace {
@@ -87,6 +88,11 @@ class RecordingEndToEnd : public ::testing::Test {
         return {status.value_or(-1), app->output()};
     }
     fs::path library() const { return home / "Videos" / "Pavix"; }
+    // The home trash of this session (scripts/with-desktop gives it a data folder of its own).
+    static fs::path trashFolder() {
+        const char* data = std::getenv("XDG_DATA_HOME");
+        return fs::path(data ? data : "") / "Trash";
+    }
     bool published(const std::string& id) {
         return service.agent({"recordings"}).find(id + "  published") != std::string::npos;
     }
@@ -225,6 +231,59 @@ TEST_F(RecordingEndToEnd, TheUsersOwnRecordingAndTheLibraryCommands) {
     EXPECT_FALSE(fs::exists(video));
     EXPECT_FALSE(fs::exists(library() / (upper(id) + ".json")));
     EXPECT_TRUE(published(id));
+    // The freedesktop Trash of this session's data folder holds it, as it was.
+    auto trashed = trashFolder() / "files" / video.filename();
+    ASSERT_TRUE(fs::exists(trashed));
+    EXPECT_GT(fs::file_size(trashed), 0u);
+}
+
+TEST_F(RecordingEndToEnd, AKilledRecordingIsInterruptedAtTheNextLaunchAndStillPlays) {
+    auto app = pavix({"--code", service.code(), "--pair", "--approve"});
+    ASSERT_TRUE(app->waitForLine("pavix: connected true", seconds(30))) << app->output();
+    auto captureId = service.agent({"capture-id"});
+    captureId.erase(captureId.find_last_not_of("\n ") + 1);
+    json start = json::array({{{"captureId", captureId}}});
+    auto started =
+        envelope(service.agent({"send", "startRecording", start.dump(), "--timeout", "30"}));
+    ASSERT_TRUE(started.contains("value")) << started.dump() << app->output();
+    std::this_thread::sleep_for(seconds(3));  // the length of the recording
+    app->signal(SIGKILL);
+    app->wait(seconds(10));
+
+    // Nothing was finished: the side-car still says recording until the next launch.
+    auto sideCar = library() / (upper(captureId) + ".json");
+    EXPECT_EQ(json::parse(bytesOf(sideCar))["stage"], "recording");
+    auto [status, listing] = run({"--library"});
+    ASSERT_EQ(status, 0) << listing;
+    EXPECT_NE(listing.find(captureId + "  interrupted"), std::string::npos) << listing;
+    EXPECT_EQ(json::parse(bytesOf(sideCar))["stage"], "interrupted");
+
+    // The fragmented file plays up to its last fragment.
+    FfmpegMediaReader reader;
+    auto duration = reader.duration((library() / ("Pavix-" + upper(captureId) + ".mp4")).string());
+    ASSERT_TRUE(duration);
+    EXPECT_GT(*duration, 0.5);
+}
+
+TEST_F(RecordingEndToEnd, UploadedCopiesPastRetentionGoToTheTrashAtLaunch) {
+    // Two uploaded recordings a previous run left: one 31 days old, one 29.
+    auto now =
+        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count() -
+        LocalCapture::kReferenceDateOffset;
+    CaptureJournal journal(library());
+    auto old = addRecord(journal, LocalCapture::Stage::uploaded, service.server(), "old video",
+                         now - 31 * 86'400.0);
+    auto recent = addRecord(journal, LocalCapture::Stage::uploaded, service.server(),
+                            "recent video", now - 29 * 86'400.0);
+
+    auto [status, listing] = run({"--library"});
+    ASSERT_EQ(status, 0) << listing;
+    EXPECT_EQ(listing.find(lowerId(old.id)), std::string::npos) << listing;
+    EXPECT_NE(listing.find(lowerId(recent.id)), std::string::npos) << listing;
+    EXPECT_FALSE(fs::exists(journal.file(old.id)));
+    EXPECT_FALSE(fs::exists(journal.manifest(old.id)));
+    EXPECT_EQ(bytesOf(trashFolder() / "files" / old.fileName()), "old video");
+    EXPECT_TRUE(fs::exists(journal.file(recent.id)));
 }
 
 }  // namespace
