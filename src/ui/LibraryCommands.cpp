@@ -1,22 +1,16 @@
 #include "ui/LibraryCommands.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <filesystem>
 #include <iomanip>
 
 #include "core/runtime/Iso8601.h"
+#include "core/runtime/Uuid.h"
 #include "ui/StudioWait.h"
 
 namespace pavix::LibraryCommands {
 namespace {
-
-std::string lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
 
 void say(const std::string& line) {
     std::fprintf(stderr, "pavix: %s\n", line.c_str());
@@ -25,7 +19,7 @@ void say(const std::string& line) {
 
 std::optional<LocalCapture> find(const Studio& studio, const std::string& id) {
     for (const auto& capture : studio.state().recent) {
-        if (lower(capture.id) == lower(id)) {
+        if (Uuid::lower(capture.id) == Uuid::lower(id)) {
             return capture;
         }
     }
@@ -45,7 +39,7 @@ void list(const Studio& studio, std::ostream& out) {
         auto file = studio.journal().file(capture.id);
         std::error_code error;
         auto bytes = std::filesystem::file_size(file, error);
-        out << lower(capture.id) << "  " << std::left << std::setw(11)
+        out << Uuid::lower(capture.id) << "  " << std::left << std::setw(11)
             << LocalCapture::stageText(capture.stage) << "  "
             << iso8601(capture.createdAt + LocalCapture::kReferenceDateOffset) << "  ";
         if (capture.durationMs) {

@@ -58,7 +58,7 @@ struct DigestFree {
 std::string hex(const unsigned char* bytes, unsigned length) {
     static constexpr char digits[] = "0123456789abcdef";
     std::string out;
-    out.reserve(length * 2);
+    out.reserve(std::size_t{length} * 2);
     for (unsigned i = 0; i < length; ++i) {
         out.push_back(digits[bytes[i] >> 4]);
         out.push_back(digits[bytes[i] & 0x0f]);

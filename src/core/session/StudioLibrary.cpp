@@ -1,6 +1,7 @@
 #include "core/net/Url.h"
 #include "core/runtime/Iso8601.h"
 #include "core/runtime/Offload.h"
+#include "core/runtime/Uuid.h"
 #include "core/session/ErrorText.h"
 #include "core/session/PavixError.h"
 #include "core/session/Studio.h"

@@ -10,8 +10,8 @@ asio::awaitable<nlohmann::json> Studio::post(const std::string& path, nlohmann::
     if (!endpoint_) {
         throw PavixError("Not connected");
     }
-    auto request = ServiceRequests::build(*endpoint_, token_, env_.appVersion, path, body, std::move(payload),
-                                          env_.timing);
+    auto request = ServiceRequests::build(*endpoint_, token_, env_.appVersion, path, body,
+                                          std::move(payload), env_.timing);
     auto response = co_await env_.http->send(std::move(request));
     if (response.status == 426) {
         // The latest version is preferred over the minimum so that the user installs the

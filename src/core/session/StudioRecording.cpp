@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <cctype>
 
 #include "core/capture/CaptureGuards.h"
 #include "core/runtime/Offload.h"
@@ -12,18 +11,6 @@
 
 namespace pavix {
 namespace {
-
-std::string upper(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    return text;
-}
-
-std::string lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
 
 constexpr const char* kLimitReached = "Recording limit reached. Saving and uploading.";
 constexpr const char* kAgentLimitReached = "Five-minute limit reached. Local capture saved.";
@@ -54,7 +41,7 @@ std::optional<std::string> Studio::shareBlocker() const {
 
 LocalCapture Studio::newRecord(const std::string& id, const CaptureSource& source) const {
     LocalCapture record;
-    record.id = upper(id);
+    record.id = Uuid::upper(id);
     record.createdAt = env_.nowMs() / 1000.0 - LocalCapture::kReferenceDateOffset;
     record.stage = LocalCapture::Stage::recording;
     record.width = source.width;
@@ -67,7 +54,7 @@ LocalCapture Studio::newRecord(const std::string& id, const CaptureSource& sourc
 }
 
 bool Studio::existsLocally(const std::string& id) const {
-    auto canonical = upper(id);
+    auto canonical = Uuid::upper(id);
     std::error_code ignored;
     if (std::filesystem::exists(journal_.file(canonical), ignored) ||
         std::filesystem::exists(journal_.manifest(canonical), ignored)) {
@@ -378,7 +365,7 @@ asio::awaitable<nlohmann::json> Studio::startRecordingCommand(const nlohmann::js
     timer_ =
         Task::spawn(env_.executor, recordingLimit(env_.timing.agentRecordingLimit, current_->id),
                     taskErrorHandler());
-    co_return nlohmann::json{{"captureId", lower(current_->id)},
+    co_return nlohmann::json{{"captureId", Uuid::lower(current_->id)},
                              {"source", {{"id", source->id}, {"title", source->title}}},
                              {"width", capture_->width()},
                              {"height", capture_->height()},
@@ -406,7 +393,7 @@ asio::awaitable<nlohmann::json> Studio::stopRecordingCommand() {
     if (!state_.recording) {
         co_return value;
     }
-    auto id = current_ ? lower(current_->id) : std::string();
+    auto id = current_ ? Uuid::lower(current_->id) : std::string();
     if (state_.manual) {
         co_await stopManual();
         value["captureId"] = id;
@@ -442,14 +429,15 @@ nlohmann::json Studio::markDemoMoment(const nlohmann::json& args) {
     moments_.push_back(moment);
     log("demo moment " + std::to_string(moments_.size()) + " at " + std::to_string(elapsed) +
         " ms");
-    return {{"captureId", lower(current_->id)}, {"moment", moment}, {"count", moments_.size()}};
+    return {
+        {"captureId", Uuid::lower(current_->id)}, {"moment", moment}, {"count", moments_.size()}};
 }
 
 asio::awaitable<nlohmann::json> Studio::disposeCommand() {
     if (!capture_->running() && !current_) {
         throw PavixError("Desktop preview supports capture only.");
     }
-    auto id = current_ ? lower(current_->id) : std::string();
+    auto id = current_ ? Uuid::lower(current_->id) : std::string();
     if (state_.recording && !manualTask_.running()) {
         timer_.cancel();
         watchdog_.cancel();

@@ -1,10 +1,10 @@
 #include <algorithm>
 #include <asio/this_coro.hpp>
-#include <cctype>
 #include <cmath>
 
 #include "core/library/CaptureTransfer.h"
 #include "core/runtime/Offload.h"
+#include "core/runtime/Uuid.h"
 #include "core/session/ErrorText.h"
 #include "core/session/PavixError.h"
 #include "core/session/Studio.h"
@@ -18,12 +18,6 @@
 
 namespace pavix {
 namespace {
-
-std::string lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
 
 // The service's "received" count when it is an integer.
 std::optional<std::int64_t> received(const nlohmann::json& reply) {
@@ -53,7 +47,7 @@ asio::awaitable<void> Studio::upload(LocalCapture capture, std::filesystem::path
         throw PavixError("Capture duration unavailable. Local video saved.");
     }
     auto print = co_await CaptureTransfer::fingerprint(*env_.pool, file);
-    const std::string base = "desktop-upload/" + lower(capture.id) + "/";
+    const std::string base = "desktop-upload/" + Uuid::lower(capture.id) + "/";
 
     nlohmann::json media = {
         {"width", capture.width}, {"height", capture.height}, {"durationMs", *capture.durationMs}};
@@ -113,7 +107,7 @@ asio::awaitable<void> Studio::handOver() {
     auto record = *current_;
     co_await upload(record, journal_.file(record.id));
     throwIfCancelled(co_await asio::this_coro::cancellation_state);
-    const std::string publishPath = "desktop-upload/" + lower(record.id) + "/publish";
+    const std::string publishPath = "desktop-upload/" + Uuid::lower(record.id) + "/publish";
     co_await post(publishPath);
     stage(LocalCapture::Stage::uploaded);
     setStatus("Uploaded. Ask your agent to render it, or open your Pavix library.");
@@ -187,7 +181,7 @@ asio::awaitable<void> Studio::retry(LocalCapture capture) {
         reloadRecent();
         co_await upload(capture, file);
         throwIfCancelled(co_await asio::this_coro::cancellation_state);
-        const std::string publishPath = "desktop-upload/" + lower(capture.id) + "/publish";
+        const std::string publishPath = "desktop-upload/" + Uuid::lower(capture.id) + "/publish";
         co_await post(publishPath);
         capture.stage = LocalCapture::Stage::uploaded;
         journal_.save(capture);
