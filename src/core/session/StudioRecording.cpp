@@ -402,7 +402,16 @@ asio::awaitable<nlohmann::json> Studio::stopRecordingCommand() {
     timer_.cancel();
     watchdog_.cancel();
     setStatus("Saving…");
-    co_await finalize();
+    std::exception_ptr failure;
+    try {
+        co_await finalize();
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (failure) {
+        setStatus(describe(failure));
+        std::rethrow_exception(failure);
+    }
     value["captureId"] = id;
     setStatus("Saved. Uploading for your agent…");
     change([](StudioState& s) { s.uploading = true; });
