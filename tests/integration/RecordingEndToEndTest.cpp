@@ -14,6 +14,7 @@
 #include <sstream>
 #include <thread>
 
+#include "core/runtime/Uuid.h"
 #include "linux/FfmpegMediaReader.h"
 #include "support/ChildProcess.h"
 #include "support/DevServerProcess.h"
@@ -235,6 +236,49 @@ TEST_F(RecordingEndToEnd, TheUsersOwnRecordingAndTheLibraryCommands) {
     auto trashed = trashFolder() / "files" / video.filename();
     ASSERT_TRUE(fs::exists(trashed));
     EXPECT_GT(fs::file_size(trashed), 0u);
+}
+
+TEST_F(RecordingEndToEnd, AnUploadCutByTheServiceStaysSavedAndTheRetryPublishesIt) {
+    auto app = pavix({"--code", service.code(), "--pair", "--approve"});
+    ASSERT_TRUE(app->waitForLine("pavix: connected true", seconds(30))) << app->output();
+    // The service drops the connection of the next chunk without an answer. Twice: libcurl
+    // sends a request again by itself, once, when a kept-alive connection dies before any answer.
+    auto armed =
+        service.agent({"fault", "add", "path=/local-browser/desktop-upload/*/chunk,drop,count=2"});
+    ASSERT_NE(armed.find("armed"), std::string::npos) << armed;
+
+    auto captureId = service.agent({"capture-id"});
+    captureId.erase(captureId.find_last_not_of("\n ") + 1);
+    json start = json::array({{{"captureId", captureId}}});
+    ASSERT_TRUE(envelope(service.agent({"send", "startRecording", start.dump(), "--timeout", "30"}))
+                    .contains("value"))
+        << app->output();
+    std::this_thread::sleep_for(seconds(2));  // the length of the recording
+    ASSERT_TRUE(
+        envelope(service.agent({"send", "stopRecording", "--timeout", "60"})).contains("value"))
+        << app->output();
+    ASSERT_TRUE(app->waitForLine(
+        "status: Upload did not finish. Local video saved; use Retry upload. ", seconds(30)))
+        << app->output();
+    auto sideCar = library() / (Uuid::upper(captureId) + ".json");
+    EXPECT_EQ(json::parse(bytesOf(sideCar))["stage"], "saved");
+    EXPECT_FALSE(published(captureId));
+    app->signal(SIGTERM);
+    ASSERT_EQ(app->wait(seconds(20)), 0) << app->output();
+
+    // The user retries from the same file under the same pairing.
+    service.agent({"fault", "clear"});
+    auto [status, said] = run({"--retry", captureId});
+    ASSERT_EQ(status, 0) << said;
+    EXPECT_NE(said.find("pavix: Capture recovered. Ask your agent to render and export."),
+              std::string::npos)
+        << said;
+    EXPECT_TRUE(published(captureId));
+    EXPECT_EQ(json::parse(bytesOf(sideCar))["stage"], "uploaded");
+    auto downloaded = home / "retried.mp4";
+    service.agent({"download", captureId, downloaded.string()});
+    EXPECT_EQ(bytesOf(downloaded),
+              bytesOf(library() / ("Pavix-" + Uuid::upper(captureId) + ".mp4")));
 }
 
 TEST_F(RecordingEndToEnd, AKilledRecordingIsInterruptedAtTheNextLaunchAndStillPlays) {
