@@ -198,6 +198,21 @@ TEST_F(Recording, EndingTheSessionFinishesTheRecordingAndKeepsTheVideo) {
     EXPECT_FALSE(uploads.upload(id));  // nothing is uploaded without the agent's stop
 }
 
+TEST_F(Recording, AStreamTheSystemEndsEndsTheSessionWithItsSentenceAndKeepsTheVideo) {
+    connectAndSelect();
+    h.studio().setConsent(true);
+    ASSERT_TRUE(call("startRecording", withCapture(Uuid::make())).contains("value"));
+    capture.streams->fail(CaptureError(CaptureError::kSystemStoppedStream, "stopped"));
+    const std::string sentence =
+        "The system stopped the capture. Recording stopped; the local capture was saved. "
+        "Approve a new recording to continue.";
+    ASSERT_TRUE(h.runUntil([&] { return h.studio().state().status == sentence; }));
+    EXPECT_FALSE(h.studio().state().connected);
+    EXPECT_FALSE(h.studio().state().recording);
+    EXPECT_EQ(h.studio().current()->stage, Stage::saved);
+    EXPECT_TRUE(fs::exists(h.studio().journal().file(h.studio().current()->id)));
+}
+
 TEST_F(Recording, EndingTheSessionDuringTheUploadPutsTheRecordBackToSaved) {
     connectAndSelect();
     h.studio().setConsent(true);

@@ -12,7 +12,7 @@ std::string DeviceKeychain::service() {
     return "app.pavix.Pavix.device";
 }
 
-asio::awaitable<std::optional<DeviceIdentity>> DeviceKeychain::load(const std::string& server) {
+asio::awaitable<std::optional<DeviceIdentity>> DeviceKeychain::load(std::string server) {
     auto work = [store = &store_, server] { return store->load(service(), server); };
     auto secret = co_await offload(pool_, std::move(work));
     if (!secret) {
@@ -25,15 +25,14 @@ asio::awaitable<std::optional<DeviceIdentity>> DeviceKeychain::load(const std::s
     }
 }
 
-asio::awaitable<void> DeviceKeychain::save(const DeviceIdentity& identity,
-                                           const std::string& server) {
+asio::awaitable<void> DeviceKeychain::save(DeviceIdentity identity, std::string server) {
     auto work = [store = &store_, server, secret = identity.toJson()] {
         store->save(service(), server, "Pavix device credential for " + server, secret);
     };
     co_await offload(pool_, std::move(work));
 }
 
-asio::awaitable<void> DeviceKeychain::remove(const std::string& server) {
+asio::awaitable<void> DeviceKeychain::remove(std::string server) {
     auto work = [store = &store_, server] { store->remove(service(), server); };
     co_await offload(pool_, std::move(work));
 }

@@ -21,9 +21,9 @@ class DeviceKeychain {
 
     // None when there is no item; throws KeychainError when the keyring fails or the item
     // does not hold a credential.
-    asio::awaitable<std::optional<DeviceIdentity>> load(const std::string& server);
-    asio::awaitable<void> save(const DeviceIdentity& identity, const std::string& server);
-    asio::awaitable<void> remove(const std::string& server);
+    asio::awaitable<std::optional<DeviceIdentity>> load(std::string server);
+    asio::awaitable<void> save(DeviceIdentity identity, std::string server);
+    asio::awaitable<void> remove(std::string server);
 
   private:
     SecretStore& store_;

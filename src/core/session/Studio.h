@@ -54,7 +54,7 @@ class Studio {
     void setDiagnosticsOptIn(bool optIn);
 
     // --- service client
-    asio::awaitable<nlohmann::json> post(const std::string& path,
+    asio::awaitable<nlohmann::json> post(std::string path,
                                          nlohmann::json body = nlohmann::json::object(),
                                          ServiceRequests::Payload payload = {});
     void diagnose(const std::string& event, std::exception_ptr error);
@@ -63,9 +63,9 @@ class Studio {
     // --- pairing and credential
     void applySetupLink(const std::string& link);
     asio::awaitable<void> pair();
-    asio::awaitable<void> remember(const nlohmann::json& reply);
+    asio::awaitable<void> remember(nlohmann::json reply);
     void scheduleRefresh(const std::string& generation);
-    asio::awaitable<void> disconnect(const std::string& message);
+    asio::awaitable<void> disconnect(std::string message);
     asio::awaitable<void> forgetDevice();
     asio::awaitable<void> autoShare();
 
@@ -74,7 +74,7 @@ class Studio {
     void scheduleReconnect();
     void watch(const CaptureSource& source, const std::string& generation);
     // Runs one agent method and returns its value; throws what the method throws.
-    asio::awaitable<nlohmann::json> run(const std::string& method, const nlohmann::json& args);
+    asio::awaitable<nlohmann::json> run(std::string method, nlohmann::json args);
 
     // --- sources
     asio::awaitable<void> refreshSources();
@@ -127,6 +127,8 @@ class Studio {
     StudioEnvironment& environment() { return env_; }
 
   private:
+    // Coroutines that may be started without being awaited at once take their arguments by
+    // value: a reference could outlive what it refers to.
     friend struct StudioTestAccess;  // lets tests put the model in states other parts reach
 
     template <class F>

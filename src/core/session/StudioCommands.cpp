@@ -30,7 +30,7 @@ nlohmann::json describeSource(const CaptureSource& source) {
 
 }  // namespace
 
-asio::awaitable<nlohmann::json> Studio::run(const std::string& method, const nlohmann::json& args) {
+asio::awaitable<nlohmann::json> Studio::run(std::string method, nlohmann::json args) {
     if (isControlMethod(method)) {
         if (!state_.allowControl) {
             throw PavixError(

@@ -5,7 +5,7 @@
 
 namespace pavix {
 
-asio::awaitable<nlohmann::json> Studio::post(const std::string& path, nlohmann::json body,
+asio::awaitable<nlohmann::json> Studio::post(std::string path, nlohmann::json body,
                                              ServiceRequests::Payload payload) {
     if (!endpoint_) {
         throw PavixError("Not connected");

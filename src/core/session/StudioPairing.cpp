@@ -178,7 +178,7 @@ asio::awaitable<void> Studio::connect() {
     setCode("");
 }
 
-asio::awaitable<void> Studio::remember(const nlohmann::json& reply) {
+asio::awaitable<void> Studio::remember(nlohmann::json reply) {
     auto identity = DeviceIdentity::fromJson(reply);
     token_ = identity.accessToken;
     co_await keychain_.save(identity, state_.server);
@@ -218,7 +218,7 @@ asio::awaitable<void> Studio::refreshLater(std::string generation, Timing::ms de
     }
 }
 
-asio::awaitable<void> Studio::disconnect(const std::string& message) {
+asio::awaitable<void> Studio::disconnect(std::string message) {
     disconnecting_ = true;
     connectionGeneration_ = Uuid::make();
     loop_.cancel();
