@@ -7,15 +7,11 @@
 
 #include "core/runtime/Iso8601.h"
 #include "core/runtime/Uuid.h"
+#include "ui/StatusLine.h"
 #include "ui/StudioWait.h"
 
 namespace pavix::LibraryCommands {
 namespace {
-
-void say(const std::string& line) {
-    std::fprintf(stderr, "pavix: %s\n", line.c_str());
-    std::fflush(stderr);
-}
 
 std::optional<LocalCapture> find(const Studio& studio, const std::string& id) {
     for (const auto& capture : studio.state().recent) {

@@ -34,6 +34,7 @@
 #include "linux/X11WindowLayers.h"
 #include "linux/XdgFolders.h"
 #include "ui/LibraryCommands.h"
+#include "ui/StatusLine.h"
 #include "ui/StudioWait.h"
 
 using namespace pavix;
@@ -88,11 +89,6 @@ std::string osVersion() {
         return "unknown";
     }
     return std::string(names.sysname) + " " + names.release;
-}
-
-void say(const std::string& line) {
-    std::fprintf(stderr, "pavix: %s\n", line.c_str());
-    std::fflush(stderr);
 }
 
 std::string hostName() {

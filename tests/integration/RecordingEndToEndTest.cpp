@@ -11,7 +11,6 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <regex>
-#include <sstream>
 #include <thread>
 
 #include "core/runtime/Uuid.h"
@@ -19,6 +18,7 @@
 #include "support/ChildProcess.h"
 #include "support/DevServerProcess.h"
 #include "support/LibraryRecords.h"
+#include "support/X11TestWindow.h"
 
 namespace pavix::test {
 namespace {
@@ -27,35 +27,10 @@ using nlohmann::json;
 using std::chrono::seconds;
 namespace fs = std::filesystem;
 
-std::string bytesOf(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    std::stringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
 // The envelope the agent command line printed after its own lines.
 json envelope(const std::string& output) {
     auto at = output.find('{');
     return at == std::string::npos ? json() : json::parse(output.substr(at), nullptr, false);
-}
-
-std::string upper(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    return text;
-}
-
-bool eventually(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        // The service announces nothing to this process: ask again shortly.
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    }
-    return true;
 }
 
 // A development service, a window with moving content and a home of the test's own.
@@ -89,6 +64,16 @@ class RecordingEndToEnd : public ::testing::Test {
         return {status.value_or(-1), app->output()};
     }
     fs::path library() const { return home / "Videos" / "Pavix"; }
+    // Has the agent start a recording under a capture id the service issued; returns the
+    // reply's envelope and the id.
+    std::pair<json, std::string> startRecording() {
+        auto id = service.agent({"capture-id"});
+        id.erase(id.find_last_not_of("\n ") + 1);
+        json start = json::array({{{"captureId", id}}});
+        return {
+            envelope(service.agent({"send", "startRecording", start.dump(), "--timeout", "30"})),
+            id};
+    }
     // The home trash of this session (scripts/with-desktop gives it a data folder of its own).
     static fs::path trashFolder() {
         const char* data = std::getenv("XDG_DATA_HOME");
@@ -120,11 +105,7 @@ TEST_F(RecordingEndToEnd, TheAgentsRecordingIsPublishedByteIdenticalToTheLocalVi
     auto selected = envelope(service.agent({"send", "selectSource", select.dump()}));
     ASSERT_TRUE(selected.contains("value")) << selected.dump();
 
-    auto captureId = service.agent({"capture-id"});
-    captureId.erase(captureId.find_last_not_of("\n ") + 1);
-    json start = json::array({{{"captureId", captureId}}});
-    auto started =
-        envelope(service.agent({"send", "startRecording", start.dump(), "--timeout", "30"}));
+    auto [started, captureId] = startRecording();
     ASSERT_TRUE(started.contains("value")) << started.dump() << app->output();
     EXPECT_EQ(started["value"]["captureId"], captureId);
 
@@ -140,18 +121,18 @@ TEST_F(RecordingEndToEnd, TheAgentsRecordingIsPublishedByteIdenticalToTheLocalVi
     ASSERT_TRUE(app->waitForLine("status: Uploaded. Ask your agent to render it", seconds(10)))
         << app->output();
 
-    auto local = library() / ("Pavix-" + upper(captureId) + ".mp4");
+    auto local = library() / ("Pavix-" + Uuid::upper(captureId) + ".mp4");
     ASSERT_TRUE(fs::exists(local)) << app->output();
     auto downloaded = home / "downloaded.mp4";
     service.agent({"download", captureId, downloaded.string()});
-    EXPECT_EQ(bytesOf(downloaded), bytesOf(local));  // the service verified the digest too
+    EXPECT_EQ(readBytes(downloaded), readBytes(local));  // the service verified the digest too
     FfmpegMediaReader reader;
     auto duration = reader.duration(downloaded.string());
     ASSERT_TRUE(duration);
     EXPECT_GT(*duration, 1.0);
     EXPECT_LT(*duration, 30.0);
 
-    auto sideCar = json::parse(bytesOf(library() / (upper(captureId) + ".json")));
+    auto sideCar = json::parse(readBytes(library() / (Uuid::upper(captureId) + ".json")));
     EXPECT_EQ(sideCar["stage"], "uploaded");
     // A window is recorded with room for its pop-ups around it.
     EXPECT_GE(sideCar["width"].get<int>(), 640);
@@ -209,8 +190,8 @@ TEST_F(RecordingEndToEnd, TheUsersOwnRecordingAndTheLibraryCommands) {
         << listing;
     auto id = row[1].str();
     EXPECT_TRUE(published(id)) << service.agent({"recordings", "--all"});
-    auto video = library() / ("Pavix-" + upper(id) + ".mp4");
-    EXPECT_EQ(bytesOf(video).size(), fs::file_size(video));
+    auto video = library() / ("Pavix-" + Uuid::upper(id) + ".mp4");
+    EXPECT_EQ(readBytes(video).size(), fs::file_size(video));
 
     auto [supportStatus, support] = run({"--support"});
     ASSERT_EQ(supportStatus, 0);
@@ -230,7 +211,7 @@ TEST_F(RecordingEndToEnd, TheUsersOwnRecordingAndTheLibraryCommands) {
               std::string::npos)
         << said;
     EXPECT_FALSE(fs::exists(video));
-    EXPECT_FALSE(fs::exists(library() / (upper(id) + ".json")));
+    EXPECT_FALSE(fs::exists(library() / (Uuid::upper(id) + ".json")));
     EXPECT_TRUE(published(id));
     // The freedesktop Trash of this session's data folder holds it, as it was.
     auto trashed = trashFolder() / "files" / video.filename();
@@ -247,12 +228,8 @@ TEST_F(RecordingEndToEnd, AnUploadCutByTheServiceStaysSavedAndTheRetryPublishesI
         service.agent({"fault", "add", "path=/local-browser/desktop-upload/*/chunk,drop,count=2"});
     ASSERT_NE(armed.find("armed"), std::string::npos) << armed;
 
-    auto captureId = service.agent({"capture-id"});
-    captureId.erase(captureId.find_last_not_of("\n ") + 1);
-    json start = json::array({{{"captureId", captureId}}});
-    ASSERT_TRUE(envelope(service.agent({"send", "startRecording", start.dump(), "--timeout", "30"}))
-                    .contains("value"))
-        << app->output();
+    auto [started, captureId] = startRecording();
+    ASSERT_TRUE(started.contains("value")) << started.dump() << app->output();
     std::this_thread::sleep_for(seconds(2));  // the length of the recording
     ASSERT_TRUE(
         envelope(service.agent({"send", "stopRecording", "--timeout", "60"})).contains("value"))
@@ -261,7 +238,7 @@ TEST_F(RecordingEndToEnd, AnUploadCutByTheServiceStaysSavedAndTheRetryPublishesI
         "status: Upload did not finish. Local video saved; use Retry upload. ", seconds(30)))
         << app->output();
     auto sideCar = library() / (Uuid::upper(captureId) + ".json");
-    EXPECT_EQ(json::parse(bytesOf(sideCar))["stage"], "saved");
+    EXPECT_EQ(json::parse(readBytes(sideCar))["stage"], "saved");
     EXPECT_FALSE(published(captureId));
     app->signal(SIGTERM);
     ASSERT_EQ(app->wait(seconds(20)), 0) << app->output();
@@ -274,37 +251,34 @@ TEST_F(RecordingEndToEnd, AnUploadCutByTheServiceStaysSavedAndTheRetryPublishesI
               std::string::npos)
         << said;
     EXPECT_TRUE(published(captureId));
-    EXPECT_EQ(json::parse(bytesOf(sideCar))["stage"], "uploaded");
+    EXPECT_EQ(json::parse(readBytes(sideCar))["stage"], "uploaded");
     auto downloaded = home / "retried.mp4";
     service.agent({"download", captureId, downloaded.string()});
-    EXPECT_EQ(bytesOf(downloaded),
-              bytesOf(library() / ("Pavix-" + Uuid::upper(captureId) + ".mp4")));
+    EXPECT_EQ(readBytes(downloaded),
+              readBytes(library() / ("Pavix-" + Uuid::upper(captureId) + ".mp4")));
 }
 
 TEST_F(RecordingEndToEnd, AKilledRecordingIsInterruptedAtTheNextLaunchAndStillPlays) {
     auto app = pavix({"--code", service.code(), "--pair", "--approve"});
     ASSERT_TRUE(app->waitForLine("pavix: connected true", seconds(30))) << app->output();
-    auto captureId = service.agent({"capture-id"});
-    captureId.erase(captureId.find_last_not_of("\n ") + 1);
-    json start = json::array({{{"captureId", captureId}}});
-    auto started =
-        envelope(service.agent({"send", "startRecording", start.dump(), "--timeout", "30"}));
+    auto [started, captureId] = startRecording();
     ASSERT_TRUE(started.contains("value")) << started.dump() << app->output();
     std::this_thread::sleep_for(seconds(3));  // the length of the recording
     app->signal(SIGKILL);
     app->wait(seconds(10));
 
     // Nothing was finished: the side-car still says recording until the next launch.
-    auto sideCar = library() / (upper(captureId) + ".json");
-    EXPECT_EQ(json::parse(bytesOf(sideCar))["stage"], "recording");
+    auto sideCar = library() / (Uuid::upper(captureId) + ".json");
+    EXPECT_EQ(json::parse(readBytes(sideCar))["stage"], "recording");
     auto [status, listing] = run({"--library"});
     ASSERT_EQ(status, 0) << listing;
     EXPECT_NE(listing.find(captureId + "  interrupted"), std::string::npos) << listing;
-    EXPECT_EQ(json::parse(bytesOf(sideCar))["stage"], "interrupted");
+    EXPECT_EQ(json::parse(readBytes(sideCar))["stage"], "interrupted");
 
     // The fragmented file plays up to its last fragment.
     FfmpegMediaReader reader;
-    auto duration = reader.duration((library() / ("Pavix-" + upper(captureId) + ".mp4")).string());
+    auto duration =
+        reader.duration((library() / ("Pavix-" + Uuid::upper(captureId) + ".mp4")).string());
     ASSERT_TRUE(duration);
     EXPECT_GT(*duration, 0.5);
 }
@@ -322,11 +296,11 @@ TEST_F(RecordingEndToEnd, UploadedCopiesPastRetentionGoToTheTrashAtLaunch) {
 
     auto [status, listing] = run({"--library"});
     ASSERT_EQ(status, 0) << listing;
-    EXPECT_EQ(listing.find(lowerId(old.id)), std::string::npos) << listing;
-    EXPECT_NE(listing.find(lowerId(recent.id)), std::string::npos) << listing;
+    EXPECT_EQ(listing.find(Uuid::lower(old.id)), std::string::npos) << listing;
+    EXPECT_NE(listing.find(Uuid::lower(recent.id)), std::string::npos) << listing;
     EXPECT_FALSE(fs::exists(journal.file(old.id)));
     EXPECT_FALSE(fs::exists(journal.manifest(old.id)));
-    EXPECT_EQ(bytesOf(trashFolder() / "files" / old.fileName()), "old video");
+    EXPECT_EQ(readBytes(trashFolder() / "files" / old.fileName()), "old video");
     EXPECT_TRUE(fs::exists(journal.file(recent.id)));
 }
 

@@ -31,10 +31,7 @@ inline LocalCapture addRecord(const CaptureJournal& journal, LocalCapture::Stage
                               const std::string& server, const std::string& bytes,
                               double createdAt = 800'000'000.0) {
     LocalCapture record;
-    record.id = Uuid::make();
-    for (auto& c : record.id) {
-        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    }
+    record.id = Uuid::upper(Uuid::make());
     record.createdAt = createdAt;
     record.stage = stage;
     record.durationMs = 2500;
@@ -45,13 +42,6 @@ inline LocalCapture addRecord(const CaptureJournal& journal, LocalCapture::Stage
     journal.save(record);
     std::ofstream(journal.file(record.id), std::ios::binary) << bytes;
     return record;
-}
-
-inline std::string lowerId(std::string id) {
-    for (auto& c : id) {
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    }
-    return id;
 }
 
 }  // namespace pavix::test

@@ -125,7 +125,7 @@ TEST_F(Library, TheSupportBundleHoldsVersionsIdsStagesAndTimingsOnly) {
     EXPECT_EQ(bundle["generatedAt"], "2027-01-15T08:00:00Z");
     ASSERT_EQ(bundle["captures"].size(), 20u);
     const auto& newest = bundle["captures"][0];
-    EXPECT_EQ(newest["id"], lowerId(h.studio().state().recent[0].id));
+    EXPECT_EQ(newest["id"], Uuid::lower(h.studio().state().recent[0].id));
     EXPECT_EQ(newest["stage"], "uploaded");
     EXPECT_EQ(newest["durationMs"], 2500);
     EXPECT_EQ(newest["bound"], true);

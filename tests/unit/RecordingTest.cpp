@@ -6,11 +6,11 @@
 
 #include <fstream>
 #include <future>
-#include <sstream>
 
 #include "core/capture/CaptureError.h"
 #include "core/runtime/Uuid.h"
 #include "support/FakeCapturePlatform.h"
+#include "support/LibraryRecords.h"
 #include "support/ScriptedUploads.h"
 #include "support/StudioHarness.h"
 
@@ -34,13 +34,6 @@ ShareableContentSnapshot desktop() {
     snapshot.windows = {editor};
     snapshot.displays = {{77, 0, 0, 1920, 1080}};
     return snapshot;
-}
-
-std::string bytesOf(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    std::stringstream out;
-    out << in.rdbuf();
-    return out.str();
 }
 
 Timing recordingTiming() {
@@ -133,7 +126,7 @@ TEST_F(Recording, AgentRecordingIsJournaledFinishedUploadedAndPublished) {
     EXPECT_EQ(stages, (std::vector<Stage>{Stage::recording, Stage::finalizing, Stage::saved,
                                           Stage::uploading, Stage::uploaded}));
     auto upload = *uploads.upload(id);
-    EXPECT_EQ(upload.data, bytesOf(file));
+    EXPECT_EQ(upload.data, readBytes(file));
     EXPECT_EQ(upload.media["durationMs"], 2500);
     EXPECT_EQ(h.studio().state().status,
               "Uploaded. Ask your agent to render it, or open your Pavix library.");
@@ -148,7 +141,7 @@ TEST_F(Recording, AgentRecordingIsJournaledFinishedUploadedAndPublished) {
     h.studio().setConsent(true);
     EXPECT_EQ(call("startRecording", withCapture(id))["error"], "local_browser_action_failed");
     EXPECT_TRUE(h.log.contains("This capture already exists locally. It will not be overwritten."));
-    EXPECT_EQ(bytesOf(file), upload.data);
+    EXPECT_EQ(readBytes(file), upload.data);
     // Stopping when nothing records answers with an empty capture id.
     EXPECT_EQ(call("stopRecording")["value"]["captureId"], "");
 }

@@ -109,7 +109,7 @@ class Upload : public ::testing::Test {
     }
     LocalCapture record(const std::string& bytes, Stage stage = Stage::saved) {
         auto made = addRecord(h.studio().journal(), stage, h.server.base(), bytes);
-        uploads.expect(lowerId(made.id));
+        uploads.expect(Uuid::lower(made.id));
         h.studio().loadLibrary();
         return made;
     }
@@ -130,7 +130,7 @@ class Upload : public ::testing::Test {
     }
     std::vector<std::int64_t> chunkOffsets(const LocalCapture& capture) {
         std::vector<std::int64_t> offsets;
-        auto path = ScriptedService::path("desktop-upload/" + lowerId(capture.id) + "/chunk");
+        auto path = ScriptedService::path("desktop-upload/" + Uuid::lower(capture.id) + "/chunk");
         for (const auto& seen : h.server.requests(path)) {
             offsets.push_back(std::stoll(seen.header("X-Pavix-Offset")));
         }
@@ -173,12 +173,12 @@ TEST_F(Upload, EveryFaultFailsWithItsSentenceAndTheNextRetryResumesByteIdentical
         EXPECT_EQ(stageOnDisk(made), Stage::saved);
         EXPECT_EQ(readBytes(h.studio().journal().file(made.id)), bytes);
         EXPECT_FALSE(h.studio().state().lastErrorCode.empty());
-        EXPECT_EQ(uploads.upload(lowerId(made.id))->data.size(), std::size_t(c.heldAfterFault));
+        EXPECT_EQ(uploads.upload(Uuid::lower(made.id))->data.size(), std::size_t(c.heldAfterFault));
 
         retry(made);
         EXPECT_EQ(h.studio().state().status,
                   "Capture recovered. Ask your agent to render and export.");
-        auto upload = *uploads.upload(lowerId(made.id));
+        auto upload = *uploads.upload(Uuid::lower(made.id));
         EXPECT_TRUE(upload.published);
         EXPECT_EQ(upload.begins, 2);
         EXPECT_EQ(upload.data, bytes);
@@ -208,11 +208,11 @@ TEST_F(Upload, AFileShortenedAfterItsFingerprintIsNotSent) {
 TEST_F(Upload, AServiceThatHoldsEverythingGetsOnlyCompleteAndPublish) {
     auto bytes = patternedBytes(5000);
     auto made = record(bytes);
-    uploads.hold(lowerId(made.id), bytes);
+    uploads.hold(Uuid::lower(made.id), bytes);
     retry(made);
     EXPECT_EQ(h.studio().state().status, "Capture recovered. Ask your agent to render and export.");
     EXPECT_TRUE(chunkOffsets(made).empty());
-    EXPECT_TRUE(uploads.upload(lowerId(made.id))->published);
+    EXPECT_TRUE(uploads.upload(Uuid::lower(made.id))->published);
 }
 
 TEST_F(Upload, ATooLargeFileIsRefusedBeforeAnyUploadRequest) {
@@ -223,7 +223,7 @@ TEST_F(Upload, ATooLargeFileIsRefusedBeforeAnyUploadRequest) {
     EXPECT_EQ(h.studio().state().status,
               "Upload did not finish. Local video saved. Capture exceeds upload limit. Local "
               "video saved.");
-    EXPECT_FALSE(uploads.upload(lowerId(made.id)));  // no begin was sent
+    EXPECT_FALSE(uploads.upload(Uuid::lower(made.id)));  // no begin was sent
     EXPECT_EQ(stageOnDisk(made), Stage::saved);
 }
 
@@ -255,14 +255,14 @@ TEST_F(Upload, RetryIsOnlyForThisPairingAndAReadableVideo) {
     EXPECT_EQ(h.studio().state().status,
               "Upload did not finish. Local video saved. Local capture is incomplete. Keep the "
               "file for recovery.");
-    EXPECT_FALSE(uploads.upload(lowerId(made.id)));
+    EXPECT_FALSE(uploads.upload(Uuid::lower(made.id)));
     // The credential was renewed before anything else.
     EXPECT_GE(h.server.count(ScriptedService::path("device/refresh")), 1u);
 }
 
 TEST_F(Upload, CancellingStopsTheUploadAndKeepsTheVideoSaved) {
     auto made = record(patternedBytes(3 * CaptureTransfer::kChunkSize));
-    auto chunkPath = ScriptedService::path("desktop-upload/" + lowerId(made.id) + "/chunk");
+    auto chunkPath = ScriptedService::path("desktop-upload/" + Uuid::lower(made.id) + "/chunk");
     std::promise<void> release;
     auto released = release.get_future().share();
     h.server.on(chunkPath, [released](const httplib::Request&, httplib::Response& response) {
