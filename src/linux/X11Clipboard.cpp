@@ -119,7 +119,11 @@ void X11Clipboard::setText(const std::string& text) {
     requested_ = text;
     takeAnswered_ = false;
     wakeup_.signal();
-    answered_.wait(lock, [&] { return takeAnswered_ || !serving_; });
+    // The serving thread answers within one round trip to the X server; a server that does
+    // not answer costs a bounded wait, never a hung caller.
+    if (!answered_.wait_for(lock, kAnswerTimeout, [&] { return takeAnswered_ || !serving_; })) {
+        throw std::runtime_error("The clipboard did not answer.");
+    }
     if (!takeAnswered_) {
         throw std::runtime_error("The clipboard is no longer served.");
     }

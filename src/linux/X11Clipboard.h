@@ -2,6 +2,7 @@
 
 #include <X11/Xlib.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <memory>
@@ -55,6 +56,7 @@ class X11Clipboard : public Clipboard {
     Window window_ = None;
     Atom clipboard_, targets_, timestamp_, utf8_, textPlain_, timeProperty_;
     std::size_t maxTextBytes_ = 0;
+    static constexpr std::chrono::seconds kAnswerTimeout{3};
     X11Wakeup wakeup_;
 
     // Owned by the serving thread.

@@ -7,8 +7,12 @@ namespace pavix {
 // Puts a Studio in states that recording reaches, so the command loop's rules can be tested
 // on their own.
 struct StudioTestAccess {
-    static void setRecording(Studio& studio, bool recording) {
-        studio.change([&](StudioState& s) { s.recording = recording; });
+    // An agent's recording of `record` that runs without a capture behind it.
+    static void setRecording(Studio& studio, const std::string& record) {
+        studio.transition([&](RecordingLifecycle& l) {
+            return l.approve(true) && l.beginStart(RecordingLifecycle::Owner::agent) &&
+                   l.started(record);
+        });
     }
 };
 

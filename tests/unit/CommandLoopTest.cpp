@@ -287,8 +287,7 @@ TEST_F(CommandLoop, DroppedAndGarbledPollsNeverCrash) {
 TEST_F(CommandLoop, WatchdogEndsTheSessionWhenSpaceRunsOutOrTheSourceGoes) {
     h.studio().selectSource("window-4242");
     auto source = *h.studio().selectedSource();
-    StudioTestAccess::setRecording(h.studio(), true);
-
+    StudioTestAccess::setRecording(h.studio(), "REC-1");
     h.studio().watch(source, h.studio().connectionGeneration());
     h.volume.set(157'286'399);
     ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
@@ -297,6 +296,7 @@ TEST_F(CommandLoop, WatchdogEndsTheSessionWhenSpaceRunsOutOrTheSourceGoes) {
 
     h.volume.set(std::nullopt);  // unknown free space never stops a recording
     h.pairWithCode();
+    StudioTestAccess::setRecording(h.studio(), "REC-2");
     h.studio().watch(source, h.studio().connectionGeneration());
     auto minimised = desktop();
     minimised.windows[0].onScreen = false;
@@ -310,6 +310,7 @@ TEST_F(CommandLoop, WatchdogEndsTheSessionWhenSpaceRunsOutOrTheSourceGoes) {
 
     // A watchdog of an ended connection does nothing.
     h.pairWithCode();
+    StudioTestAccess::setRecording(h.studio(), "REC-3");
     h.studio().watch(source, "an-old-generation");
     h.content.set(ShareableContentSnapshot{});
     h.runFor(h.studio().timing().watchInterval * 3);

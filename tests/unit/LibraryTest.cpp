@@ -135,7 +135,7 @@ TEST_F(Library, TheSupportBundleHoldsVersionsIdsStagesAndTimingsOnly) {
     EXPECT_EQ(text.find("Pavix-"), std::string::npos);
     EXPECT_EQ(text.find("access-"), std::string::npos);
 
-    h.studio().copySupportBundle();
+    h.await(h.studio().copySupportBundle());
     EXPECT_EQ(json::parse(h.clipboard.text)["captures"], bundle["captures"]);
     EXPECT_EQ(h.studio().state().status,
               "Support bundle copied. It contains versions, capture IDs, stages and timings only.");

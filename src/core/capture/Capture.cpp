@@ -297,6 +297,12 @@ asio::awaitable<void> Capture::startWith(const CaptureEncoding& encoding, const 
         }
         co_await sleepFor(parts_.timing.firstFramePoll);
     }
+    // The stream may have ended in the same wait that saw the first frame: a capture that
+    // looked running with a dead stream would never end by itself.
+    if (attempt->streamFailure) {
+        co_await discard(attempt);
+        std::rethrow_exception(attempt->streamFailure);
+    }
 
     current_ = attempt;
     started_ = attempt->firstFrameAt;

@@ -7,6 +7,7 @@
 #include <asio/this_coro.hpp>
 #include <condition_variable>
 #include <cstdio>
+#include <cstring>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -35,6 +36,7 @@ TransportError transportError(CURLcode code, const char* detail) {
         case CURLE_GOT_NOTHING:
         case CURLE_RECV_ERROR:
         case CURLE_SEND_ERROR:
+        case CURLE_SEND_FAIL_REWIND:
         case CURLE_PARTIAL_FILE:
             return {TransportError::kConnectionLost, "The network connection was lost.", text};
         case CURLE_WEIRD_SERVER_REPLY:
@@ -68,6 +70,7 @@ struct Transfer {
     CURL* easy = nullptr;
     curl_slist* headers = nullptr;
     std::FILE* file = nullptr;
+    std::size_t sent = 0;  // of an in-memory body
     std::string reply;
     bool tooLarge = false;
     char errorText[CURL_ERROR_SIZE] = {};
@@ -136,12 +139,27 @@ class HttpClient::Engine {
 
     static std::size_t onRead(char* buffer, std::size_t size, std::size_t count, void* user) {
         auto* transfer = static_cast<Transfer*>(user);
+        if (transfer->file == nullptr) {
+            const auto& body = transfer->request.body;
+            std::size_t got = std::min(size * count, body.size() - transfer->sent);
+            std::memcpy(buffer, body.data() + transfer->sent, got);
+            transfer->sent += got;
+            return got;
+        }
         std::size_t got = std::fread(buffer, 1, size * count, transfer->file);
         if (got == 0 && std::ferror(transfer->file)) {
             return CURL_READFUNC_ABORT;
         }
         return got;
     }
+
+    // libcurl sends a request again by itself when a reused connection dies before any reply,
+    // and rewinds the body for it. The service may already have acted on the first one (a
+    // one-time code used, a piece stored), and a dropped poll would never be noticed: a body
+    // is therefore never rewound, and such a request fails with no HTTP reply like any other
+    // dropped connection. A request whose body never left keeps libcurl's retry: the service
+    // cannot have seen it.
+    static int onSeek(void*, curl_off_t, int) { return CURL_SEEKFUNC_FAIL; }
 
     bool configure(Transfer& t) {
         t.easy = curl_easy_init();
@@ -177,19 +195,16 @@ class HttpClient::Engine {
             if (r.method != "POST") {
                 curl_easy_setopt(t.easy, CURLOPT_CUSTOMREQUEST, r.method.c_str());
             }
+            curl_off_t size = static_cast<curl_off_t>(r.body.size());
             if (t.file != nullptr) {
                 std::fseek(t.file, 0, SEEK_END);
-                long size = std::ftell(t.file);
+                size = std::ftell(t.file);
                 std::fseek(t.file, 0, SEEK_SET);
-                curl_easy_setopt(t.easy, CURLOPT_READFUNCTION, &Engine::onRead);
-                curl_easy_setopt(t.easy, CURLOPT_READDATA, &t);
-                curl_easy_setopt(t.easy, CURLOPT_POSTFIELDSIZE_LARGE,
-                                 static_cast<curl_off_t>(size));
-            } else {
-                curl_easy_setopt(t.easy, CURLOPT_POSTFIELDS, r.body.data());
-                curl_easy_setopt(t.easy, CURLOPT_POSTFIELDSIZE_LARGE,
-                                 static_cast<curl_off_t>(r.body.size()));
             }
+            curl_easy_setopt(t.easy, CURLOPT_READFUNCTION, &Engine::onRead);
+            curl_easy_setopt(t.easy, CURLOPT_READDATA, &t);
+            curl_easy_setopt(t.easy, CURLOPT_SEEKFUNCTION, &Engine::onSeek);
+            curl_easy_setopt(t.easy, CURLOPT_POSTFIELDSIZE_LARGE, size);
         }
         return true;
     }

@@ -20,6 +20,8 @@ struct Timing {
     ms pollTimeout{30'000};           // request time-out without a file body
     ms fileTimeout{120'000};          // request time-out with a file body
     ms keychainTimeout{10'000};       // a keyring that does not answer (a locked one prompting)
+    ms journalTimeout{10'000};        // a library folder on a disk that does not answer
+    ms clipboardTimeout{3'000};       // a clipboard that does not take the text
 };
 
 }  // namespace pavix

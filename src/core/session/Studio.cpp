@@ -15,7 +15,9 @@ namespace pavix {
 Studio::Studio(StudioEnvironment environment)
     : env_(std::move(environment)),
       keychain_(*env_.secrets, *env_.pool),
-      journal_(env_.libraryFolder) {
+      journal_(env_.libraryFolder),
+      lifecycleChanged_(env_.executor),
+      journalStrand_(asio::make_strand(*env_.pool)) {
     state_.server = ServiceAddresses::kDefaultServer;
     state_.allowControl = env_.defaults->boolean("allowControl").value_or(false);
     state_.diagnosticsOptIn = env_.defaults->boolean("diagnosticsOptIn").value_or(false);
@@ -101,9 +103,25 @@ void Studio::setCode(const std::string& code) {
 }
 
 void Studio::setConsent(bool consent) {
-    change([&](StudioState& s) { s.consent = consent; });
-    log(std::string("consent=") + (consent ? "true" : "false") +
-        " blocker=" + shareBlocker().value_or("none"));
+    if (!transition([&](RecordingLifecycle& l) { return l.approve(consent); })) {
+        log("consent refused while a recording is under way");
+    }
+}
+
+void Studio::publishLifecycle() {
+    const bool consentChanged = state_.consent != lifecycle_.consent();
+    change([&](StudioState& s) {
+        s.consent = lifecycle_.consent();
+        s.busy = lifecycle_.busy();
+        s.recording = lifecycle_.recording();
+        s.manual = lifecycle_.manual();
+        s.uploading = lifecycle_.uploading();
+    });
+    if (consentChanged) {
+        log(std::string("consent=") + (state_.consent ? "true" : "false") +
+            " blocker=" + shareBlocker().value_or("none"));
+    }
+    lifecycleChanged_.notify();
 }
 
 void Studio::setAllowControl(bool allow) {
@@ -163,7 +181,8 @@ std::optional<CaptureSource> Studio::selectedSource() const {
 }
 
 asio::awaitable<void> Studio::autoShare() {
-    if (!state_.paired || state_.connected || state_.recording || state_.busy ||
+    // The agent's own upload does not hold a reconnect back: the session resumes beside it.
+    if (!state_.paired || state_.connected || state_.recording || lifecycle_.holdsSharing() ||
         state_.update.kind == UpdateDecision::Kind::required) {
         co_return;
     }

@@ -1,15 +1,20 @@
 #pragma once
 
 #include <asio/awaitable.hpp>
+#include <asio/strand.hpp>
+#include <asio/thread_pool.hpp>
 #include <functional>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "core/capture/Capture.h"
 #include "core/library/CaptureJournal.h"
+#include "core/library/RecordingLifecycle.h"
 #include "core/net/Url.h"
+#include "core/runtime/ChangeSignal.h"
 #include "core/runtime/SharedOutcome.h"
 #include "core/runtime/Task.h"
 #include "core/session/DeviceIdentity.h"
@@ -49,6 +54,8 @@ class Studio {
     // --- user input
     void setServer(const std::string& server);
     void setCode(const std::string& code);
+    // The user's approval of the next recording (single use). Refused while a recording
+    // starts, runs or stops.
     void setConsent(bool consent);
     void setAllowControl(bool allow);
     void setDiagnosticsOptIn(bool optIn);
@@ -75,6 +82,8 @@ class Studio {
     void watch(const CaptureSource& source, const std::string& generation);
     // Runs one agent method and returns its value; throws what the method throws.
     asio::awaitable<nlohmann::json> run(std::string method, nlohmann::json args);
+    // Whether a method ends the session once its reply is delivered.
+    static bool endsSession(const std::string& method) { return method == "dispose"; }
 
     // --- sources
     asio::awaitable<void> refreshSources();
@@ -99,8 +108,12 @@ class Studio {
     // The record of the recording in progress, or of the last one until the next begins.
     const std::optional<LocalCapture>& current() const { return current_; }
     // Moves `current` to `stage` with the capture's measured facts, saves it and reloads the
-    // library. Throws the journal's errors.
-    void stage(LocalCapture::Stage stage);
+    // library, off the model executor and within a bound. Throws the journal's errors.
+    asio::awaitable<void> stage(LocalCapture::Stage stage);
+    // The recording's way from approval to upload: what runs now and what may happen next.
+    const RecordingLifecycle& lifecycle() const { return lifecycle_; }
+    // Returns after the next change of the lifecycle.
+    asio::awaitable<void> lifecycleChange() { co_await lifecycleChanged_.wait(); }
     // Demo moments the agent marked on the current recording.
     const nlohmann::json& moments() const { return moments_; }
 
@@ -108,14 +121,13 @@ class Studio {
     bool canRetry(const LocalCapture& capture) const;
     void retryUpload(const LocalCapture& capture);
     asio::awaitable<void> cancelUpload();
-    bool uploadRunning() const { return retryTask_.running() || uploadTask_.running(); }
 
     // --- library
     asio::awaitable<void> applyRetention();
     bool canManageLocal(const LocalCapture& capture) const;
     asio::awaitable<void> deleteLocal(LocalCapture capture);
     std::string supportBundle() const;
-    void copySupportBundle();
+    asio::awaitable<void> copySupportBundle();
     void setAutoTrashUploaded(bool on);
 
     // Read-only views for the application and tests.
@@ -138,6 +150,17 @@ class Studio {
             observer(state_);
         }
     }
+    // Applies one step of the recording's lifecycle and publishes the flags it decides.
+    // Returns whether the step was allowed; a refused step changes nothing.
+    template <class F>
+    bool transition(F&& step) {
+        auto allowed = step(lifecycle_);
+        if (allowed) {
+            publishLifecycle();
+        }
+        return allowed;
+    }
+    void publishLifecycle();
     void setStatus(const std::string& status);
     // The user's sentence for a failure; capture failures get the capture guards' sentence.
     std::string describe(std::exception_ptr error) const;
@@ -145,6 +168,12 @@ class Studio {
     void spawnDetached(asio::awaitable<void> body);
     Task::ErrorHandler taskErrorHandler();
 
+    // `post` to a given address with a given token: for ending a session whose address and
+    // token are already forgotten by the model.
+    asio::awaitable<nlohmann::json> sendTo(Url endpoint, std::optional<std::string> token,
+                                           std::string path,
+                                           nlohmann::json body = nlohmann::json::object(),
+                                           ServiceRequests::Payload payload = {});
     asio::awaitable<void> connect();
     asio::awaitable<void> revokeCredential();
     asio::awaitable<void> discardSavedIdentity();
@@ -152,24 +181,39 @@ class Studio {
     asio::awaitable<nlohmann::json> runSessionMethod(const std::string& method,
                                                      const nlohmann::json& args);
     asio::awaitable<nlohmann::json> screenshot();
-    asio::awaitable<void> postResult(const std::string& id, const nlohmann::json& body);
-    asio::awaitable<void> watchdogLoop(CaptureSource source, std::string generation);
+    asio::awaitable<void> postResult(std::string id, nlohmann::json body);
+    asio::awaitable<void> watchdogLoop(CaptureSource source, std::string generation,
+                                       std::string record);
     asio::awaitable<void> refreshLater(std::string generation, Timing::ms delay);
     asio::awaitable<void> reconnectLater();
+    // Ends the recording `record` for a reason found while it ran (the limit, the watchdog, a
+    // capture failure): the user's own is stopped and uploaded, the agent's ends the session.
+    asio::awaitable<void> endRecording(std::string record, std::string message);
+
+    // library (journal work runs off the model executor, one job at a time, within a bound)
+    asio::awaitable<void> saveRecord(LocalCapture record);
+    asio::awaitable<void> removeRecord(LocalCapture record);
+    asio::awaitable<void> reloadRecent();
+    asio::awaitable<void> stageOrLog(LocalCapture::Stage next);
 
     // recording
     LocalCapture newRecord(const std::string& id, const CaptureSource& source) const;
-    bool existsLocally(const std::string& id) const;
-    void reloadRecent();
-    void stageOrLog(LocalCapture::Stage next);
-    asio::awaitable<void> beginRecording(const std::string& id, const CaptureSource& source);
+    asio::awaitable<bool> existsLocally(std::string id);
+    asio::awaitable<void> beginRecording(std::string id, CaptureSource source);
+    void startTimers(const CaptureSource& source, Timing::ms limit);
     asio::awaitable<void> finalize();
+    // Starts the stop of the running recording (the capture finished, then the upload when
+    // `handOver`); a stop already under way is returned, not started again.
+    struct Stop {
+        std::shared_ptr<SharedOutcome<bool>> finished;  // the video is finished (or failed)
+        std::shared_ptr<SharedOutcome<bool>> done;      // and its upload ended
+    };
+    std::optional<Stop> stopRecording(const std::string& message, bool handOver);
+    asio::awaitable<void> finishRecording(RecordingLifecycle::Owner owner, bool handOver,
+                                          std::string generation, Stop stop);
     asio::awaitable<void> closeRecording();
     void captureFailed(const std::string& message);
-    asio::awaitable<void> manualStop(std::optional<std::string> message,
-                                     std::shared_ptr<SharedOutcome<bool>> done);
-    asio::awaitable<void> recordingLimit(Timing::ms limit, std::string id);
-    asio::awaitable<nlohmann::json> startRecordingCommand(const nlohmann::json& args);
+    asio::awaitable<nlohmann::json> startRecordingCommand(nlohmann::json args);
     asio::awaitable<nlohmann::json> stopRecordingCommand();
     nlohmann::json markDemoMoment(const nlohmann::json& args);
     asio::awaitable<nlohmann::json> disposeCommand();
@@ -182,10 +226,10 @@ class Studio {
     asio::awaitable<void> upload(LocalCapture capture, std::filesystem::path file);
     asio::awaitable<std::int64_t> sendPiece(std::string base, std::filesystem::path file,
                                             std::int64_t offset, std::int64_t size);
-    asio::awaitable<void> handOver();
-    asio::awaitable<void> agentHandOver();
+    asio::awaitable<void> handOver(RecordingLifecycle::Owner owner,
+                                   std::shared_ptr<SharedOutcome<bool>> done);
     asio::awaitable<void> retry(LocalCapture capture);
-    void restageAfterFailedUpload();
+    asio::awaitable<void> restageAfterFailedUpload();
 
     StudioEnvironment env_;
     DeviceKeychain keychain_;
@@ -197,17 +241,17 @@ class Studio {
     std::optional<std::string> token_;
     std::optional<DeviceIdentity> identity_;
     std::string connectionGeneration_;
-    bool disconnecting_ = false;
     std::optional<std::string> lastSourceTitle_;
     std::unique_ptr<Capture> capture_;
     std::optional<LocalCapture> current_;
-    bool finalizing_ = false;  // the running capture is being stopped and its file finished
+    RecordingLifecycle lifecycle_;
+    ChangeSignal lifecycleChanged_;
+    std::optional<Stop> stop_;        // the stop of the current recording, once one began
+    std::set<std::string> removing_;  // records whose copy is on its way to the Trash
     nlohmann::json moments_ = nlohmann::json::array();
     std::chrono::steady_clock::time_point recordingStarted_;
-    std::shared_ptr<SharedOutcome<bool>> uploadDone_;  // resolved when uploadTask_ ends
     std::optional<nlohmann::json> windowReport_;
-    // Set by a method that ends the session once its reply is delivered.
-    std::optional<std::string> endAfterReply_;
+    asio::strand<asio::thread_pool::executor_type> journalStrand_;
 
     Task loop_;
     Task reconnectTask_;
@@ -215,8 +259,8 @@ class Studio {
     Task watchdog_;
     Task timer_;
     Task retryTask_;
-    Task manualTask_;
-    Task uploadTask_;  // the upload that follows the agent's stop
+    Task stopTask_;    // finishes the video; never cancelled by the session's end
+    Task uploadTask_;  // the upload that follows a stop
     std::vector<Task> detached_;
 };
 

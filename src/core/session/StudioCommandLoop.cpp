@@ -24,6 +24,10 @@ bool isTransient(const std::exception_ptr& error) {
     }
 }
 
+constexpr const char* kEndedByAgent =
+    "The recording session expired or was ended by your agent. Approve a new recording to "
+    "continue; local videos are preserved.";
+
 }  // namespace
 
 asio::awaitable<void> Studio::poll(std::string generation) {
@@ -60,43 +64,31 @@ asio::awaitable<void> Studio::poll(std::string generation) {
         } catch (...) {
             failure = std::current_exception();
         }
-        if (failure && ErrorText::isCancellation(failure) && connectionGeneration_ != generation) {
-            co_return;
+        if (failure) {
+            auto description = ErrorText::describe(failure);
+            log("pavix command " + command->method + " failed: " + description);
+            if (ErrorText::isCancellation(failure)) {
+                co_return;  // the loop itself was cancelled with its connection
+            }
+            diagnose("command_failed", failure);
+            // Answered even when the connection it came on has ended meanwhile; a reply that
+            // cannot be delivered is dropped and the loop goes on (or ends at its check).
+            try {
+                nlohmann::json body = {{"error", CommandEnvelope::agentErrorText(description)}};
+                co_await postResult(command->id, body);
+            } catch (...) {
+                if (ErrorText::isCancellation(std::current_exception())) {
+                    co_return;
+                }
+            }
+            continue;
         }
         if (connectionGeneration_ != generation) {
             co_return;  // the connection this result was computed for has ended
         }
-        if (!failure) {
-            std::exception_ptr replyError;
-            try {
-                nlohmann::json body = {{"value", value}, {"meta", meta()}};
-                co_await postResult(command->id, body);
-            } catch (...) {
-                replyError = std::current_exception();
-            }
-            if (replyError && ErrorText::isCancellation(replyError)) {
-                co_return;
-            }
-            if (replyError) {
-                log("pavix result " + command->method +
-                    " not delivered: " + ErrorText::describe(replyError));
-            }
-            if (endAfterReply_) {
-                // The method asked to end the session once the agent had its answer.
-                auto message = *endAfterReply_;
-                endAfterReply_.reset();
-                co_await disconnect(message);
-                co_return;
-            }
-            continue;
-        }
-        auto description = ErrorText::describe(failure);
-        diagnose("command_failed", failure);
-        log("pavix command " + command->method + " failed: " + description);
-        // A reply that cannot be delivered is dropped; the loop goes on.
         std::exception_ptr replyError;
         try {
-            nlohmann::json body = {{"error", CommandEnvelope::agentErrorText(description)}};
+            nlohmann::json body = {{"value", value}, {"meta", meta()}};
             co_await postResult(command->id, body);
         } catch (...) {
             replyError = std::current_exception();
@@ -104,10 +96,19 @@ asio::awaitable<void> Studio::poll(std::string generation) {
         if (replyError && ErrorText::isCancellation(replyError)) {
             co_return;
         }
+        if (replyError) {
+            log("pavix result " + command->method +
+                " not delivered: " + ErrorText::describe(replyError));
+        }
+        if (endsSession(command->method) && connectionGeneration_ == generation) {
+            // The agent has its answer; now the session ends.
+            co_await disconnect(kEndedByAgent);
+            co_return;
+        }
     }
 }
 
-asio::awaitable<void> Studio::postResult(const std::string& id, const nlohmann::json& body) {
+asio::awaitable<void> Studio::postResult(std::string id, nlohmann::json body) {
     co_await post("result/" + id, body);
 }
 
@@ -118,30 +119,46 @@ void Studio::scheduleReconnect() {
 asio::awaitable<void> Studio::reconnectLater() {
     // The same wait every time: no growing back-off.
     co_await sleepFor(env_.timing.reconnectDelay);
+    if (!state_.paired || state_.connected || state_.recording) {
+        co_return;
+    }
+    // A start, stop or upload the user began while the connection was down ends first.
+    while (lifecycle_.holdsSharing()) {
+        co_await lifecycleChanged_.wait();
+    }
     if (state_.paired && !state_.connected && !state_.recording) {
         co_await autoShare();
     }
 }
 
 void Studio::watch(const CaptureSource& source, const std::string& generation) {
-    watchdog_ = Task::spawn(env_.executor, watchdogLoop(source, generation), taskErrorHandler());
+    watchdog_ = Task::spawn(env_.executor, watchdogLoop(source, generation, lifecycle_.record()),
+                            taskErrorHandler());
 }
 
-asio::awaitable<void> Studio::watchdogLoop(CaptureSource source, std::string generation) {
+// Ends the recording when the disk fills up or its source goes away. The agent's recording is
+// watched for as long as its connection lasts, the user's for as long as it runs.
+asio::awaitable<void> Studio::watchdogLoop(CaptureSource source, std::string generation,
+                                           std::string record) {
+    auto watched = [&] {
+        return lifecycle_.phase() == RecordingLifecycle::Phase::recording &&
+               lifecycle_.record() == record &&
+               (lifecycle_.manual() || connectionGeneration_ == generation);
+    };
     for (;;) {
         co_await sleepFor(env_.timing.watchInterval);
-        if (connectionGeneration_ != generation || !state_.recording) {
+        if (!watched()) {
             co_return;
         }
         auto measure = [volume = env_.volume, folder = env_.libraryFolder] {
             return volume->freeBytes(folder);
         };
         auto free = co_await offload(*env_.pool, std::move(measure));
-        if (connectionGeneration_ != generation || !state_.recording) {
+        if (!watched()) {
             co_return;
         }
         if (auto message = CaptureGuards::recordingBlocked(free)) {
-            co_await disconnect(*message);
+            co_await endRecording(record, *message);
             co_return;
         }
         ShareableContentSnapshot content;
@@ -156,7 +173,7 @@ asio::awaitable<void> Studio::watchdogLoop(CaptureSource source, std::string gen
             log("watch could not list sources: " + ErrorText::describe(error));
             continue;
         }
-        if (connectionGeneration_ != generation || !state_.recording) {
+        if (!watched()) {
             co_return;
         }
         std::vector<std::pair<std::uint32_t, bool>> windows;
@@ -170,7 +187,7 @@ asio::awaitable<void> Studio::watchdogLoop(CaptureSource source, std::string gen
         auto presence =
             CaptureGuards::presence(source.windowIDs, source.displayIDs, windows, displays);
         if (auto message = CaptureGuards::message(presence)) {
-            co_await disconnect(*message);
+            co_await endRecording(record, *message);
             co_return;
         }
     }

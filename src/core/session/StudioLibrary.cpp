@@ -54,26 +54,28 @@ asio::awaitable<void> Studio::applyRetention() {
     auto now = env_.nowMs() / 1000.0 - LocalCapture::kReferenceDateOffset;
     auto expired = CaptureJournal::expired(state_.recent, now, CaptureJournal::uploadedRetention);
     for (const auto& capture : expired) {
-        if (current_ && current_->id == capture.id) {
+        if ((current_ && current_->id == capture.id) || removing_.count(capture.id) != 0) {
             continue;
         }
+        removing_.insert(capture.id);
         std::exception_ptr failure;
         try {
             co_await moveToTrash(journal_.file(capture.id));
-            journal_.removeManifest(capture);
+            co_await removeRecord(capture);
             log("retention moved an uploaded copy to the trash");
         } catch (...) {
             failure = std::current_exception();
         }
+        removing_.erase(capture.id);
         if (failure) {
             // Never shown: the copy stays and the next launch tries again.
             log("retention skipped a copy: " + ErrorText::describe(failure));
         }
     }
     try {
-        reloadRecent();
-    } catch (const std::exception& e) {
-        log("library could not be reloaded: " + std::string(e.what()));
+        co_await reloadRecent();
+    } catch (...) {
+        log("library could not be reloaded: " + ErrorText::describe(std::current_exception()));
     }
 }
 
@@ -81,7 +83,7 @@ bool Studio::canManageLocal(const LocalCapture& capture) const {
     if (state_.busy || state_.uploading) {
         return false;
     }
-    if (current_ && current_->id == capture.id) {
+    if ((current_ && current_->id == capture.id) || removing_.count(capture.id) != 0) {
         return false;
     }
     return !managedElsewhere(capture.stage);
@@ -91,18 +93,20 @@ asio::awaitable<void> Studio::deleteLocal(LocalCapture capture) {
     if (!canManageLocal(capture)) {
         co_return;
     }
+    removing_.insert(capture.id);
     std::exception_ptr failure;
     try {
         co_await moveToTrash(journal_.file(capture.id));
-        journal_.removeManifest(capture);
-        reloadRecent();
+        co_await removeRecord(capture);
+        co_await reloadRecent();
     } catch (...) {
         failure = std::current_exception();
     }
+    removing_.erase(capture.id);
     if (failure) {
         setStatus("Could not remove the local copy. " + ErrorText::describe(failure));
         try {
-            reloadRecent();
+            co_await reloadRecent();
         } catch (...) {
         }
         co_return;
@@ -146,17 +150,26 @@ std::string Studio::supportBundle() const {
     return bundle.dump(2);  // nlohmann's objects keep their keys sorted
 }
 
-void Studio::copySupportBundle() {
+asio::awaitable<void> Studio::copySupportBundle() {
     if (env_.clipboard == nullptr) {
         setStatus("No clipboard is available on this computer.");
-        return;
+        co_return;
     }
+    // The clipboard is served by a thread of its own; a desktop that does not answer costs a
+    // bounded wait, never a hung model.
+    auto put = [clipboard = env_.clipboard, text = supportBundle()] { clipboard->setText(text); };
+    std::exception_ptr failure;
     try {
-        env_.clipboard->setText(supportBundle());
-    } catch (const std::exception& e) {
-        log(std::string("clipboard refused the support bundle: ") + e.what());
-        setStatus("Could not copy the support bundle. " + std::string(e.what()));
-        return;
+        co_await offloadTo(env_.pool->get_executor(), std::move(put), env_.timing.clipboardTimeout,
+                           "The clipboard did not answer.");
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (failure) {
+        auto reason = ErrorText::describe(failure);
+        log("clipboard refused the support bundle: " + reason);
+        setStatus("Could not copy the support bundle. " + reason);
+        co_return;
     }
     setStatus("Support bundle copied. It contains versions, capture IDs, stages and timings only.");
 }

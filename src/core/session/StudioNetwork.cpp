@@ -10,7 +10,14 @@ asio::awaitable<nlohmann::json> Studio::post(std::string path, nlohmann::json bo
     if (!endpoint_) {
         throw PavixError("Not connected");
     }
-    auto request = ServiceRequests::build(*endpoint_, token_, env_.appVersion, path, body,
+    co_return co_await sendTo(*endpoint_, token_, std::move(path), std::move(body),
+                              std::move(payload));
+}
+
+asio::awaitable<nlohmann::json> Studio::sendTo(Url endpoint, std::optional<std::string> token,
+                                               std::string path, nlohmann::json body,
+                                               ServiceRequests::Payload payload) {
+    auto request = ServiceRequests::build(endpoint, token, env_.appVersion, path, body,
                                           std::move(payload), env_.timing);
     auto response = co_await env_.http->send(std::move(request));
     if (response.status == 426) {

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <asio/this_coro.hpp>
+#include <utility>
 
 #include "core/net/Url.h"
 #include "core/runtime/Sleep.h"
@@ -54,11 +55,21 @@ void Studio::applySetupLink(const std::string& link) {
         setStatus("The setup link points to an unsupported server. Use an HTTPS Pavix server.");
         return;
     }
-    if (state_.recording || disconnecting_) {
+    if (lifecycle_.capturing()) {
         setStatus("Finish or stop the current recording before using a setup link.");
         return;
     }
     if (server != state_.server) {
+        if (state_.connected || token_) {
+            // The session with the old server ends first, so that nothing of it ever reaches
+            // the new one; then the link is followed as if it had just arrived.
+            auto follow = [](Studio* self, std::string link) -> asio::awaitable<void> {
+                co_await self->disconnect("Setup link received. Connecting…");
+                self->applySetupLink(link);
+            };
+            spawnDetached(follow(this, link));
+            return;
+        }
         setServer(server);
     }
     if (state_.paired && identity_) {
@@ -82,10 +93,15 @@ asio::awaitable<void> Studio::pair() {
         " connected=" + yesNo(state_.connected) +
         " selection=" + (state_.selection.empty() ? "none" : state_.selection) +
         " paired=" + yesNo(state_.paired) + " code=" + codeState);
-    if (state_.busy) {
+    if (!transition([](RecordingLifecycle& l) { return l.beginPairing(); })) {
         co_return;
     }
-    change([](StudioState& s) { s.busy = true; });
+    auto endPairing = [this] {
+        transition([](RecordingLifecycle& l) {
+            l.endPairing();
+            return true;
+        });
+    };
 
     std::optional<Url> validated;
     std::exception_ptr invalid;
@@ -98,16 +114,21 @@ asio::awaitable<void> Studio::pair() {
         auto error = invalid;
         log("pair failed: " + ErrorText::describe(error));
         diagnose("pair_failed", error);
-        setStatus(ErrorText::describe(error));
-        if (token_) {
-            // End the earlier session at its server before forgetting its token.
-            try {
-                co_await post("disconnect");
-            } catch (...) {
+        if (state_.connected) {
+            // The session of the earlier server ends there before its token is forgotten.
+            co_await disconnect(ErrorText::describe(error));
+        } else if (token_) {
+            auto token = std::exchange(token_, std::nullopt);
+            auto endpoint = std::exchange(endpoint_, std::nullopt);
+            if (endpoint) {
+                try {
+                    co_await sendTo(*endpoint, token, "disconnect");
+                } catch (...) {
+                }
             }
-            token_.reset();
         }
-        change([](StudioState& s) { s.busy = false; });
+        setStatus(ErrorText::describe(error));
+        endPairing();
         co_return;
     }
     endpoint_ = validated;
@@ -120,20 +141,26 @@ asio::awaitable<void> Studio::pair() {
     }
     if (failure) {
         auto error = failure;
+        if (ErrorText::isCancellation(error)) {
+            // Cancelled by the end of the session that asked for it: that end has the last word.
+            if (!state_.connected) {
+                token_.reset();
+            }
+            endPairing();
+            co_return;
+        }
         log("pair failed: " + ErrorText::describe(error));
         diagnose("pair_failed", error);
         setStatus(ErrorText::describe(error));
-        change([](StudioState& s) { s.busy = false; });
+        endPairing();
         co_return;
     }
 
     connectionGeneration_ = Uuid::make();
     auto generation = connectionGeneration_;
-    change([](StudioState& s) {
-        s.connected = true;
-        s.busy = false;
-    });
-    setStatus("Connected. Your agent can use the selected source once you approve a recording.");
+    change([](StudioState& s) { s.connected = true; });
+    endPairing();
+    setStatus("Computer paired. Select a source and approve a new recording.");
     scheduleRefresh(generation);
     loop_ = Task::spawn(env_.executor, poll(generation), taskErrorHandler());
 }
@@ -219,7 +246,6 @@ asio::awaitable<void> Studio::refreshLater(std::string generation, Timing::ms de
 }
 
 asio::awaitable<void> Studio::disconnect(std::string message) {
-    disconnecting_ = true;
     connectionGeneration_ = Uuid::make();
     loop_.cancel();
     timer_.cancel();
@@ -228,30 +254,26 @@ asio::awaitable<void> Studio::disconnect(std::string message) {
     refreshTask_.cancel();
     uploadTask_.cancel();
     retryTask_.cancel();
-    if (state_.uploading) {
-        manualTask_.cancel();  // a manual stop that is still recording finishes by itself
-    }
     // The caller may be one of the tasks just cancelled (the poll loop, the watchdog, the
     // limit timer); what follows must still finish the recording and reach the server.
     co_await asio::this_coro::reset_cancellation_state();
-    change([](StudioState& s) {
-        s.connected = false;
-        s.consent = false;
-    });
+    change([](StudioState& s) { s.connected = false; });
+    transition([](RecordingLifecycle& l) { return l.approve(false); });
     co_await closeRecording();
     setStatus(message);
-    if (!token_) {
+    // The session is over from here on: a pairing that starts meanwhile gets its own token.
+    auto token = std::exchange(token_, std::nullopt);
+    auto endpoint = std::exchange(endpoint_, std::nullopt);
+    if (!token || !endpoint) {
         log("disconnect skipped: no session token");
-    } else {
-        try {
-            co_await post("disconnect");
-            log("disconnect acknowledged by server");
-        } catch (...) {
-            log("disconnect not delivered: " + ErrorText::describe(std::current_exception()));
-        }
+        co_return;
     }
-    token_.reset();
-    disconnecting_ = false;
+    try {
+        co_await sendTo(*endpoint, token, "disconnect");
+        log("disconnect acknowledged by server");
+    } catch (...) {
+        log("disconnect not delivered: " + ErrorText::describe(std::current_exception()));
+    }
 }
 
 asio::awaitable<void> Studio::forgetDevice() {
@@ -283,19 +305,15 @@ asio::awaitable<void> Studio::discardSavedIdentity() {
 // expired. A server that cannot be reached does not keep the credential on this computer.
 asio::awaitable<void> Studio::revokeCredential() {
     try {
-        if (!endpoint_) {
-            endpoint_ = ServiceRequests::validatedEndpoint(state_.server);
+        auto endpoint = ServiceRequests::validatedEndpoint(state_.server);
+        auto identity = *identity_;
+        if (identity.accessExpiresAt <= env_.nowMs()) {
+            nlohmann::json body = {{"refreshToken", identity.refreshToken}};
+            auto reply = co_await sendTo(endpoint, identity.accessToken, "device/refresh", body);
+            identity = DeviceIdentity::fromJson(reply);
         }
-        token_ = identity_->accessToken;
-        if (identity_->accessExpiresAt <= env_.nowMs()) {
-            nlohmann::json body = {{"refreshToken", identity_->refreshToken}};
-            auto reply = co_await post("device/refresh", body);
-            auto refreshed = DeviceIdentity::fromJson(reply);
-            token_ = refreshed.accessToken;
-            identity_ = refreshed;
-        }
-        nlohmann::json revoke = {{"refreshToken", identity_->refreshToken}};
-        co_await post("device/revoke", revoke);
+        nlohmann::json revoke = {{"refreshToken", identity.refreshToken}};
+        co_await sendTo(endpoint, identity.accessToken, "device/revoke", revoke);
         log("device credential revoked by server");
     } catch (...) {
         log("revoke not delivered: " + ErrorText::describe(std::current_exception()));

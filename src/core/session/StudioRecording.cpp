@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <asio/this_coro.hpp>
 
 #include "core/capture/CaptureGuards.h"
 #include "core/runtime/Offload.h"
@@ -12,8 +13,13 @@
 namespace pavix {
 namespace {
 
+using Owner = RecordingLifecycle::Owner;
+
 constexpr const char* kLimitReached = "Recording limit reached. Saving and uploading.";
 constexpr const char* kAgentLimitReached = "Five-minute limit reached. Local capture saved.";
+constexpr const char* kSessionEnded =
+    "The recording session expired or was ended by your agent. Approve a new recording to "
+    "continue; local videos are preserved.";
 
 }  // namespace
 
@@ -53,56 +59,9 @@ LocalCapture Studio::newRecord(const std::string& id, const CaptureSource& sourc
     return record;
 }
 
-bool Studio::existsLocally(const std::string& id) const {
-    auto canonical = Uuid::upper(id);
-    std::error_code ignored;
-    if (std::filesystem::exists(journal_.file(canonical), ignored) ||
-        std::filesystem::exists(journal_.manifest(canonical), ignored)) {
-        return true;
-    }
-    return std::any_of(state_.recent.begin(), state_.recent.end(),
-                       [&](const LocalCapture& c) { return c.id == canonical; });
-}
-
-void Studio::reloadRecent() {
-    auto loaded = journal_.load();
-    change([&](StudioState& s) { s.recent = std::move(loaded); });
-}
-
-void Studio::stage(LocalCapture::Stage stage) {
-    if (!current_) {
-        return;
-    }
-    auto copy = *current_;
-    copy.stage = stage;
-    auto duration = capture_->durationMs();
-    copy.durationMs = duration > 0 ? std::optional<std::int64_t>(duration) : std::nullopt;
-    if (capture_->encoding()) {
-        copy.width = capture_->width();
-        copy.height = capture_->height();
-    }
-    if (capture_->region() && !capture_->layers().samples.empty()) {
-        copy.layers = capture_->layers();
-    }
-    journal_.save(copy);
-    current_ = copy;
-    reloadRecent();
-}
-
-// Records the stage change, or logs why it could not be written: a side-car that cannot be
-// written never stops a recording from being finished.
-void Studio::stageOrLog(LocalCapture::Stage next) {
-    try {
-        stage(next);
-    } catch (const std::exception& e) {
-        log(std::string("library record not updated to ") + LocalCapture::stageText(next) + ": " +
-            e.what());
-    }
-}
-
 // Starts the capture of `source` under the service's capture id: the guards, the record, the
 // capture. On failure the record (if one was made) is interrupted and the error thrown.
-asio::awaitable<void> Studio::beginRecording(const std::string& id, const CaptureSource& source) {
+asio::awaitable<void> Studio::beginRecording(std::string id, CaptureSource source) {
     auto measure = [volume = env_.volume, folder = env_.libraryFolder] {
         return volume->freeBytes(folder);
     };
@@ -110,35 +69,67 @@ asio::awaitable<void> Studio::beginRecording(const std::string& id, const Captur
     if (auto blocked = CaptureGuards::startBlocked(free, env_.libraryLabel)) {
         throw PavixError(*blocked);
     }
-    if (existsLocally(id)) {
+    if (co_await existsLocally(id)) {
         throw PavixError(Capture::existsMessage);
     }
     auto record = newRecord(id, source);
-    journal_.save(record);
+    co_await saveRecord(record);
     current_ = record;
     moments_ = nlohmann::json::array();
     windowReport_.reset();
-    reloadRecent();
+    stop_.reset();
     std::exception_ptr failure;
     try {
+        co_await reloadRecent();
         co_await capture_->start(source, journal_.file(record.id));
     } catch (...) {
         failure = std::current_exception();
     }
     if (failure) {
-        stageOrLog(LocalCapture::Stage::interrupted);
+        co_await asio::this_coro::reset_cancellation_state();
+        co_await stageOrLog(LocalCapture::Stage::interrupted);
         std::rethrow_exception(failure);
     }
     recordingStarted_ = std::chrono::steady_clock::now();
 }
 
+// The watchdog and the length limit of the recording that just started.
+void Studio::startTimers(const CaptureSource& source, Timing::ms limit) {
+    const auto record = lifecycle_.record();
+    watch(source, connectionGeneration_);
+    auto expire = [](Studio* self, Timing::ms limit, std::string record) -> asio::awaitable<void> {
+        co_await sleepFor(limit);
+        auto& l = self->lifecycle_;
+        if (l.phase() != RecordingLifecycle::Phase::recording || l.record() != record) {
+            co_return;
+        }
+        co_await self->endRecording(record, l.manual() ? kLimitReached : kAgentLimitReached);
+    };
+    log("recording limit " + std::to_string(limit.count()) + " ms");
+    timer_ = Task::spawn(env_.executor, expire(this, limit, record), taskErrorHandler());
+}
+
+asio::awaitable<void> Studio::endRecording(std::string record, std::string message) {
+    if (lifecycle_.phase() != RecordingLifecycle::Phase::recording ||
+        lifecycle_.record() != record) {
+        co_return;  // already stopping, or another recording by now
+    }
+    if (lifecycle_.manual()) {
+        co_await stopManual(message);
+    } else {
+        co_await disconnect(message);
+    }
+}
+
 asio::awaitable<void> Studio::recordNow() {
     auto source = selectedSource();
-    if (state_.busy || state_.connected || state_.recording || !state_.paired || !source) {
+    if (state_.connected || !state_.paired || !source) {
         co_return;
     }
-    setConsent(true);
-    change([](StudioState& s) { s.busy = true; });
+    if (!transition([](RecordingLifecycle& l) { return l.beginStart(Owner::user); })) {
+        co_return;
+    }
+    const auto generation = connectionGeneration_;
     std::exception_ptr failure;
     nlohmann::json begin;
     try {
@@ -160,20 +151,17 @@ asio::awaitable<void> Studio::recordNow() {
         failure = std::current_exception();
     }
     if (failure) {
-        diagnose("manual_start_failed", failure);
-        log("manual start failed: " + describe(failure));
-        setConsent(false);
-        change([](StudioState& s) { s.busy = false; });
-        setStatus(describe(failure));
+        transition([](RecordingLifecycle& l) { return l.startFailed(); });
+        if (!ErrorText::isCancellation(failure)) {
+            diagnose("manual_start_failed", failure);
+            log("manual start failed: " + describe(failure));
+            setStatus(describe(failure));
+        }
         co_return;
     }
-    change([&](StudioState& s) {
-        s.manual = true;
-        s.recordingSource = source->title;
-        s.recording = true;
-    });
+    transition([&](RecordingLifecycle& l) { return l.started(current_->id); });
+    change([&](StudioState& s) { s.recordingSource = source->title; });
     setStatus("Recording " + source->title + ". Press Stop when done.");
-    watch(*source, connectionGeneration_);
     // The service may name the length of this recording; five minutes otherwise.
     auto limit = env_.timing.userRecordingLimit;
     auto captureMs = begin.find("captureMs");
@@ -181,149 +169,123 @@ asio::awaitable<void> Studio::recordNow() {
         captureMs->get<std::int64_t>() > 0) {
         limit = Timing::ms(captureMs->get<std::int64_t>());
     }
-    log("recording limit " + std::to_string(limit.count()) + " ms");
-    timer_ = Task::spawn(env_.executor, recordingLimit(limit, current_->id), taskErrorHandler());
-    change([](StudioState& s) { s.busy = false; });
-}
-
-asio::awaitable<void> Studio::recordingLimit(Timing::ms limit, std::string id) {
-    co_await sleepFor(limit);
-    if (!state_.recording || !current_ || current_->id != id) {
-        co_return;
-    }
-    if (state_.manual) {
-        co_await stopManual(std::string(kLimitReached));
-    } else {
-        co_await disconnect(kAgentLimitReached);
+    startTimers(*source, limit);
+    if (connectionGeneration_ != generation) {
+        co_await closeRecording();  // the computer went to sleep or quit while it started
     }
 }
 
 asio::awaitable<void> Studio::stopManual(std::optional<std::string> message) {
-    if (!state_.manual || manualTask_.running()) {
-        co_return;
+    if (!lifecycle_.manual() || lifecycle_.phase() != RecordingLifecycle::Phase::recording) {
+        co_return;  // a stop is already under way, or nothing of the user's runs
     }
-    auto done = std::make_shared<SharedOutcome<bool>>(env_.executor);
-    manualTask_ =
-        Task::spawn(env_.executor, manualStop(std::move(message), done), taskErrorHandler());
-    co_await done->wait();
+    auto stop = stopRecording(message.value_or("Saving…"), true);
+    if (stop) {
+        co_await stop->done->wait();
+    }
 }
 
-asio::awaitable<void> Studio::manualStop(std::optional<std::string> message,
-                                         std::shared_ptr<SharedOutcome<bool>> done) {
-    // This task is neither the limit timer nor the watchdog, so cancelling them here cannot
-    // cancel the stop itself.
+std::optional<Studio::Stop> Studio::stopRecording(const std::string& message, bool handOver) {
+    if (!transition([](RecordingLifecycle& l) { return l.beginStop(); })) {
+        return std::nullopt;
+    }
     timer_.cancel();
     watchdog_.cancel();
-    setStatus(message.value_or("Saving…"));
-    change([](StudioState& s) { s.busy = true; });
+    if (!message.empty()) {
+        setStatus(message);
+    }
+    Stop stop{std::make_shared<SharedOutcome<bool>>(env_.executor),
+              std::make_shared<SharedOutcome<bool>>(env_.executor)};
+    stop_ = stop;
+    stopTask_ = Task::spawn(
+        env_.executor, finishRecording(lifecycle_.owner(), handOver, connectionGeneration_, stop),
+        taskErrorHandler());
+    return stop;
+}
+
+// Finishes the video and hands it over. Runs as a task of its own that nothing cancels, so a
+// session that ends meanwhile still gets a finished file; the upload follows only while the
+// session that asked for it lasts.
+asio::awaitable<void> Studio::finishRecording(Owner owner, bool handOver, std::string generation,
+                                              Stop stop) {
     std::exception_ptr failure;
     try {
         co_await finalize();
-        co_await handOver();
     } catch (...) {
         failure = std::current_exception();
     }
     if (failure) {
-        restageAfterFailedUpload();
-        setConsent(false);
-        if (!ErrorText::isCancellation(failure)) {
+        transition([](RecordingLifecycle& l) { return l.stopped(false); });
+        if (!handOver) {
+            log("recording could not be finished: " + describe(failure));
+        } else if (owner == Owner::user) {
             diagnose("manual_stop_failed", failure);
             setStatus("Upload did not finish. Local video saved; use Retry upload. " +
                       describe(failure));
+        } else {
+            setStatus(describe(failure));
         }
+        stop.finished->reject(failure);
+        stop.done->reject(failure);
+        co_return;
     }
-    change([](StudioState& s) {
-        s.manual = false;
-        s.recording = false;
-        s.uploading = false;
-        s.busy = false;
-    });
-    done->resolve(failure == nullptr);
+    const bool upload = handOver && connectionGeneration_ == generation;
+    transition([&](RecordingLifecycle& l) { return l.stopped(upload); });
+    stop.finished->resolve(true);
+    if (!upload) {
+        stop.done->resolve(true);
+        co_return;
+    }
+    uploadTask_ = Task::spawn(env_.executor, this->handOver(owner, stop.done), taskErrorHandler());
 }
 
 asio::awaitable<void> Studio::finalize() {
-    stageOrLog(LocalCapture::Stage::finalizing);
+    co_await stageOrLog(LocalCapture::Stage::finalizing);
     std::filesystem::path file;
     std::exception_ptr failure;
-    finalizing_ = true;
     try {
         file = co_await capture_->stop();
     } catch (...) {
         failure = std::current_exception();
     }
-    finalizing_ = false;
     if (failure) {
-        change([](StudioState& s) { s.recording = false; });
-        setConsent(false);
-        stageOrLog(LocalCapture::Stage::interrupted);
+        co_await stageOrLog(LocalCapture::Stage::interrupted);
         std::rethrow_exception(failure);
     }
-    change([&](StudioState& s) {
-        s.recording = false;
-        s.saved = file;
-    });
-    setConsent(false);
-    stage(LocalCapture::Stage::saved);
-}
-
-// A record whose upload failed goes back to saved; one whose recording never finished is
-// interrupted. The video stays either way.
-void Studio::restageAfterFailedUpload() {
-    if (!current_) {
-        return;
-    }
-    switch (current_->stage) {
-        case LocalCapture::Stage::uploading:
-            stageOrLog(LocalCapture::Stage::saved);
-            break;
-        case LocalCapture::Stage::recording:
-        case LocalCapture::Stage::finalizing:
-            stageOrLog(LocalCapture::Stage::interrupted);
-            break;
-        default:
-            break;
-    }
+    change([&](StudioState& s) { s.saved = file; });
+    co_await stageOrLog(LocalCapture::Stage::saved);
 }
 
 // What ending a session does to an open recording: a running capture is finished (the record
-// saved, or interrupted when the file cannot be completed). A stop already under way finishes
-// by itself.
+// saved, or interrupted when the file cannot be completed) and kept, not uploaded. A stop
+// already under way finishes by itself.
 asio::awaitable<void> Studio::closeRecording() {
-    if (!state_.recording || manualTask_.running() || !capture_->running()) {
-        co_return;
+    auto stop = stopRecording("", false);
+    if (stop) {
+        try {
+            co_await stop->finished->wait();
+        } catch (...) {
+            // logged by the stop
+        }
     }
-    std::exception_ptr failure;
-    try {
-        co_await finalize();
-    } catch (...) {
-        failure = std::current_exception();
-    }
-    if (failure) {
-        log("recording could not be finished: " + ErrorText::describe(failure));
-    }
-    change([](StudioState& s) { s.manual = false; });
 }
 
 void Studio::captureFailed(const std::string& message) {
-    if (!state_.recording || finalizing_ || manualTask_.running()) {
-        return;
+    if (lifecycle_.phase() != RecordingLifecycle::Phase::recording) {
+        return;  // a failure while the capture is being stopped is the stop's to report
     }
     log("capture ended by itself: " + message);
-    if (state_.manual) {
-        spawnDetached(stopManual(message));
-    } else {
-        spawnDetached(disconnect(message));
-    }
+    spawnDetached(endRecording(lifecycle_.record(), message));
 }
 
 // --- the agent's recording methods
 
-asio::awaitable<nlohmann::json> Studio::startRecordingCommand(const nlohmann::json& args) {
+asio::awaitable<nlohmann::json> Studio::startRecordingCommand(nlohmann::json args) {
     auto named = CommandEnvelope::namedArguments(args);
-    if (state_.recording || capture_->running()) {
+    if (lifecycle_.capturing()) {
         throw PavixError("Stop the current recording first.");
     }
-    if (uploadRunning() || state_.uploading) {
+    if (lifecycle_.uploading()) {
         throw PavixError(
             "The last recording is still uploading. Start the next one when it is done.");
     }
@@ -339,6 +301,9 @@ asio::awaitable<nlohmann::json> Studio::startRecordingCommand(const nlohmann::js
     if (!source) {
         throw PavixError("Choose a window or display first.");
     }
+    if (!transition([](RecordingLifecycle& l) { return l.beginStart(Owner::agent); })) {
+        throw PavixError("Stop the current recording first.");
+    }
     auto generation = connectionGeneration_;
     std::exception_ptr failure;
     try {
@@ -347,24 +312,24 @@ asio::awaitable<nlohmann::json> Studio::startRecordingCommand(const nlohmann::js
         failure = std::current_exception();
     }
     if (failure) {
-        setConsent(false);
-        setStatus(describe(failure));
+        transition([](RecordingLifecycle& l) { return l.startFailed(); });
+        if (!ErrorText::isCancellation(failure)) {
+            setStatus(describe(failure));
+        }
         std::rethrow_exception(failure);
     }
-    change([&](StudioState& s) {
-        s.manual = false;
-        s.recordingSource = source->title;
-        s.recording = true;
-    });
-    setStatus("Recording " + source->title + " for your agent.");
+    transition([&](RecordingLifecycle& l) { return l.started(current_->id); });
+    change([&](StudioState& s) { s.recordingSource = source->title; });
+    setStatus("Recording " + source->title + ". Press Stop when done.");
     auto preset = named.find("windowSize");
     if (preset != named.end() && preset->is_string() && !preset->get<std::string>().empty()) {
         windowReport_ = windowPreset(preset->get<std::string>(), *source);
     }
-    watch(*source, generation);
-    timer_ =
-        Task::spawn(env_.executor, recordingLimit(env_.timing.agentRecordingLimit, current_->id),
-                    taskErrorHandler());
+    startTimers(*source, env_.timing.agentRecordingLimit);
+    if (connectionGeneration_ != generation) {
+        co_await closeRecording();  // the session ended while the capture started
+        throw PavixError(kSessionEnded);
+    }
     co_return nlohmann::json{{"captureId", Uuid::lower(current_->id)},
                              {"source", {{"id", source->id}, {"title", source->title}}},
                              {"width", capture_->width()},
@@ -390,33 +355,24 @@ asio::awaitable<nlohmann::json> Studio::stopRecordingCommand() {
                             {"captureId", ""},
                             {"contentType", "video/mp4"},
                             {"redactionPassed", false}};
-    if (!state_.recording) {
+    if (lifecycle_.phase() != RecordingLifecycle::Phase::recording &&
+        lifecycle_.phase() != RecordingLifecycle::Phase::stopping) {
         co_return value;
     }
-    auto id = current_ ? Uuid::lower(current_->id) : std::string();
-    if (state_.manual) {
+    auto id = Uuid::lower(lifecycle_.record());
+    if (lifecycle_.manual()) {
         co_await stopManual();
         value["captureId"] = id;
         co_return value;
     }
-    timer_.cancel();
-    watchdog_.cancel();
-    setStatus("Saving…");
-    std::exception_ptr failure;
-    try {
-        co_await finalize();
-    } catch (...) {
-        failure = std::current_exception();
-    }
-    if (failure) {
-        setStatus(describe(failure));
-        std::rethrow_exception(failure);
+    // The agent's reply waits for the finished video, not for its upload.
+    auto stop = lifecycle_.phase() == RecordingLifecycle::Phase::recording
+                    ? stopRecording("Saving…", true)
+                    : stop_;
+    if (stop) {
+        co_await stop->finished->wait();
     }
     value["captureId"] = id;
-    setStatus("Saved. Uploading for your agent…");
-    change([](StudioState& s) { s.uploading = true; });
-    uploadDone_ = std::make_shared<SharedOutcome<bool>>(env_.executor);
-    uploadTask_ = Task::spawn(env_.executor, agentHandOver(), taskErrorHandler());
     co_return value;
 }
 
@@ -447,16 +403,19 @@ asio::awaitable<nlohmann::json> Studio::disposeCommand() {
         throw PavixError("Desktop preview supports capture only.");
     }
     auto id = current_ ? Uuid::lower(current_->id) : std::string();
-    if (state_.recording && !manualTask_.running()) {
-        timer_.cancel();
-        watchdog_.cancel();
-        co_await finalize();
+    // The video is finished and kept; an upload under way finishes before the session ends.
+    co_await closeRecording();
+    if (stop_ && !stop_->done->done()) {
+        auto done = stop_->done;
+        try {
+            co_await done->wait();
+        } catch (...) {
+            auto error = std::current_exception();
+            if (ErrorText::isCancellation(error) && !done->done()) {
+                throw;
+            }
+        }
     }
-    // Ending the session would cancel an upload under way: it finishes first.
-    if (uploadTask_.running() && uploadDone_) {
-        co_await uploadDone_->wait();
-    }
-    endAfterReply_ = "Your agent ended the session. Local videos remain on this computer.";
     co_return nlohmann::json{{"disposed", true}, {"captureId", id}};
 }
 

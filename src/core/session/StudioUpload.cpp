@@ -9,13 +9,6 @@
 #include "core/session/PavixError.h"
 #include "core/session/Studio.h"
 
-// GCC 12 reports a mismatched operator delete for the frames of coroutines awaited in a loop
-// (GCC bug 109224, fixed in GCC 13): Asio's awaitable frames are allocated and freed by the same
-// promise operators. The warning is silenced for this file only.
-#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ < 13
-#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
-#endif
-
 namespace pavix {
 namespace {
 
@@ -95,48 +88,64 @@ asio::awaitable<std::int64_t> Studio::sendPiece(std::string base, std::filesyste
     co_return *next;
 }
 
-// The hand-over of a finished recording: upload, publish, uploaded. Throws; the caller puts
-// the record back.
-asio::awaitable<void> Studio::handOver() {
-    if (!identity_ || !current_) {
-        throw PavixError("Capture identity unavailable");
-    }
-    stage(LocalCapture::Stage::uploading);
-    change([](StudioState& s) { s.uploading = true; });
-    setStatus("Uploading. Local video saved.");
-    auto record = *current_;
-    co_await upload(record, journal_.file(record.id));
-    throwIfCancelled(co_await asio::this_coro::cancellation_state);
-    const std::string publishPath = "desktop-upload/" + Uuid::lower(record.id) + "/publish";
-    co_await post(publishPath);
-    stage(LocalCapture::Stage::uploaded);
-    setStatus("Uploaded. Ask your agent to render it, or open your Pavix library.");
-}
-
-asio::awaitable<void> Studio::agentHandOver() {
-    auto done = uploadDone_;
+// The hand-over of a finished recording: upload, publish, uploaded. A failure puts the record
+// back to saved and says so; the lifecycle returns to idle on every path.
+asio::awaitable<void> Studio::handOver(RecordingLifecycle::Owner owner,
+                                       std::shared_ptr<SharedOutcome<bool>> done) {
     std::exception_ptr failure;
     try {
-        co_await handOver();
+        if (!identity_ || !current_ || current_->id != lifecycle_.record()) {
+            throw PavixError("Capture identity unavailable");
+        }
+        co_await stage(LocalCapture::Stage::uploading);
+        setStatus("Uploading. Local video saved.");
+        auto record = *current_;
+        co_await upload(record, journal_.file(record.id));
+        throwIfCancelled(co_await asio::this_coro::cancellation_state);
+        const std::string publishPath = "desktop-upload/" + Uuid::lower(record.id) + "/publish";
+        co_await post(publishPath);
+        co_await stage(LocalCapture::Stage::uploaded);
+        setStatus("Uploaded. Ask your agent to render it, or open your Pavix library.");
     } catch (...) {
         failure = std::current_exception();
     }
     if (failure) {
-        restageAfterFailedUpload();
+        // A cancelled upload (the session ended) still puts its record back.
+        co_await asio::this_coro::reset_cancellation_state();
+        co_await restageAfterFailedUpload();
         if (!ErrorText::isCancellation(failure)) {
-            diagnose("agent_upload_failed", failure);
+            diagnose(owner == RecordingLifecycle::Owner::user ? "manual_stop_failed"
+                                                              : "agent_upload_failed",
+                     failure);
             setStatus("Upload did not finish. Local video saved; use Retry upload. " +
                       describe(failure));
         }
     }
-    change([](StudioState& s) { s.uploading = false; });
-    if (done) {
-        done->resolve(failure == nullptr);
+    transition([](RecordingLifecycle& l) { return l.uploadEnded(); });
+    done->resolve(failure == nullptr);
+}
+
+// A record whose upload failed goes back to saved; one whose recording never finished is
+// interrupted. The video stays either way.
+asio::awaitable<void> Studio::restageAfterFailedUpload() {
+    if (!current_) {
+        co_return;
+    }
+    switch (current_->stage) {
+        case LocalCapture::Stage::uploading:
+            co_await stageOrLog(LocalCapture::Stage::saved);
+            break;
+        case LocalCapture::Stage::recording:
+        case LocalCapture::Stage::finalizing:
+            co_await stageOrLog(LocalCapture::Stage::interrupted);
+            break;
+        default:
+            break;
     }
 }
 
 bool Studio::canRetry(const LocalCapture& capture) const {
-    if (state_.busy || state_.connected || state_.recording) {
+    if (state_.busy || state_.connected || state_.recording || removing_.count(capture.id) != 0) {
         return false;
     }
     std::optional<std::string> device;
@@ -150,10 +159,9 @@ void Studio::retryUpload(const LocalCapture& capture) {
     if (!canRetry(capture)) {
         return;
     }
-    change([](StudioState& s) {
-        s.busy = true;
-        s.uploading = true;
-    });
+    if (!transition([&](RecordingLifecycle& l) { return l.beginRetry(capture.id); })) {
+        return;
+    }
     retryTask_ = Task::spawn(env_.executor, retry(capture), taskErrorHandler());
 }
 
@@ -177,27 +185,28 @@ asio::awaitable<void> Studio::retry(LocalCapture capture) {
             throw PavixError("Local capture is incomplete. Keep the file for recovery.");
         }
         capture.stage = LocalCapture::Stage::uploading;
-        journal_.save(capture);
-        reloadRecent();
+        co_await saveRecord(capture);
+        co_await reloadRecent();
         co_await upload(capture, file);
         throwIfCancelled(co_await asio::this_coro::cancellation_state);
         const std::string publishPath = "desktop-upload/" + Uuid::lower(capture.id) + "/publish";
         co_await post(publishPath);
         capture.stage = LocalCapture::Stage::uploaded;
-        journal_.save(capture);
-        reloadRecent();
+        co_await saveRecord(capture);
+        co_await reloadRecent();
         setStatus("Capture recovered. Ask your agent to render and export.");
     } catch (...) {
         failure = std::current_exception();
     }
     if (failure) {
+        co_await asio::this_coro::reset_cancellation_state();
         capture.stage = LocalCapture::Stage::saved;
         try {
-            journal_.save(capture);
+            co_await saveRecord(capture);
         } catch (...) {
         }
         try {
-            reloadRecent();
+            co_await reloadRecent();
         } catch (...) {
         }
         if (!ErrorText::isCancellation(failure)) {
@@ -205,10 +214,7 @@ asio::awaitable<void> Studio::retry(LocalCapture capture) {
             setStatus("Upload did not finish. Local video saved. " + describe(failure));
         }
     }
-    change([](StudioState& s) {
-        s.busy = false;
-        s.uploading = false;
-    });
+    transition([](RecordingLifecycle& l) { return l.uploadEnded(); });
 }
 
 asio::awaitable<void> Studio::cancelUpload() {
