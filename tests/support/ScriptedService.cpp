@@ -26,6 +26,11 @@ ScriptedService::ScriptedService(TestServer& server) : server_(server) {
     }
     server_.on(path("poll"), [this, json](const httplib::Request&, httplib::Response& response) {
         std::unique_lock lock(mutex_);
+        if (failingPolls_ > 0) {
+            --failingPolls_;
+            json(response, {{"error", "unavailable"}}, pollStatus_);
+            return;
+        }
         changed_.wait_for(lock, pollHold, [this] { return !queued_.empty() || stopping_; });
         if (queued_.empty()) {
             json(response, nlohmann::json::object());
@@ -53,6 +58,12 @@ nlohmann::json ScriptedService::credential(const std::string& deviceId) {
              {"refreshToken", "refresh-" + std::to_string(serial_)},
              {"refreshExpiresAt", accessExpiresAt + 86'400'000.0}};
     return last_;
+}
+
+void ScriptedService::failPolls(int count, int status) {
+    std::lock_guard lock(mutex_);
+    failingPolls_ = count;
+    pollStatus_ = status;
 }
 
 nlohmann::json ScriptedService::lastCredential() const {

@@ -27,6 +27,8 @@ class ScriptedService {
     std::map<std::string, nlohmann::json> results() const;
     std::optional<nlohmann::json> result(const std::string& id) const;
 
+    // The next `count` polls answer `status` at once, with no command.
+    void failPolls(int count, int status);
     // The credential handed out by the last pair or refresh.
     nlohmann::json lastCredential() const;
     // Expiry of the access tokens handed out, milliseconds since 1970.
@@ -44,6 +46,8 @@ class ScriptedService {
     std::map<std::string, nlohmann::json> results_;
     nlohmann::json last_;
     int serial_ = 0;
+    int failingPolls_ = 0;
+    int pollStatus_ = 502;
     bool stopping_ = false;
 };
 

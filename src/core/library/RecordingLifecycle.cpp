@@ -39,6 +39,14 @@ bool RecordingLifecycle::beginPairing() {
     return true;
 }
 
+bool RecordingLifecycle::beginForgetting() {
+    if (pairing_) {
+        return false;
+    }
+    pairing_ = true;
+    return true;
+}
+
 bool RecordingLifecycle::beginStart(Owner owner) {
     if (phase_ != Phase::idle) {
         return false;

@@ -57,6 +57,8 @@ class RecordingLifecycle {
     // (it would be cleared at its end). Withdrawing is always allowed.
     bool approve(bool on);
     bool beginPairing();
+    // Forgetting the device is a pairing step too, but nothing the user records holds it back.
+    bool beginForgetting();
     void endPairing() { pairing_ = false; }
     // From idle only. The agent needs the user's approval; the user's start gives it. The
     // user's start also waits for a pairing step to end.

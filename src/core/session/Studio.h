@@ -200,6 +200,14 @@ class Studio {
     LocalCapture newRecord(const std::string& id, const CaptureSource& source) const;
     asio::awaitable<bool> existsLocally(std::string id);
     asio::awaitable<void> beginRecording(std::string id, CaptureSource source);
+    // Starts the capture as a task of its own that nothing cancels: a capture is never left
+    // half started. A session that ended meanwhile gets the recording closed at once.
+    asio::awaitable<void> startCapture(RecordingLifecycle::Owner owner, std::string id,
+                                       CaptureSource source, std::string generation,
+                                       Timing::ms limit, std::shared_ptr<SharedOutcome<bool>> done);
+    asio::awaitable<void> runStart(RecordingLifecycle::Owner owner, std::string id,
+                                   CaptureSource source, Timing::ms limit);
+    void startFailed(RecordingLifecycle::Owner owner, std::exception_ptr failure);
     void startTimers(const CaptureSource& source, Timing::ms limit);
     asio::awaitable<void> finalize();
     // Starts the stop of the running recording (the capture finished, then the upload when
@@ -259,6 +267,7 @@ class Studio {
     Task watchdog_;
     Task timer_;
     Task retryTask_;
+    Task startTask_;   // starts the capture; never cancelled by the session's end
     Task stopTask_;    // finishes the video; never cancelled by the session's end
     Task uploadTask_;  // the upload that follows a stop
     std::vector<Task> detached_;

@@ -133,11 +133,26 @@ asio::awaitable<void> Studio::pair() {
     }
     endpoint_ = validated;
 
+    const auto generation = connectionGeneration_;
     std::exception_ptr failure;
     try {
         co_await connect();
     } catch (...) {
         failure = std::current_exception();
+    }
+    if (!failure && connectionGeneration_ != generation) {
+        // The computer went to sleep or the session was ended while this one was being made:
+        // it ends at the server too, and the status stays what that end said.
+        log("pair abandoned: the session ended meanwhile");
+        auto token = std::exchange(token_, std::nullopt);
+        if (token && endpoint_) {
+            try {
+                co_await sendTo(*endpoint_, token, "disconnect");
+            } catch (...) {
+            }
+        }
+        endPairing();
+        co_return;
     }
     if (failure) {
         auto error = failure;
@@ -157,12 +172,11 @@ asio::awaitable<void> Studio::pair() {
     }
 
     connectionGeneration_ = Uuid::make();
-    auto generation = connectionGeneration_;
     change([](StudioState& s) { s.connected = true; });
     endPairing();
     setStatus("Computer paired. Select a source and approve a new recording.");
-    scheduleRefresh(generation);
-    loop_ = Task::spawn(env_.executor, poll(generation), taskErrorHandler());
+    scheduleRefresh(connectionGeneration_);
+    loop_ = Task::spawn(env_.executor, poll(connectionGeneration_), taskErrorHandler());
 }
 
 // Resumes with the saved credential, or pairs with the code. Throws on failure.
@@ -278,11 +292,19 @@ asio::awaitable<void> Studio::disconnect(std::string message) {
 
 asio::awaitable<void> Studio::forgetDevice() {
     const std::string message = "Disconnected. Local videos remain on this computer.";
+    // No pairing may run beside it: one that finished later would bring the credential back.
+    while (!transition([](RecordingLifecycle& l) { return l.beginForgetting(); })) {
+        co_await lifecycleChanged_.wait();
+    }
     co_await disconnect(message);
     if (identity_) {
         co_await revokeCredential();
     }
     co_await discardSavedIdentity();
+    transition([](RecordingLifecycle& l) {
+        l.endPairing();
+        return true;
+    });
     setStatus(message);
 }
 

@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <asio/this_coro.hpp>
+#include <utility>
 
 #include "core/capture/CaptureGuards.h"
 #include "core/runtime/Offload.h"
@@ -72,9 +73,19 @@ asio::awaitable<void> Studio::beginRecording(std::string id, CaptureSource sourc
     if (co_await existsLocally(id)) {
         throw PavixError(Capture::existsMessage);
     }
+    // The record is the current one from the moment it can be on disk.
     auto record = newRecord(id, source);
-    co_await saveRecord(record);
-    current_ = record;
+    auto previous = std::exchange(current_, record);
+    std::exception_ptr unsaved;
+    try {
+        co_await saveRecord(record);
+    } catch (...) {
+        unsaved = std::current_exception();
+    }
+    if (unsaved) {
+        current_ = previous;
+        std::rethrow_exception(unsaved);
+    }
     moments_ = nlohmann::json::array();
     windowReport_.reset();
     stop_.reset();
@@ -129,9 +140,9 @@ asio::awaitable<void> Studio::recordNow() {
     if (!transition([](RecordingLifecycle& l) { return l.beginStart(Owner::user); })) {
         co_return;
     }
-    const auto generation = connectionGeneration_;
     std::exception_ptr failure;
     nlohmann::json begin;
+    std::string id;
     try {
         endpoint_ = ServiceRequests::validatedEndpoint(state_.server);
         if (!identity_) {
@@ -142,26 +153,19 @@ asio::awaitable<void> Studio::recordNow() {
         co_await remember(reply);
         nlohmann::json request = {{"requestId", Uuid::make()}};
         begin = co_await post("desktop-recording/begin", request);
-        auto id = begin.find("id");
-        if (id == begin.end() || !id->is_string() || !Uuid::isValid(id->get<std::string>())) {
+        auto issued = begin.find("id");
+        if (issued == begin.end() || !issued->is_string() ||
+            !Uuid::isValid(issued->get<std::string>())) {
             throw PavixError("Invalid capture response");
         }
-        co_await beginRecording(id->get<std::string>(), *source);
+        id = issued->get<std::string>();
     } catch (...) {
         failure = std::current_exception();
     }
     if (failure) {
-        transition([](RecordingLifecycle& l) { return l.startFailed(); });
-        if (!ErrorText::isCancellation(failure)) {
-            diagnose("manual_start_failed", failure);
-            log("manual start failed: " + describe(failure));
-            setStatus(describe(failure));
-        }
+        startFailed(Owner::user, failure);
         co_return;
     }
-    transition([&](RecordingLifecycle& l) { return l.started(current_->id); });
-    change([&](StudioState& s) { s.recordingSource = source->title; });
-    setStatus("Recording " + source->title + ". Press Stop when done.");
     // The service may name the length of this recording; five minutes otherwise.
     auto limit = env_.timing.userRecordingLimit;
     auto captureMs = begin.find("captureMs");
@@ -169,10 +173,60 @@ asio::awaitable<void> Studio::recordNow() {
         captureMs->get<std::int64_t>() > 0) {
         limit = Timing::ms(captureMs->get<std::int64_t>());
     }
-    startTimers(*source, limit);
-    if (connectionGeneration_ != generation) {
-        co_await closeRecording();  // the computer went to sleep or quit while it started
+    try {
+        co_await runStart(Owner::user, id, *source, limit);
+    } catch (...) {
+        // reported by the start
     }
+}
+
+asio::awaitable<void> Studio::runStart(Owner owner, std::string id, CaptureSource source,
+                                       Timing::ms limit) {
+    auto done = std::make_shared<SharedOutcome<bool>>(env_.executor);
+    startTask_ = Task::spawn(
+        env_.executor,
+        startCapture(owner, std::move(id), std::move(source), connectionGeneration_, limit, done),
+        taskErrorHandler());
+    co_await done->wait();
+}
+
+asio::awaitable<void> Studio::startCapture(Owner owner, std::string id, CaptureSource source,
+                                           std::string generation, Timing::ms limit,
+                                           std::shared_ptr<SharedOutcome<bool>> done) {
+    std::exception_ptr failure;
+    try {
+        co_await beginRecording(id, source);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (failure) {
+        startFailed(owner, failure);
+        done->reject(failure);
+        co_return;
+    }
+    transition([&](RecordingLifecycle& l) { return l.started(current_->id); });
+    change([&](StudioState& s) { s.recordingSource = source.title; });
+    setStatus("Recording " + source.title + ". Press Stop when done.");
+    startTimers(source, limit);
+    if (connectionGeneration_ != generation) {
+        // The computer went to sleep or the session ended while the capture started.
+        co_await closeRecording();
+        done->reject(std::make_exception_ptr(PavixError(kSessionEnded)));
+        co_return;
+    }
+    done->resolve(true);
+}
+
+void Studio::startFailed(Owner owner, std::exception_ptr failure) {
+    transition([](RecordingLifecycle& l) { return l.startFailed(); });
+    if (ErrorText::isCancellation(failure)) {
+        return;
+    }
+    if (owner == Owner::user) {
+        diagnose("manual_start_failed", failure);
+        log("manual start failed: " + describe(failure));
+    }
+    setStatus(describe(failure));
 }
 
 asio::awaitable<void> Studio::stopManual(std::optional<std::string> message) {
@@ -304,31 +358,11 @@ asio::awaitable<nlohmann::json> Studio::startRecordingCommand(nlohmann::json arg
     if (!transition([](RecordingLifecycle& l) { return l.beginStart(Owner::agent); })) {
         throw PavixError("Stop the current recording first.");
     }
-    auto generation = connectionGeneration_;
-    std::exception_ptr failure;
-    try {
-        co_await beginRecording(captureId->get<std::string>(), *source);
-    } catch (...) {
-        failure = std::current_exception();
-    }
-    if (failure) {
-        transition([](RecordingLifecycle& l) { return l.startFailed(); });
-        if (!ErrorText::isCancellation(failure)) {
-            setStatus(describe(failure));
-        }
-        std::rethrow_exception(failure);
-    }
-    transition([&](RecordingLifecycle& l) { return l.started(current_->id); });
-    change([&](StudioState& s) { s.recordingSource = source->title; });
-    setStatus("Recording " + source->title + ". Press Stop when done.");
+    co_await runStart(Owner::agent, captureId->get<std::string>(), *source,
+                      env_.timing.agentRecordingLimit);
     auto preset = named.find("windowSize");
     if (preset != named.end() && preset->is_string() && !preset->get<std::string>().empty()) {
         windowReport_ = windowPreset(preset->get<std::string>(), *source);
-    }
-    startTimers(*source, env_.timing.agentRecordingLimit);
-    if (connectionGeneration_ != generation) {
-        co_await closeRecording();  // the session ended while the capture started
-        throw PavixError(kSessionEnded);
     }
     co_return nlohmann::json{{"captureId", Uuid::lower(current_->id)},
                              {"source", {{"id", source->id}, {"title", source->title}}},
