@@ -1,0 +1,282 @@
+// Interleavings that once went wrong, each pinned down on its own: an upload beside a
+// recording, a pairing cancelled by the session's end, a source that vanishes under the
+// user's recording, a session that ends for one server while a link names another, and a
+// connection the service drops without answering.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <asio/co_spawn.hpp>
+#include <asio/detached.hpp>
+#include <future>
+#include <iostream>
+
+#include "core/capture/CaptureError.h"
+#include "core/net/TransportError.h"
+#include "core/runtime/Offload.h"
+#include "core/runtime/Uuid.h"
+#include "core/session/PavixError.h"
+#include "support/FakeCapturePlatform.h"
+#include "support/ScriptedUploads.h"
+#include "support/StudioHarness.h"
+
+namespace pavix::test {
+namespace {
+
+using nlohmann::json;
+using Stage = LocalCapture::Stage;
+using std::chrono::milliseconds;
+
+ShareableContentSnapshot desktop(bool withWindow = true) {
+    ShareableContentSnapshot snapshot;
+    if (withWindow) {
+        ShareableWindow editor;
+        editor.id = 4242;
+        editor.pid = 99;
+        editor.title = "notes.txt";
+        editor.appName = "Text Editor";
+        editor.width = 800;
+        editor.height = 600;
+        editor.onScreen = true;
+        snapshot.windows = {editor};
+    }
+    snapshot.displays = {{77, 0, 0, 1920, 1080}};
+    return snapshot;
+}
+
+Timing regressionTiming() {
+    auto timing = fastTiming();
+    timing.firstFramePoll = milliseconds(1);
+    timing.watchInterval = milliseconds(20);
+    return timing;
+}
+
+// Closes the connection a request came on without a byte of reply, as a service or a proxy
+// does when it drops a kept-alive connection: the socket is found by its two ports.
+void dropConnection(const httplib::Request& request) {
+    for (int fd = 3; fd < 1024; ++fd) {
+        sockaddr_storage peer{};
+        socklen_t length = sizeof peer;
+        if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &length) != 0 ||
+            peer.ss_family != AF_INET) {
+            continue;
+        }
+        if (ntohs(reinterpret_cast<sockaddr_in*>(&peer)->sin_port) == request.remote_port) {
+            linger hard{1, 0};
+            setsockopt(fd, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+            shutdown(fd, SHUT_RDWR);
+            return;
+        }
+    }
+}
+
+class Regression : public ::testing::Test {
+  protected:
+    Regression() : h(regressionTiming(), capture.platform()) {
+        h.content.set(desktop());
+        h.await(h.studio().refreshSources());
+        h.studio().selectSource("window-4242");
+    }
+    void TearDown() override {
+        if (HasFailure()) {
+            for (const auto& line : h.log.lines()) {
+                std::cerr << "  log: " << line << "\n";
+            }
+        }
+    }
+    json call(const std::string& method, json args = json::array()) {
+        auto id = h.service.queueCommand(method, std::move(args));
+        if (!h.runUntil([&] { return h.service.result(id).has_value(); })) {
+            throw std::runtime_error("no reply to " + method);
+        }
+        return *h.service.result(id);
+    }
+    std::string path(const std::string& name) { return ScriptedService::path(name); }
+
+    testing::FakeCaptureParts capture;
+    StudioHarness h;
+    ScriptedUploads uploads{h.server};
+};
+
+TEST_F(Regression, TheAgentsUploadIsBusyAndARecordingCannotStartBesideIt) {
+    h.pairWithCode();
+    auto id = Uuid::make();
+    uploads.expect(id);
+    // Every upload waits at its begin until the test lets it go.
+    std::promise<void> release;
+    auto released = release.get_future().share();
+    uploads.onBegin([released] { released.wait(); });
+    h.studio().setConsent(true);
+    ASSERT_TRUE(call("startRecording", json::array({{{"captureId", id}}})).contains("value"));
+    ASSERT_TRUE(call("stopRecording").contains("value"));
+    ASSERT_TRUE(h.runUntil([&] { return h.studio().current()->stage == Stage::uploading; }));
+    const auto& state = h.studio().state();
+    EXPECT_TRUE(state.busy && state.uploading && !state.recording);
+
+    // The connection blips: the reconnect pairs again beside the upload, while neither the
+    // user's recording nor a retry may start.
+    h.service.failPolls(1, 502);
+    ASSERT_TRUE(h.runUntil([&] { return !state.connected; }));
+    h.await(h.studio().recordNow());
+    EXPECT_EQ(capture.streams->starts, 1);
+    EXPECT_FALSE(h.studio().canRetry(h.studio().state().recent[0]));
+    ASSERT_TRUE(h.runUntil([&] { return state.connected; }));
+    EXPECT_EQ(h.studio().shareBlocker(), std::nullopt);
+
+    release.set_value();
+    ASSERT_TRUE(h.runUntil([&] { return !state.uploading; }));
+    EXPECT_EQ(h.studio().current()->stage, Stage::uploaded);
+    EXPECT_FALSE(state.busy);
+    EXPECT_TRUE(uploads.upload(id)->published);
+}
+
+TEST_F(Regression, ADisconnectThatCancelsAPendingPairingKeepsItsOwnSentence) {
+    h.pairWithCode();
+    h.studio().setDiagnosticsOptIn(true);
+    // The reconnect's resume is slow to answer; the disconnect comes first.
+    std::atomic<bool> resuming{false};
+    h.server.on(path("device/resume"), [&](const httplib::Request&, httplib::Response& response) {
+        resuming = true;
+        std::this_thread::sleep_for(milliseconds(300));
+        response.set_content("{}", "application/json");
+    });
+    h.service.failPolls(1, 503);
+    ASSERT_TRUE(h.runUntil([&] { return resuming.load(); }));
+    h.await(h.studio().disconnect("Disconnected. Local videos remain on this computer."));
+    h.runFor(milliseconds(400));
+    EXPECT_EQ(h.studio().state().status, "Disconnected. Local videos remain on this computer.");
+    EXPECT_FALSE(h.studio().state().connected);
+    EXPECT_FALSE(h.studio().state().busy);
+    EXPECT_FALSE(h.log.contains("pair failed"));
+    EXPECT_EQ(h.server.count(path("diagnostics")), 0u);
+}
+
+TEST_F(Regression, AUsersRecordingWhoseWindowClosesIsStoppedAndUploadedByTheUser) {
+    h.pairWithCode();
+    h.await(h.studio().disconnect("Disconnected. Local videos remain on this computer."));
+    auto id = Uuid::make();
+    uploads.issue(id);
+    h.server.clear();
+    h.await(h.studio().recordNow());
+    ASSERT_TRUE(h.studio().state().manual);
+    h.content.set(desktop(false));
+    ASSERT_TRUE(h.runUntil([&] { return uploads.upload(id) && uploads.upload(id)->published; }));
+    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().busy; }));
+    EXPECT_EQ(h.studio().current()->stage, Stage::uploaded);
+    EXPECT_FALSE(h.studio().state().manual || h.studio().state().recording);
+    EXPECT_TRUE(h.log.contains("status: The recorded window closed."));
+    EXPECT_EQ(h.server.count(path("disconnect")), 0u);  // no session to end
+}
+
+TEST_F(Regression, TheSessionsEndForgetsItsAddressAndALinkForAnotherServerEndsTheOldSession) {
+    h.pairWithCode();
+    auto oldToken = h.service.lastCredential()["accessToken"].get<std::string>();
+    h.await(h.studio().disconnect("Disconnected. Local videos remain on this computer."));
+    try {
+        h.await(h.studio().post("poll"));
+        ADD_FAILURE() << "a post after the session's end was sent";
+    } catch (const PavixError& e) {
+        EXPECT_STREQ(e.what(), "Not connected");
+    }
+
+    // A second service on another port: the link's server. The old session ends at the old one
+    // and nothing with the old token ever reaches the new one.
+    TestServer other;
+    ScriptedService otherService(other);
+    h.pairWithCode();
+    oldToken = h.service.lastCredential()["accessToken"].get<std::string>();
+    auto disconnectsBefore = h.server.count(path("disconnect"));
+    h.studio().applySetupLink("pavix-mac://pair?server=" + other.base() + "&code=NEW-CODE");
+    ASSERT_TRUE(
+        h.runUntil([&] { return h.studio().state().connected && other.count(path("poll")); }));
+    EXPECT_EQ(h.server.count(path("disconnect")), disconnectsBefore + 1);
+    EXPECT_EQ(h.studio().state().server, other.base());
+    for (const auto& request : other.requests()) {
+        EXPECT_NE(request.header("Authorization"), "Bearer " + oldToken) << request.path;
+    }
+    auto polls = h.server.count(path("poll"));
+    h.runFor(milliseconds(300));
+    EXPECT_EQ(h.server.count(path("poll")), polls);  // the old loop has ended
+}
+
+TEST_F(Regression, DisposeEndsOnlyItsOwnSession) {
+    h.pairWithCode();
+    h.studio().setConsent(true);
+    auto id = Uuid::make();
+    uploads.expect(id);
+    ASSERT_TRUE(call("startRecording", json::array({{{"captureId", id}}})).contains("value"));
+    EXPECT_EQ(call("dispose")["value"]["disposed"], true);
+    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
+    EXPECT_EQ(h.studio().state().status,
+              "The recording session expired or was ended by your agent. Approve a new "
+              "recording to continue; local videos are preserved.");
+    EXPECT_EQ(h.studio().current()->stage, Stage::saved);
+    // The next session serves more than one command.
+    h.pairWithCode();
+    EXPECT_TRUE(call("listSources").contains("value"));
+    EXPECT_TRUE(call("listSources").contains("value"));
+    EXPECT_TRUE(h.studio().state().connected);
+}
+
+TEST_F(Regression, ACommandThatFailsAfterItsConnectionEndedIsStillLoggedAndAnswered) {
+    h.pairWithCode();
+    h.studio().setDiagnosticsOptIn(true);
+    // The selection fails (no such source) while a reconnect replaces the connection.
+    h.server.on(path("result/"), [](const httplib::Request&, httplib::Response&) {});
+    auto id = h.service.queueCommand("selectSource", json::array({{{"sourceId", "window-1"}}}));
+    ASSERT_TRUE(h.runUntil([&] { return h.service.result(id).has_value(); }));
+    EXPECT_EQ((*h.service.result(id))["error"], "local_browser_action_failed");
+    EXPECT_TRUE(
+        h.log.contains("pavix command selectSource failed: Source not found. Ask for "
+                       "the list again."));
+    EXPECT_EQ(h.studio().state().lastErrorCode, "app_rule");
+}
+
+TEST_F(Regression, AConnectionDroppedWithoutAReplyIsOneFailedRequestNeverSentTwice) {
+    h.pairWithCode();
+    h.await(h.studio().disconnect("Disconnected. Local videos remain on this computer."));
+    // Warm a kept-alive connection, then drop the next request on it without a byte.
+    int pairs = 0;
+    h.server.on(path("pair"), [&](const httplib::Request& request, httplib::Response& response) {
+        if (++pairs == 1) {
+            dropConnection(request);
+            return;
+        }
+        response.set_content("{}", "application/json");
+    });
+    h.await(h.studio().forgetDevice());
+    h.studio().setCode("ONE-TIME");
+    h.await(h.studio().pair());
+    EXPECT_EQ(pairs, 1);
+    EXPECT_EQ(h.studio().state().status, "The network connection was lost.");
+    EXPECT_FALSE(h.studio().state().connected);
+}
+
+TEST(BoundedOffload, AWaitThatOutlivesItsBoundEndsWithTheSentence) {
+    asio::io_context io;
+    asio::thread_pool pool(1);
+    std::promise<void> release;
+    auto released = release.get_future().share();
+    std::string outcome;
+    asio::co_spawn(
+        io,
+        [&]() -> asio::awaitable<void> {
+            try {
+                co_await offloadTo(
+                    pool.get_executor(), [released] { released.wait(); }, milliseconds(50),
+                    "The clipboard did not answer.");
+                outcome = "finished";
+            } catch (const OffloadTimeout& e) {
+                outcome = e.what();
+            }
+        },
+        asio::detached);
+    io.run_for(std::chrono::seconds(5));
+    EXPECT_EQ(outcome, "The clipboard did not answer.");
+    release.set_value();
+    pool.join();
+    io.restart();
+    io.run_for(milliseconds(50));  // the late answer lands on nobody
+}
+
+}  // namespace
+}  // namespace pavix::test
