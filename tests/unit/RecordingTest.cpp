@@ -362,7 +362,7 @@ TEST_F(ManualRecording, AStartThatFailsLeavesFlagsClearAndSaysWhy) {
     EXPECT_EQ(h.studio().state().status, "Invalid capture response");
     EXPECT_FALSE(h.studio().current());
     EXPECT_FALSE(h.studio().state().consent || h.studio().state().busy);
-    EXPECT_FALSE(h.studio().state().lastErrorCode.empty());
+    EXPECT_EQ(h.studio().state().lastErrorCode, "app_rule");
 
     // A capture that cannot start: the record is interrupted, the file never appears.
     auto id = Uuid::make();
@@ -387,10 +387,11 @@ TEST_F(ManualRecording, AStartThatFailsLeavesFlagsClearAndSaysWhy) {
                    R"({"error":"service_unavailable"})");
     h.await(h.studio().stopManual());
     EXPECT_EQ(h.studio().current()->stage, Stage::saved);
-    EXPECT_EQ(h.studio().state().status.rfind(
-                  "Upload did not finish. Local video saved; use Retry upload. ", 0),
-              0u)
-        << h.studio().state().status;
+    EXPECT_EQ(h.studio().state().status,
+              "Upload did not finish. Local video saved; use Retry upload. Server refused the "
+              "request (503). Try sharing again; your local files are preserved.");
+    EXPECT_EQ(h.studio().state().lastErrorCode, "service_unavailable");
+    EXPECT_TRUE(h.log.contains("status: Saving…"));
     EXPECT_FALSE(h.studio().state().uploading || h.studio().state().manual);
     EXPECT_TRUE(fs::exists(h.studio().journal().file(h.studio().current()->id)));
 }

@@ -231,15 +231,31 @@ TEST_F(ServiceClient, BrokenConnectionsAreTransportErrors) {
     EXPECT_EQ(h.studio().state().lastErrorCode, "url_1004");
 }
 
-TEST_F(ServiceClient, ErrorCodesAreShortAndStable) {
-    using ErrorText::errorCode;
-    EXPECT_EQ(errorCode(std::make_exception_ptr(PavixHTTPError(502, std::nullopt))), "http_502");
-    EXPECT_EQ(errorCode(std::make_exception_ptr(PavixHTTPError(0, std::nullopt))), "http_0");
-    EXPECT_EQ(errorCode(std::make_exception_ptr(PavixHTTPError(400, "pairing_code_invalid"))),
-              "pairing_code_invalid");
-    EXPECT_EQ(errorCode(std::make_exception_ptr(PavixError("no"))), "app_rule");
-    EXPECT_EQ(errorCode(std::make_exception_ptr(TransportError(-1001, "t"))), "url_1001");
-    EXPECT_EQ(errorCode(std::make_exception_ptr(std::runtime_error("x"))), "other");
+TEST(ServiceRefusals, OnlyMomentaryOnesAreWorthAReconnect) {
+    struct Case {
+        int status;
+        std::optional<std::string> code;
+        bool transient;
+    };
+    for (const auto& c : std::vector<Case>{{0, std::nullopt, true},
+                                           {408, std::nullopt, true},
+                                           {425, std::nullopt, true},
+                                           {429, std::nullopt, true},
+                                           {500, std::nullopt, true},
+                                           {502, std::nullopt, true},
+                                           {503, std::nullopt, true},
+                                           {504, std::nullopt, true},
+                                           {400, "local_browser_disconnected", true},
+                                           {501, std::nullopt, false},
+                                           {505, std::nullopt, false},
+                                           {400, std::nullopt, false},
+                                           {401, "device_credentials_expired", false},
+                                           {409, "recording_in_progress", false},
+                                           {426, "app_update_required", false},
+                                           {302, std::nullopt, false}}) {
+        EXPECT_EQ(PavixHTTPError(c.status, c.code).transient(), c.transient)
+            << c.status << " " << c.code.value_or("");
+    }
 }
 
 TEST_F(ServiceClient, DiagnosticsAreSentOnlyWithOptInAndCarryNoText) {
