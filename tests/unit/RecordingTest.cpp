@@ -2,6 +2,9 @@
 // published upload, with fake capture parts and a scripted service on loopback.
 #include <gtest/gtest.h>
 
+#include <asio/co_spawn.hpp>
+#include <atomic>
+
 #include <iostream>
 
 #include <fstream>
@@ -286,6 +289,41 @@ TEST_F(Recording, ShareBlockerNamesTheFirstObstacle) {
     h.content.set(ShareableContentSnapshot{});
     h.await(h.studio().refreshSources());
     EXPECT_EQ(h.studio().shareBlocker(), "Choose a window or display first.");
+
+    // A pairing under way is busy.
+    h.content.set(desktop());
+    h.await(h.studio().refreshSources());
+    h.studio().selectSource("window-4242");
+    std::atomic<bool> resuming{false};
+    h.server.on(path("device/resume"), [&](const httplib::Request&, httplib::Response& response) {
+        resuming = true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        response.status = 426;
+        response.set_content(R"({"minimumAppVersion":"2.0","latestAppVersion":"2.1"})",
+                             "application/json");
+    });
+    bool paired = false;
+    asio::co_spawn(h.io, h.studio().pair(), [&](std::exception_ptr) { paired = true; });
+    ASSERT_TRUE(h.runUntil([&] { return resuming.load(); }));
+    EXPECT_EQ(h.studio().shareBlocker(), "Working…");
+    // The service says this version is too old: nothing more may be shared until it is updated.
+    ASSERT_TRUE(h.runUntil([&] { return paired; }));
+    EXPECT_EQ(h.studio().state().update, UpdateDecision::required("2.1"));
+    EXPECT_EQ(h.studio().shareBlocker(), "Update Pavix to keep recording.");
+}
+
+TEST_F(Recording, ScreenshotsAreRefusedWhileRecordingAndWithoutAPicture) {
+    connectAndSelect();
+    // These fake parts make no still pictures.
+    EXPECT_EQ(call("screenshot")["error"], "local_browser_action_failed");
+    EXPECT_TRUE(h.log.contains("pavix command screenshot failed: Screenshot unavailable"));
+    h.studio().setConsent(true);
+    auto id = Uuid::make();
+    uploads.expect(id);
+    ASSERT_TRUE(call("startRecording", withCapture(id)).contains("value"));
+    EXPECT_EQ(call("screenshot")["error"], "local_browser_action_failed");
+    EXPECT_TRUE(h.log.contains(
+        "pavix command screenshot failed: Preview is available after recording stops."));
 }
 
 // The user's own recording: paired, not sharing with the agent.
@@ -394,6 +432,77 @@ TEST_F(ManualRecording, AStartThatFailsLeavesFlagsClearAndSaysWhy) {
     EXPECT_TRUE(h.log.contains("status: Saving…"));
     EXPECT_FALSE(h.studio().state().uploading || h.studio().state().manual);
     EXPECT_TRUE(fs::exists(h.studio().journal().file(h.studio().current()->id)));
+}
+
+TEST_F(ManualRecording, AHandOverThatCannotBeginSaysWhyAndKeepsTheVideoSaved) {
+    pairAndLeave();
+    const std::string failed = "Upload did not finish. Local video saved; use Retry upload. ";
+    // A video the reader measures as zero long: the duration is stored as absent, and an
+    // upload without a duration is never begun.
+    capture.media.seconds = 0.0;
+    auto first = Uuid::make();
+    uploads.issue(first);
+    h.await(h.studio().recordNow());
+    h.await(h.studio().stopManual());
+    EXPECT_EQ(h.studio().state().status,
+              failed + "Capture duration unavailable. Local video saved.");
+    EXPECT_EQ(h.studio().current()->stage, Stage::saved);
+    EXPECT_EQ(h.studio().current()->durationMs, std::nullopt);
+    EXPECT_FALSE(h.studio().journal().load()[0].toJson().contains("durationMs"));
+    EXPECT_EQ(h.server.count(path("desktop-upload/" + first + "/begin")), 0u);
+    EXPECT_EQ(h.studio().state().lastErrorCode, "app_rule");
+
+    // The pairing is dropped while recording (another server typed in): nothing to upload as.
+    capture.media.seconds = 2.5;
+    auto second = Uuid::make();
+    uploads.issue(second);
+    h.await(h.studio().recordNow());
+    h.studio().setServer("https://agent.example.org");
+    h.await(h.studio().stopManual());
+    EXPECT_EQ(h.studio().state().status, failed + "Capture identity unavailable");
+    EXPECT_EQ(h.studio().current()->stage, Stage::saved);
+    EXPECT_EQ(h.studio().current()->durationMs, 2500);
+    EXPECT_FALSE(h.studio().state().busy || h.studio().state().manual);
+}
+
+TEST_F(ManualRecording, WhileItRunsNothingElseOfTheLibraryOrTheSessionMayStart) {
+    pairAndLeave();
+    auto earlier = Uuid::make();
+    uploads.issue(earlier);
+    h.await(h.studio().recordNow());
+    h.await(h.studio().stopManual());
+    ASSERT_EQ(h.studio().current()->stage, Stage::uploaded);
+    auto done = *h.studio().current();
+    auto find = [&](const std::string& id) {
+        for (const auto& record : h.studio().state().recent) {
+            if (record.id == id) {
+                return record;
+            }
+        }
+        throw std::runtime_error("no record " + id);
+    };
+
+    auto id = Uuid::make();
+    uploads.issue(id);
+    h.await(h.studio().recordNow());
+    ASSERT_TRUE(h.studio().state().recording);
+    auto recording = find(h.studio().current()->id);
+    EXPECT_EQ(recording.stage, Stage::recording);
+    // Neither the running record nor any other may be retried or deleted while it runs.
+    EXPECT_FALSE(h.studio().canManageLocal(recording));
+    EXPECT_FALSE(h.studio().canRetry(done));
+    EXPECT_EQ(h.studio().shareBlocker(), "Stop the current recording first.");
+    h.studio().applySetupLink("pavix-mac://pair?server=" + h.server.base() + "&code=X");
+    EXPECT_EQ(h.studio().state().status,
+              "Finish or stop the current recording before using a setup link.");
+
+    // Its stop is busy until the upload ends; a second stop starts nothing.
+    h.studio().setCode("");
+    h.await(h.studio().stopManual());
+    EXPECT_EQ(h.studio().current()->stage, Stage::uploaded);
+    EXPECT_EQ(h.server.count(path("desktop-upload/" + id + "/publish")), 1u);
+    EXPECT_TRUE(h.studio().canManageLocal(find(done.id)));
+    EXPECT_FALSE(h.studio().canManageLocal(*h.studio().current()));
 }
 
 }  // namespace
