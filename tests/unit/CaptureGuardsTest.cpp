@@ -45,10 +45,12 @@ TEST(CaptureGuards, ServerCodesBecomeSentencesAndUnknownCodesFallBackOnStatus) {
     const std::vector<std::tuple<std::optional<std::string>, int, std::string>> cases = {
         {"device_credentials_expired", 401,
          "This computer's credential expired or was revoked. Pair again with a new code from "
-         "your agent; " + preserved},
+         "your agent; " +
+             preserved},
         {"local_browser_disconnected", 409,
          "The recording session expired or was ended by your agent. Approve a new recording to "
-         "continue; " + preserved},
+         "continue; " +
+             preserved},
         {"recording_in_progress", 409,
          "This computer is still recording in another session. Stop it first."},
         {"desktop_capture_consent_required", 403,

@@ -111,6 +111,20 @@ TEST_F(Pairing, RefusedCodeAndBadServerGiveTheirSentences) {
     h.await(h.studio().pair());
     EXPECT_EQ(h.studio().state().status, "Use an HTTPS server, or localhost for development.");
     EXPECT_FALSE(h.studio().state().busy);
+    EXPECT_EQ(h.studio().state().lastErrorCode, "app_rule");
+}
+
+TEST_F(Pairing, ABadServerTypedInWhileASessionRunsEndsThatSessionAtItsServer) {
+    h.pairWithCode();
+    auto token = h.service.lastCredential()["accessToken"].get<std::string>();
+    h.studio().setServer("ftp://example.com");
+    h.await(h.studio().pair());
+    EXPECT_EQ(h.studio().state().status, "Use an HTTPS server, or localhost for development.");
+    EXPECT_FALSE(h.studio().state().connected);
+    auto ends = h.server.requests(path("disconnect"));
+    ASSERT_EQ(ends.size(), 1u);
+    EXPECT_EQ(ends[0].header("Authorization"), "Bearer " + token);
+    EXPECT_FALSE(h.studio().hasSessionToken());
 }
 
 TEST_F(Pairing, SavedCredentialResumesWithRefreshThenResume) {

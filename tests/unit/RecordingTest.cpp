@@ -436,6 +436,7 @@ TEST_F(ManualRecording, AStartThatFailsLeavesFlagsClearAndSaysWhy) {
 
 TEST_F(ManualRecording, AHandOverThatCannotBeginSaysWhyAndKeepsTheVideoSaved) {
     pairAndLeave();
+    h.studio().setDiagnosticsOptIn(true);
     const std::string failed = "Upload did not finish. Local video saved; use Retry upload. ";
     // A video the reader measures as zero long: the duration is stored as absent, and an
     // upload without a duration is never begun.
@@ -451,6 +452,9 @@ TEST_F(ManualRecording, AHandOverThatCannotBeginSaysWhyAndKeepsTheVideoSaved) {
     EXPECT_FALSE(h.studio().journal().load()[0].toJson().contains("durationMs"));
     EXPECT_EQ(h.server.count(path("desktop-upload/" + first + "/begin")), 0u);
     EXPECT_EQ(h.studio().state().lastErrorCode, "app_rule");
+    ASSERT_TRUE(h.runUntil([&] { return h.server.count(path("diagnostics")) == 1; }));
+    EXPECT_EQ(json::parse(h.server.requests(path("diagnostics"))[0].body)["event"],
+              "manual_stop_failed");
 
     // The pairing is dropped while recording (another server typed in): nothing to upload as.
     capture.media.seconds = 2.5;

@@ -89,6 +89,28 @@ TEST_F(ServiceClient, JsonRequestsCarryPrefixVersionTokenAndContentType) {
     EXPECT_FALSE(pair[0].hasHeader("Authorization"));
 }
 
+TEST(ServiceRequestBuilding, ThirtySecondsForJsonAndPiecesAndTwoMinutesForAFile) {
+    auto endpoint = *Url::parse("https://agent.example.com");
+    Timing timing;  // the system's own durations
+    ServiceRequests::Payload file;
+    file.file = "/tmp/video.mp4";
+    ServiceRequests::Payload piece;
+    piece.chunk = std::string(16, 'x');
+    piece.offset = 0;
+    EXPECT_EQ(
+        ServiceRequests::build(endpoint, std::nullopt, "1", "poll", json::object(), {}, timing)
+            .timeout,
+        std::chrono::seconds(30));
+    EXPECT_EQ(ServiceRequests::build(endpoint, std::nullopt, "1", "x/chunk", json::object(), piece,
+                                     timing)
+                  .timeout,
+              std::chrono::seconds(30));
+    EXPECT_EQ(
+        ServiceRequests::build(endpoint, std::nullopt, "1", "x/file", json::object(), file, timing)
+            .timeout,
+        std::chrono::seconds(120));
+}
+
 TEST_F(ServiceClient, ChunksAndFilesAreRawBytesWithOffsetAndNoExpect) {
     h.pairWithCode();
     h.server.reply("/local-browser/desktop-upload/x/chunk", 200, "{}");

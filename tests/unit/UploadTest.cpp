@@ -155,8 +155,8 @@ TEST_F(Upload, EveryFaultFailsWithItsSentenceAndTheNextRetryResumesByteIdentical
     for (const auto& c : std::vector<Case>{
              {Fault::drop, "The network connection was lost.", "url_1005", piece},
              {Fault::badGateway, "Server refused the request (502" + refused, "http_502", piece},
-             {Fault::conflict, "Server refused the request (409" + refused,
-              "desktop_upload_offset", piece},
+             {Fault::conflict, "Server refused the request (409" + refused, "desktop_upload_offset",
+              piece},
              {Fault::receiptBelow, "Invalid upload offset", "app_rule", 2 * piece},
              {Fault::receiptAbove, "Invalid upload offset", "app_rule", 2 * piece}}) {
         SCOPED_TRACE(static_cast<int>(c.fault));
@@ -165,7 +165,8 @@ TEST_F(Upload, EveryFaultFailsWithItsSentenceAndTheNextRetryResumesByteIdentical
         uploads.fault(c.fault);
         retry(made);
 
-        EXPECT_EQ(h.studio().state().status, "Upload did not finish. Local video saved. " + c.reason);
+        EXPECT_EQ(h.studio().state().status,
+                  "Upload did not finish. Local video saved. " + c.reason);
         EXPECT_EQ(stageOnDisk(made), Stage::saved);
         EXPECT_EQ(readBytes(h.studio().journal().file(made.id)), bytes);
         EXPECT_EQ(h.studio().state().lastErrorCode, c.code);
@@ -187,6 +188,39 @@ TEST_F(Upload, EveryFaultFailsWithItsSentenceAndTheNextRetryResumesByteIdentical
         EXPECT_EQ(offsets[2], c.heldAfterFault);
         EXPECT_EQ(stageOnDisk(made), Stage::uploaded);
     }
+}
+
+TEST_F(Upload, AReceiptThatIsNoByteCountStopsTheUploadAndProgressIsWholePercent) {
+    const auto bytes = patternedBytes(2 * CaptureTransfer::kChunkSize + 123);
+    h.studio().setDiagnosticsOptIn(true);
+    for (const char* reply : {R"({"received":-1})", R"({"received":8388732})", R"({})",
+                              R"({"received":"0"})", R"({"received":1.5})", R"([0])"}) {
+        SCOPED_TRACE(reply);
+        auto made = record(bytes);
+        h.server.reply(ScriptedService::path("desktop-upload/" + Uuid::lower(made.id) + "/begin"),
+                       200, reply);
+        retry(made);
+        EXPECT_EQ(h.studio().state().status,
+                  "Upload did not finish. Local video saved. Invalid upload receipt");
+        EXPECT_EQ(stageOnDisk(made), Stage::saved);
+        EXPECT_TRUE(chunkOffsets(made).empty());
+    }
+    ASSERT_TRUE(h.runUntil([&] { return h.server.count("/local-browser/diagnostics") == 6; }));
+    EXPECT_EQ(
+        json::parse(h.server.requests("/local-browser/diagnostics")[0].body),
+        json({{"event", "retry_upload_failed"}, {"code", "app_rule"}, {"appVersion", "1.2.3"}}));
+
+    auto made = record(bytes);
+    retry(made);
+    std::vector<std::string> progress;
+    for (const auto& line : h.log.lines()) {
+        if (line.rfind("status: Uploading ", 0) == 0) {
+            progress.push_back(line.substr(8));
+        }
+    }
+    EXPECT_EQ(progress, (std::vector<std::string>{"Uploading 49%. Local video saved.",
+                                                  "Uploading 99%. Local video saved.",
+                                                  "Uploading 100%. Local video saved."}));
 }
 
 TEST_F(Upload, AFileShortenedAfterItsFingerprintIsNotSent) {
