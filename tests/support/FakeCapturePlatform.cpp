@@ -61,6 +61,19 @@ void FakeCaptureStream::start(const CaptureFilter& filter, const CaptureStreamCo
             }
             handlers.frame(
                 {config.width, config.height, config.width * 4, pixels, monotonicNs(), true});
+            std::optional<CaptureError> ending;
+            {
+                std::lock_guard lock(script_->mutex);
+                auto& after = script_->failAfterFrames;
+                if (after && --after->first <= 0) {
+                    ending = after->second;
+                    after.reset();
+                }
+            }
+            if (ending) {
+                script_->fail(*ending);
+                return;
+            }
             std::this_thread::sleep_for(std::chrono::milliseconds(2));  // the frame pacing
         }
     });

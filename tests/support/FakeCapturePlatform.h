@@ -21,6 +21,8 @@ struct FakeStreamScript {
     // Behaviour.
     std::optional<CaptureError> startError;
     bool deliverFrames = true;  // a complete frame every 2 ms while running
+    // The stream ends by itself after this many frames.
+    std::optional<std::pair<int, CaptureError>> failAfterFrames;
     // Record.
     std::vector<CaptureFilter> filters;
     std::vector<CaptureStreamConfig> configs;

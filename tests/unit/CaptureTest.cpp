@@ -327,6 +327,23 @@ TEST_F(CaptureTest, StreamFailuresBecomeTheirSentences) {
     EXPECT_EQ(encoders->finishes, 1);
 }
 
+TEST_F(CaptureTest, AStreamThatEndsInTheWaitThatSawTheFirstFrameFailsTheStart) {
+    auto timing = fastTiming();
+    timing.firstFramePoll = std::chrono::milliseconds(300);  // both arrive in one wait
+    auto& capture = make(timing);
+    // The first check comes before any frame; the first frame and the stream's end (20 frames,
+    // about 40 ms, later) both arrive while the start waits for its next check.
+    streams->failAfterFrames.emplace(20,
+                                     CaptureError(CaptureError::kSystemStoppedStream, "stopped"));
+    try {
+        run(capture.start(windowSource(1280, 720), file));
+        ADD_FAILURE() << "the start reported a capture whose stream had ended";
+    } catch (const CaptureError& e) {
+        EXPECT_EQ(e.code(), CaptureError::kSystemStoppedStream);
+    }
+    EXPECT_FALSE(capture.running());
+}
+
 TEST_F(CaptureTest, ApplicationWindowIsRecordedWithItsPopupsAndLayersAreSampled) {
     content.set({{window(800, 600, true)}, {{kDisplay, 0, 0, 1920, 1080}}});
     layers.set({{kWindow, 100, 100, 800, 600, LayerWindow::Kind::window}});

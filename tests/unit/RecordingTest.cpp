@@ -98,6 +98,9 @@ TEST_F(Recording, AgentRecordingIsJournaledFinishedUploadedAndPublished) {
 
     h.studio().setConsent(true);
     EXPECT_TRUE(h.log.contains("consent=true blocker=none"));
+    // The window and a menu of its application, as the layer track samples them.
+    capture.layers.set({{4242, 0, 0, 800, 600, LayerWindow::Kind::window},
+                        {4343, 100, 100, 200, 300, LayerWindow::Kind::popup}});
     auto started =
         call("startRecording", json::array({{{"captureId", id}, {"windowSize", "1080p"}}}));
     ASSERT_TRUE(started.contains("value")) << started.dump();
@@ -131,6 +134,13 @@ TEST_F(Recording, AgentRecordingIsJournaledFinishedUploadedAndPublished) {
     auto upload = *uploads.upload(id);
     EXPECT_EQ(upload.data, readBytes(file));
     EXPECT_EQ(upload.media["durationMs"], 2500);
+    // The layer track travels in the side-car and in the upload's media, the same.
+    auto saved = h.studio().journal().load().at(0);
+    ASSERT_TRUE(saved.layers.has_value());
+    ASSERT_FALSE(saved.layers->samples.empty());
+    EXPECT_EQ(saved.layers->samples.front().rects.size(), 2u);
+    EXPECT_EQ(upload.media["layers"], saved.layers->payload());
+    EXPECT_EQ(upload.media["width"], saved.width);
     EXPECT_EQ(h.studio().state().status,
               "Uploaded. Ask your agent to render it, or open your Pavix library.");
     EXPECT_FALSE(h.studio().state().consent);  // every recording needs a new approval
