@@ -21,6 +21,7 @@
 #include "core/capture/CaptureError.h"
 #include "core/runtime/Uuid.h"
 #include "core/session/ErrorText.h"
+#include "support/EditorDesktop.h"
 #include "support/FakeCapturePlatform.h"
 #include "support/ScriptedUploads.h"
 #include "support/StudioHarness.h"
@@ -37,23 +38,6 @@ constexpr const char* kTitle = "Text Editor — notes.txt";
 constexpr const char* kSleep =
     "Computer went to sleep, locked or switched user. Recording stopped and any local capture "
     "was saved. Approve a new recording to continue.";
-
-ShareableContentSnapshot desktop(bool withWindow) {
-    ShareableContentSnapshot snapshot;
-    if (withWindow) {
-        ShareableWindow editor;
-        editor.id = 4242;
-        editor.pid = 99;
-        editor.title = "notes.txt";
-        editor.appName = "Text Editor";
-        editor.width = 800;
-        editor.height = 600;
-        editor.onScreen = true;
-        snapshot.windows = {editor};
-    }
-    snapshot.displays = {{77, 0, 0, 1920, 1080}};
-    return snapshot;
-}
 
 Timing quickTiming() {
     auto timing = fastTiming();
@@ -155,7 +139,7 @@ class Sequence {
   public:
     explicit Sequence(unsigned seed) : rng_(seed), h_(quickTiming(), capture_.platform()) {
         h_.service.pollHold = std::chrono::milliseconds(5);
-        h_.content.set(desktop(true));
+        h_.content.set(editorDesktop(true));
         h_.await(h_.studio().refreshSources());
         h_.studio().observe([this](const StudioState& state) {
             if (state.status != lastStatus_) {
@@ -276,7 +260,7 @@ class Sequence {
                 h_.service.failPolls(1, pick(4) == 0 ? 501 : 502);
                 break;
             case 12:
-                h_.content.set(desktop(false));
+                h_.content.set(editorDesktop(false));
                 if (pick(2) == 0) {
                     capture_.streams->fail(
                         CaptureError(CaptureError::kNoCaptureSource, "the window is gone"));
@@ -304,7 +288,7 @@ class Sequence {
     // Faults of the desktop last a few steps, then the window and the space come back.
     void settleFaults() {
         if (sourceGone_ > 0 && --sourceGone_ == 0) {
-            h_.content.set(desktop(true));
+            h_.content.set(editorDesktop(true));
             spawn(h_.studio().refreshSources());
         }
         if (diskFull_ > 0 && --diskFull_ == 0) {
@@ -413,7 +397,7 @@ class Sequence {
     // Ends every fault and every operation: the user stops, the session ends, and all flags
     // must come back to rest with nothing left open on disk.
     void windDown() {
-        h_.content.set(desktop(true));
+        h_.content.set(editorDesktop(true));
         h_.volume.set(10'000'000'000);
         h_.service.failPolls(0, 502);
         auto& studio = h_.studio();

@@ -15,6 +15,7 @@
 #include "core/runtime/Offload.h"
 #include "core/runtime/Uuid.h"
 #include "core/session/PavixError.h"
+#include "support/EditorDesktop.h"
 #include "support/FakeCapturePlatform.h"
 #include "support/ScriptedUploads.h"
 #include "support/StudioHarness.h"
@@ -25,23 +26,6 @@ namespace {
 using nlohmann::json;
 using Stage = LocalCapture::Stage;
 using std::chrono::milliseconds;
-
-ShareableContentSnapshot desktop(bool withWindow = true) {
-    ShareableContentSnapshot snapshot;
-    if (withWindow) {
-        ShareableWindow editor;
-        editor.id = 4242;
-        editor.pid = 99;
-        editor.title = "notes.txt";
-        editor.appName = "Text Editor";
-        editor.width = 800;
-        editor.height = 600;
-        editor.onScreen = true;
-        snapshot.windows = {editor};
-    }
-    snapshot.displays = {{77, 0, 0, 1920, 1080}};
-    return snapshot;
-}
 
 Timing regressionTiming() {
     auto timing = fastTiming();
@@ -72,7 +56,7 @@ void dropConnection(const httplib::Request& request) {
 class Regression : public ::testing::Test {
   protected:
     Regression() : h(regressionTiming(), capture.platform()) {
-        h.content.set(desktop());
+        h.content.set(editorDesktop());
         h.await(h.studio().refreshSources());
         h.studio().selectSource("window-4242");
     }
@@ -158,7 +142,7 @@ TEST_F(Regression, AUsersRecordingWhoseWindowClosesIsStoppedAndUploadedByTheUser
     h.server.clear();
     h.await(h.studio().recordNow());
     ASSERT_TRUE(h.studio().state().manual);
-    h.content.set(desktop(false));
+    h.content.set(editorDesktop(false));
     ASSERT_TRUE(h.runUntil([&] { return uploads.upload(id) && uploads.upload(id)->published; }));
     ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().busy; }));
     EXPECT_EQ(h.studio().current()->stage, Stage::uploaded);

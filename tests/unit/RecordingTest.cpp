@@ -12,6 +12,7 @@
 
 #include "core/capture/CaptureError.h"
 #include "core/runtime/Uuid.h"
+#include "support/EditorDesktop.h"
 #include "support/FakeCapturePlatform.h"
 #include "support/LibraryRecords.h"
 #include "support/ScriptedUploads.h"
@@ -23,21 +24,6 @@ namespace {
 using nlohmann::json;
 using Stage = LocalCapture::Stage;
 namespace fs = std::filesystem;
-
-ShareableContentSnapshot desktop() {
-    ShareableContentSnapshot snapshot;
-    ShareableWindow editor;
-    editor.id = 4242;
-    editor.pid = 99;
-    editor.title = "notes.txt";
-    editor.appName = "Text Editor";
-    editor.width = 800;
-    editor.height = 600;
-    editor.onScreen = true;
-    snapshot.windows = {editor};
-    snapshot.displays = {{77, 0, 0, 1920, 1080}};
-    return snapshot;
-}
 
 Timing recordingTiming() {
     auto timing = fastTiming();
@@ -57,7 +43,7 @@ class Recording : public ::testing::Test {
     }
     Recording() : Recording(recordingTiming()) {}
     explicit Recording(Timing timing) : h(timing, capture.platform()) {
-        h.content.set(desktop());
+        h.content.set(editorDesktop());
         h.await(h.studio().refreshSources());
         h.studio().observe([this](const StudioState&) {
             const auto& current = h.studio().current();
@@ -301,7 +287,7 @@ TEST_F(Recording, ShareBlockerNamesTheFirstObstacle) {
     EXPECT_EQ(h.studio().shareBlocker(), "Choose a window or display first.");
 
     // A pairing under way is busy.
-    h.content.set(desktop());
+    h.content.set(editorDesktop());
     h.await(h.studio().refreshSources());
     h.studio().selectSource("window-4242");
     std::atomic<bool> resuming{false};
