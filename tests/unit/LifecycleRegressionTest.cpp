@@ -235,25 +235,26 @@ TEST_F(Regression, AConnectionDroppedWithoutAReplyIsOneFailedRequestNeverSentTwi
     EXPECT_FALSE(h.studio().state().connected);
 }
 
+// Waits for work that blocks until `released`, at most 50 ms, and says how it ended. A
+// coroutine of its own (not a capturing lambda): its frame must not refer to a closure.
+asio::awaitable<void> waitBounded(asio::thread_pool* pool, std::shared_future<void> released,
+                                  std::string* outcome) {
+    try {
+        co_await offloadTo(
+            pool->get_executor(), [released] { released.wait(); }, milliseconds(50),
+            "The clipboard did not answer.");
+        *outcome = "finished";
+    } catch (const OffloadTimeout& e) {
+        *outcome = e.what();
+    }
+}
+
 TEST(BoundedOffload, AWaitThatOutlivesItsBoundEndsWithTheSentence) {
     asio::io_context io;
     asio::thread_pool pool(1);
     std::promise<void> release;
-    auto released = release.get_future().share();
     std::string outcome;
-    asio::co_spawn(
-        io,
-        [&]() -> asio::awaitable<void> {
-            try {
-                co_await offloadTo(
-                    pool.get_executor(), [released] { released.wait(); }, milliseconds(50),
-                    "The clipboard did not answer.");
-                outcome = "finished";
-            } catch (const OffloadTimeout& e) {
-                outcome = e.what();
-            }
-        },
-        asio::detached);
+    asio::co_spawn(io, waitBounded(&pool, release.get_future().share(), &outcome), asio::detached);
     io.run_for(std::chrono::seconds(5));
     EXPECT_EQ(outcome, "The clipboard did not answer.");
     release.set_value();
