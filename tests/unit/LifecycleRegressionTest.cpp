@@ -239,10 +239,11 @@ TEST_F(Regression, AConnectionDroppedWithoutAReplyIsOneFailedRequestNeverSentTwi
 // coroutine of its own (not a capturing lambda): its frame must not refer to a closure.
 asio::awaitable<void> waitBounded(asio::thread_pool* pool, std::shared_future<void> released,
                                   std::string* outcome) {
+    // A named work: GCC 12 destroys a capturing lambda written inside a co_await twice.
+    auto work = [released] { released.wait(); };
     try {
-        co_await offloadTo(
-            pool->get_executor(), [released] { released.wait(); }, milliseconds(50),
-            "The clipboard did not answer.");
+        co_await offloadTo(pool->get_executor(), std::move(work), milliseconds(50),
+                           "The clipboard did not answer.");
         *outcome = "finished";
     } catch (const OffloadTimeout& e) {
         *outcome = e.what();
