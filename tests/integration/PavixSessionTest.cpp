@@ -45,7 +45,7 @@ TEST_F(PavixSession, PairsServesAndResumesAfterARestart) {
 
         // The agent's commands are served.
         auto listed = service.agent({"send", "listSources", "--timeout", "20"});
-        auto envelope = nlohmann::json::parse(listed.substr(listed.find('{')), nullptr, false);
+        auto envelope = DevServerProcess::envelope(listed);
         ASSERT_TRUE(envelope.is_object()) << listed;
         ASSERT_TRUE(envelope.contains("value")) << listed;
         EXPECT_TRUE(envelope["value"]["sources"].is_array());

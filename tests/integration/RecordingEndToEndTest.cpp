@@ -27,10 +27,8 @@ using nlohmann::json;
 using std::chrono::seconds;
 namespace fs = std::filesystem;
 
-// The envelope the agent command line printed after its own lines.
 json envelope(const std::string& output) {
-    auto at = output.find('{');
-    return at == std::string::npos ? json() : json::parse(output.substr(at), nullptr, false);
+    return DevServerProcess::envelope(output);
 }
 
 // A development service, a window with moving content and a home of the test's own.

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -46,13 +47,25 @@ class DevServerProcess {
         return out.substr(at + 5, out.find('\n', at) - at - 5);
     }
 
-    // Runs the agent command line and returns its output.
+    // Runs the agent command line and returns its output. A command line that does not end
+    // (its own waits are at most a minute) is an error that says what it printed so far.
     std::string agent(std::vector<std::string> arguments) {
         std::vector<std::string> command = {binary_, "agent", "--server", server_};
         command.insert(command.end(), arguments.begin(), arguments.end());
         ChildProcess cli(command);
-        cli.wait(std::chrono::seconds(30));
+        if (!cli.wait(std::chrono::seconds(90))) {
+            throw std::runtime_error("agent " + arguments.front() +
+                                     " did not end; it printed: " + cli.output());
+        }
         return cli.output();
+    }
+
+    // The envelope the agent command line printed after its own lines; null when it printed
+    // none.
+    static nlohmann::json envelope(const std::string& output) {
+        auto at = output.find('{');
+        return at == std::string::npos ? nlohmann::json()
+                                       : nlohmann::json::parse(output.substr(at), nullptr, false);
     }
 
     static std::string scratch(const std::string& name) {

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <asio/post.hpp>
+#include <future>
+
 #include "core/session/Studio.h"
 
 namespace pavix {
@@ -13,6 +16,12 @@ struct StudioTestAccess {
             return l.approve(true) && l.beginStart(RecordingLifecycle::Owner::agent) &&
                    l.started(record);
         });
+    }
+
+    // Occupies the library's strand until `released` is ready, as a disk that stopped
+    // answering does.
+    static void blockLibrary(Studio& studio, std::shared_future<void> released) {
+        asio::post(studio.journalStrand_, [released] { released.wait(); });
     }
 };
 

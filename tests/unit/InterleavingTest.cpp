@@ -140,7 +140,8 @@ class Sequence {
     explicit Sequence(unsigned seed) : rng_(seed), h_(quickTiming(), capture_.platform()) {
         h_.service.pollHold = std::chrono::milliseconds(5);
         h_.content.set(editorDesktop(true));
-        h_.await(h_.studio().refreshSources());
+        // A loaded machine may stall a step for seconds; the set-up is not what is tested.
+        h_.await(h_.studio().refreshSources(), std::chrono::seconds(60));
         h_.studio().observe([this](const StudioState& state) {
             if (state.status != lastStatus_) {
                 lastStatus_ = state.status;
@@ -459,6 +460,29 @@ int envInt(const char* name, int fallback) {
     return text ? std::atoi(text) : fallback;
 }
 
+// Runs one seeded sequence; returns its report, or nothing when it kept every promise. What
+// escapes a sequence (a set-up that failed, a handler that threw) is a violation of its own.
+std::string runSequence(int seed) {
+    std::ostringstream report;
+    try {
+        Sequence sequence(static_cast<unsigned>(seed));
+        auto violations = sequence.run(40);
+        if (violations.empty()) {
+            return {};
+        }
+        report << violations.front() << "\n";
+        for (const auto& step : sequence.trace()) {
+            report << "  step: " << step << "\n";
+        }
+        for (const auto& line : sequence.log()) {
+            report << "  log: " << line << "\n";
+        }
+    } catch (...) {
+        report << "the sequence threw: " << ErrorText::describe(std::current_exception()) << "\n";
+    }
+    return report.str();
+}
+
 TEST(Interleaving, EverySequenceKeepsTheLibraryTheFlagsAndTheStatusLineRight) {
 #if defined(__SANITIZE_ADDRESS__)
     const int sequences = envInt("PAVIX_INTERLEAVINGS", 400);
@@ -475,21 +499,15 @@ TEST(Interleaving, EverySequenceKeepsTheLibraryTheFlagsAndTheStatusLineRight) {
     for (int w = 0; w < 2; ++w) {
         workers.emplace_back([&] {
             for (int seed = next++; seed <= last; seed = next++) {
-                Sequence sequence(static_cast<unsigned>(seed));
-                auto violations = sequence.run(40);
-                if (violations.empty()) {
+                auto report = runSequence(seed);
+                if (report.empty()) {
                     continue;
                 }
-                std::ostringstream report;
-                report << violations.front() << "\n";
-                for (const auto& step : sequence.trace()) {
-                    report << "  step: " << step << "\n";
-                }
-                for (const auto& line : sequence.log()) {
-                    report << "  log: " << line << "\n";
-                }
+                // Printed at once, so that a run that dies later still names the seed.
+                std::cerr << "seed " << seed << ": " << report.substr(0, report.find('\n'))
+                          << std::endl;
                 std::lock_guard lock(mutex);
-                failures[seed] = report.str();
+                failures[seed] = report;
                 if (failures.size() >= 5) {
                     next = last + 1;
                 }

@@ -1,24 +1,22 @@
 // Interleavings that once went wrong, each pinned down on its own: an upload beside a
 // recording, a pairing cancelled by the session's end, a source that vanishes under the
-// user's recording, a session that ends for one server while a link names another, and a
-// connection the service drops without answering.
+// user's recording, a session that ends for one server while a link names another, a
+// connection the service drops without answering, and a library folder that stops answering.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <asio/co_spawn.hpp>
-#include <asio/detached.hpp>
 #include <future>
 #include <iostream>
 
 #include "core/capture/CaptureError.h"
 #include "core/net/TransportError.h"
-#include "core/runtime/Offload.h"
 #include "core/runtime/Uuid.h"
 #include "core/session/PavixError.h"
 #include "support/EditorDesktop.h"
 #include "support/FakeCapturePlatform.h"
 #include "support/ScriptedUploads.h"
 #include "support/StudioHarness.h"
+#include "support/StudioTestAccess.h"
 
 namespace pavix::test {
 namespace {
@@ -235,33 +233,40 @@ TEST_F(Regression, AConnectionDroppedWithoutAReplyIsOneFailedRequestNeverSentTwi
     EXPECT_FALSE(h.studio().state().connected);
 }
 
-// Waits for work that blocks until `released`, at most 50 ms, and says how it ended. A
-// coroutine of its own (not a capturing lambda): its frame must not refer to a closure.
-asio::awaitable<void> waitBounded(asio::thread_pool* pool, std::shared_future<void> released,
-                                  std::string* outcome) {
-    // A named work: GCC 12 destroys a capturing lambda written inside a co_await twice.
-    auto work = [released] { released.wait(); };
-    try {
-        co_await offloadTo(pool->get_executor(), std::move(work), milliseconds(50),
-                           "The clipboard did not answer.");
-        *outcome = "finished";
-    } catch (const OffloadTimeout& e) {
-        *outcome = e.what();
-    }
-}
+// A library folder on a disk that stops answering: every wait for it is bounded, the user
+// hears why, and the model comes back to rest; once the disk answers again, recording works.
+TEST(HungLibrary, AFolderThatStopsAnsweringCostsABoundedWaitAndNothingElse) {
+    auto timing = regressionTiming();
+    timing.journalTimeout = milliseconds(100);
+    testing::FakeCaptureParts capture;
+    StudioHarness h(timing, capture.platform());
+    ScriptedUploads uploads{h.server};
+    h.content.set(editorDesktop());
+    h.await(h.studio().refreshSources());
+    h.studio().selectSource("window-4242");
+    h.pairWithCode();
+    h.await(h.studio().disconnect("Disconnected. Local videos remain on this computer."));
 
-TEST(BoundedOffload, AWaitThatOutlivesItsBoundEndsWithTheSentence) {
-    asio::io_context io;
-    asio::thread_pool pool(1);
-    std::promise<void> release;
-    std::string outcome;
-    asio::co_spawn(io, waitBounded(&pool, release.get_future().share(), &outcome), asio::detached);
-    io.run_for(std::chrono::seconds(5));
-    EXPECT_EQ(outcome, "The clipboard did not answer.");
-    release.set_value();
-    pool.join();
-    io.restart();
-    io.run_for(milliseconds(50));  // the late answer lands on nobody
+    uploads.issue(Uuid::make());
+    std::promise<void> disk;
+    StudioTestAccess::blockLibrary(h.studio(), disk.get_future().share());
+    h.await(h.studio().recordNow());
+    const auto& s = h.studio().state();
+    EXPECT_EQ(s.status, "The library folder did not answer in time.");
+    EXPECT_FALSE(s.busy || s.recording || s.manual || s.consent);
+    EXPECT_EQ(h.studio().lifecycle().phase(), RecordingLifecycle::Phase::idle);
+    EXPECT_FALSE(h.studio().capture().running());
+
+    disk.set_value();
+    auto id = Uuid::make();
+    uploads.issue(id);
+    h.await(h.studio().recordNow());
+    ASSERT_TRUE(s.recording) << s.status;
+    h.await(h.studio().stopManual());
+    ASSERT_TRUE(h.runUntil([&] { return !s.busy; }));
+    ASSERT_EQ(s.recent.size(), 1u);
+    EXPECT_EQ(s.recent[0].stage, Stage::uploaded);
+    EXPECT_TRUE(uploads.upload(id) && uploads.upload(id)->published);
 }
 
 }  // namespace

@@ -83,6 +83,24 @@ TEST(Runtime, CancellingATaskEndsItAtItsNextSuspension) {
     holder = Task::spawn(h.io.get_executor(), []() -> asio::awaitable<void> { co_return; }());
     ASSERT_TRUE(h.runUntil([&] { return firstEnded; }, milliseconds(1000)));
 
+    // A task cancelled before its first step still runs its body, clean-up included.
+    bool started = false;
+    cleanedUp = false;
+    auto owing = [&]() -> asio::awaitable<void> {
+        started = true;
+        try {
+            co_await sleepFor(std::chrono::hours(1));
+        } catch (...) {
+            cleanedUp = true;
+            throw;
+        }
+    };
+    auto early = Task::spawn(h.io.get_executor(), owing());
+    early.cancel();
+    ASSERT_TRUE(h.runUntil([&] { return !early.running(); }, milliseconds(1000)));
+    EXPECT_TRUE(started);
+    EXPECT_TRUE(cleanedUp);
+
     // Other errors reach the handler.
     auto boom = []() -> asio::awaitable<void> {
         co_await sleepFor(milliseconds(1));

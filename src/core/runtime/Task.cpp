@@ -2,6 +2,7 @@
 
 #include <asio/bind_cancellation_slot.hpp>
 #include <asio/co_spawn.hpp>
+#include <asio/post.hpp>
 
 namespace pavix {
 
@@ -16,7 +17,7 @@ Task& Task::operator=(Task&& other) noexcept {
 Task Task::spawn(const asio::any_io_executor& executor, asio::awaitable<void> body,
                  ErrorHandler onError) {
     Task task;
-    task.state_ = std::make_shared<State>();
+    task.state_ = std::make_shared<State>(executor);
     auto state = task.state_;
     asio::co_spawn(
         executor, std::move(body),
@@ -37,13 +38,24 @@ Task Task::spawn(const asio::any_io_executor& executor, asio::awaitable<void> bo
                     onError(error);
                 }
             }));
+    // co_spawn has queued the body's first step (or run it already, when called on the
+    // executor's own thread); this marker runs after it.
+    asio::post(executor, [state] { state->started = true; });
     return task;
 }
 
 void Task::cancel() {
     if (state_ && !state_->finished && !state_->cancelled) {
         state_->cancelled = true;
-        state_->signal.emit(asio::cancellation_type::terminal);
+        if (state_->started) {
+            state_->signal.emit(asio::cancellation_type::terminal);
+            return;
+        }
+        asio::post(state_->executor, [state = state_] {
+            if (!state->finished) {
+                state->signal.emit(asio::cancellation_type::terminal);
+            }
+        });
     }
 }
 
