@@ -1,9 +1,17 @@
 #include "ui/QtDefaults.h"
 
+#include <QStandardPaths>
+
 namespace pavix {
 
-QtDefaults::QtDefaults()
-    : settings_(QSettings::IniFormat, QSettings::UserScope, "pavix", "pavix") {}
+QtDefaults::QtDefaults() : settings_(path(), QSettings::IniFormat) {}
+
+QString QtDefaults::path() {
+    // The XDG configuration folder (XDG_CONFIG_HOME, else ~/.config); the name is the one the
+    // README gives, which Qt's own choice for the ini format ("pavix.ini") would not be.
+    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) +
+           "/pavix/pavix.conf";
+}
 
 std::optional<bool> QtDefaults::boolean(const std::string& key) const {
     auto value = settings_.value(QString::fromStdString(key));

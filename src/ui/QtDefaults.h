@@ -19,6 +19,9 @@ class QtDefaults : public Defaults {
     void set(const std::string& key, long long value) override;
     void remove(const std::string& key) override;
 
+    // Where the settings are kept.
+    static QString path();
+
   private:
     mutable QSettings settings_;
 };

@@ -1,38 +1,24 @@
 // Qt first: Xlib defines macros (Bool, Status) that Qt's headers refuse to follow.
-#include "ui/QtDefaults.h"
+#include <QApplication>
 
-#include <sys/utsname.h>
+#include "ui/AppDelegate.h"
+#include "ui/LinuxEnvironment.h"
+#include "ui/Theme.h"
+
 #include <unistd.h>
 
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
-#include <asio/thread_pool.hpp>
 #include <chrono>
 #include <cstdio>
 #include <iostream>
 
 #include "core/app/CommandLine.h"
-#include "core/capture/CaptureError.h"
 #include "core/capture/CaptureSources.h"
-#include "core/runtime/StreamLog.h"
 #include "core/session/Studio.h"
-#include "linux/FallbackSecretStore.h"
-#include "linux/FfmpegEncoderProbe.h"
-#include "linux/FfmpegMediaReader.h"
-#include "linux/FfmpegPngEncoder.h"
-#include "linux/FfmpegVideoEncoder.h"
-#include "linux/FileSecretStore.h"
-#include "linux/GioTrash.h"
-#include "linux/LibsecretStore.h"
 #include "linux/Permissions.h"
-#include "linux/StatvfsVolume.h"
-#include "linux/X11CaptureStream.h"
-#include "linux/X11Clipboard.h"
-#include "linux/X11ShareableContent.h"
-#include "linux/X11WindowLayers.h"
-#include "linux/XdgFolders.h"
 #include "ui/LibraryCommands.h"
 #include "ui/StatusLine.h"
 #include "ui/StudioWait.h"
@@ -40,64 +26,6 @@
 using namespace pavix;
 
 namespace {
-
-// Without an X server there is nothing to list; every listing reports why.
-class UnavailableContent : public ShareableContent {
-  public:
-    explicit UnavailableContent(std::string reason) : reason_(std::move(reason)) {}
-    ShareableContentSnapshot current() override {
-        throw CaptureError(CaptureError::kFailedToStart, reason_);
-    }
-
-  private:
-    std::string reason_;
-};
-
-std::unique_ptr<ShareableContent> shareableContent(Log& log) {
-    try {
-        return std::make_unique<X11ShareableContent>();
-    } catch (const std::exception& e) {
-        log.line(std::string("no display to record: ") + e.what());
-        return std::make_unique<UnavailableContent>(e.what());
-    }
-}
-
-// The layer track needs the window system; without it recordings go on without layers.
-std::unique_ptr<WindowLayers> windowLayers(Log& log) {
-    try {
-        return std::make_unique<X11WindowLayers>();
-    } catch (const std::exception& e) {
-        log.line(std::string("no window list for layers: ") + e.what());
-        return nullptr;
-    }
-}
-
-// The clipboard needs the window system; without it the support summary cannot be copied.
-std::unique_ptr<Clipboard> clipboard(Log& log) {
-    try {
-        return std::make_unique<X11Clipboard>();
-    } catch (const std::exception& e) {
-        log.line(std::string("no clipboard: ") + e.what());
-        return nullptr;
-    }
-}
-
-// The system and its kernel, as the support summary names them.
-std::string osVersion() {
-    utsname names{};
-    if (::uname(&names) != 0) {
-        return "unknown";
-    }
-    return std::string(names.sysname) + " " + names.release;
-}
-
-std::string hostName() {
-    char name[256] = {};
-    if (::gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') {
-        return "computer";
-    }
-    return name;
-}
 
 const char* flag(bool value) {
     return value ? "true" : "false";
@@ -169,6 +97,21 @@ asio::awaitable<void> libraryRun(Studio& studio, const CommandLine& options, asi
     io.stop();
 }
 
+// The application with its window and tray.
+int runApplication(int argc, char** argv, const CommandLine& options) {
+    if (!std::getenv("DISPLAY")) {
+        std::cerr << "pavix: no display to show the window on (DISPLAY is not set). Start it on "
+                     "a desktop, or see --help for the runs without a window.\n";
+        return 1;
+    }
+    QApplication app(argc, argv);
+    QApplication::setApplicationName("Pavix");
+    QApplication::setDesktopFileName("pavix");
+    Theme::apply(app);
+    AppDelegate delegate(options);
+    return app.exec();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -188,55 +131,15 @@ int main(int argc, char** argv) {
         return 0;
     }
 
+    if (!options.pair && !options.record && !options.library && !options.support &&
+        !options.retry && !options.remove) {
+        return runApplication(argc, argv, options);
+    }
+
+    // The scripted runs: the model on this thread, no window.
     asio::io_context io;
-    asio::thread_pool pool(4);
-    StreamLog log;
-    HttpClient http;
-    Timing timing;
-    auto stateFolder = XdgFolders::state();
-    FallbackSecretStore secrets(std::make_unique<LibsecretStore>(timing.keychainTimeout),
-                                std::make_unique<FileSecretStore>(stateFolder / "credentials"),
-                                (stateFolder / "credentials").string(), log);
-    QtDefaults defaults;
-    auto content = shareableContent(log);
-    StatvfsVolume volume;
-    FfmpegEncoderProbe encoderProbe;
-    FfmpegMediaReader mediaReader;
-    FfmpegPngEncoder pngEncoder;
-    auto layers = windowLayers(log);
-    GioTrash trash;
-    auto sharedClipboard = clipboard(log);
-
-    StudioEnvironment env;
-    env.executor = io.get_executor();
-    env.pool = &pool;
-    env.http = &http;
-    env.secrets = &secrets;
-    env.defaults = &defaults;
-    env.content = content.get();
-    env.volume = &volume;
-    env.trash = &trash;
-    env.clipboard = sharedClipboard.get();
-    env.capture.streams = [] { return std::make_unique<X11CaptureStream>(); };
-    env.capture.encoders = [] { return std::make_unique<FfmpegVideoEncoder>(); };
-    env.capture.probe = &encoderProbe;
-    env.capture.media = &mediaReader;
-    env.capture.layers = layers.get();
-    env.capture.stills = &pngEncoder;
-    env.log = &log;
-    env.timing = timing;
-    env.nowMs = [] {
-        return static_cast<double>(std::chrono::duration_cast<std::chrono::milliseconds>(
-                                       std::chrono::system_clock::now().time_since_epoch())
-                                       .count());
-    };
-    env.appVersion = PAVIX_VERSION;
-    env.deviceName = hostName();
-    env.osVersion = osVersion();
-    env.ownPid = ::getpid();
-    env.libraryFolder = XdgFolders::library();
-    env.libraryLabel = XdgFolders::libraryLabel(env.libraryFolder);
-
+    LinuxEnvironment platform;
+    auto env = platform.studio(io.get_executor());
     int exitCode = 0;
     {
         Studio studio(env);

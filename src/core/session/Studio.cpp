@@ -116,6 +116,10 @@ void Studio::publishLifecycle() {
         s.recording = lifecycle_.recording();
         s.manual = lifecycle_.manual();
         s.uploading = lifecycle_.uploading();
+        if (!s.uploading) {
+            s.uploadRecord.clear();
+            s.uploadProgress = 0.0;
+        }
     });
     if (consentChanged) {
         log(std::string("consent=") + (state_.consent ? "true" : "false") +

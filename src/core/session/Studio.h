@@ -130,6 +130,18 @@ class Studio {
     asio::awaitable<void> copySupportBundle();
     void setAutoTrashUploaded(bool on);
 
+    // --- shell
+    // Sleep, a screen lock or a switch to another user: a connected session or a running
+    // recording ends with the sentence that says so; an idle computer changes nothing.
+    asio::awaitable<void> systemSessionEnding();
+    // Quitting: the session ends, and a recording is finished and kept, before the exit.
+    asio::awaitable<void> quit();
+    // The user's "Stop recording": their own recording is stopped and uploaded; the agent's
+    // ends the session, and its video is kept here.
+    asio::awaitable<void> stopAnyRecording();
+    // When the recording in progress started; nothing while none runs.
+    std::optional<std::chrono::steady_clock::time_point> recordingSince() const;
+
     // Read-only views for the application and tests.
     const std::optional<DeviceIdentity>& identity() const { return identity_; }
     const std::string& connectionGeneration() const { return connectionGeneration_; }

@@ -28,6 +28,8 @@ struct StudioState {
     bool manual = false;          // the recording in progress was started by the user
     std::string recordingSource;  // title of the source being recorded
     bool uploading = false;
+    std::string uploadRecord;                    // the record whose upload runs, while one does
+    double uploadProgress = 0.0;                 // its share of bytes the service holds, 0 to 1
     std::optional<std::filesystem::path> saved;  // the video of the last finished recording
     bool allowControl = false;
     bool diagnosticsOptIn = false;

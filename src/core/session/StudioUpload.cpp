@@ -59,9 +59,17 @@ asio::awaitable<void> Studio::upload(LocalCapture capture, std::filesystem::path
             std::to_string(print.bytes));
     }
     std::int64_t offset = *held;
+    auto progress = [&] {
+        change([&](StudioState& s) {
+            s.uploadRecord = capture.id;
+            s.uploadProgress = print.bytes > 0 ? double(offset) / double(print.bytes) : 1.0;
+        });
+    };
+    progress();
     while (offset < print.bytes) {
         throwIfCancelled(co_await asio::this_coro::cancellation_state);
         offset = co_await sendPiece(base, file, offset, print.bytes);
+        progress();
         setStatus("Uploading " + std::to_string(offset * 100 / print.bytes) +
                   "%. Local video saved.");
     }

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <QObject>
+#include <asio/signal_set.hpp>
+#include <memory>
+
+#include "core/app/CommandLine.h"
+#include "ui/LinuxEnvironment.h"
+#include "ui/ModelThread.h"
+
+class QAction;
+
+namespace pavix {
+
+class RecorderMenu;
+class Studio;
+class StudioBridge;
+class StudioView;
+class SystemEvents;
+
+// The application: builds the model in its order (settings, library, switches, saved
+// pairing), runs it on the model thread, shows the window and the tray, starts the launch
+// tasks and makes every way out (Quit, closing the window, SIGTERM, the session's end) pass
+// through the end of the session, so that a recording is finished and kept before the exit.
+class AppDelegate : public QObject {
+    Q_OBJECT
+
+  public:
+    explicit AppDelegate(const CommandLine& options);
+    ~AppDelegate() override;
+
+    StudioBridge& bridge() { return *bridge_; }
+    StudioView& window() { return *window_; }
+    QAction& stopRecordingAction() { return *stopRecording_; }
+
+    // Ends the session (the recording saved), then the application.
+    void requestQuit();
+    // Sleep, lock or a switch of user: the session ends when one is open or recording.
+    void sessionEnding();
+
+  private:
+    void startLaunchTasks(const CommandLine& options);
+    void watchSignals();
+
+    ModelThread model_;  // first made, last gone: it runs everything below
+    LinuxEnvironment platform_;
+    std::unique_ptr<Studio> studio_;
+    std::unique_ptr<StudioBridge> bridge_;
+    std::unique_ptr<asio::signal_set> signals_;
+    QAction* stopRecording_;
+    std::unique_ptr<StudioView> window_;
+    std::unique_ptr<RecorderMenu> tray_;
+    bool quitting_ = false;
+};
+
+}  // namespace pavix

@@ -1,0 +1,130 @@
+#include "ui/LinuxEnvironment.h"
+
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <chrono>
+
+#include "core/capture/CaptureError.h"
+#include "linux/FfmpegVideoEncoder.h"
+#include "linux/FileSecretStore.h"
+#include "linux/LibsecretStore.h"
+#include "linux/X11CaptureStream.h"
+#include "linux/X11Clipboard.h"
+#include "linux/X11ShareableContent.h"
+#include "linux/X11WindowLayers.h"
+#include "linux/XdgFolders.h"
+
+namespace pavix {
+namespace {
+
+// Without an X server there is nothing to list; every listing reports why.
+class UnavailableContent : public ShareableContent {
+  public:
+    explicit UnavailableContent(std::string reason) : reason_(std::move(reason)) {}
+    ShareableContentSnapshot current() override {
+        throw CaptureError(CaptureError::kFailedToStart, reason_);
+    }
+
+  private:
+    std::string reason_;
+};
+
+std::unique_ptr<ShareableContent> shareableContent(Log& log) {
+    try {
+        return std::make_unique<X11ShareableContent>();
+    } catch (const std::exception& e) {
+        log.line(std::string("no display to record: ") + e.what());
+        return std::make_unique<UnavailableContent>(e.what());
+    }
+}
+
+// The layer track needs the window system; without it recordings go on without layers.
+std::unique_ptr<WindowLayers> windowLayers(Log& log) {
+    try {
+        return std::make_unique<X11WindowLayers>();
+    } catch (const std::exception& e) {
+        log.line(std::string("no window list for layers: ") + e.what());
+        return nullptr;
+    }
+}
+
+// The clipboard needs the window system; without it the support summary cannot be copied.
+std::unique_ptr<Clipboard> clipboard(Log& log) {
+    try {
+        return std::make_unique<X11Clipboard>();
+    } catch (const std::exception& e) {
+        log.line(std::string("no clipboard: ") + e.what());
+        return nullptr;
+    }
+}
+
+// The system and its kernel, as the support summary names them.
+std::string osVersion() {
+    utsname names{};
+    if (::uname(&names) != 0) {
+        return "unknown";
+    }
+    return std::string(names.sysname) + " " + names.release;
+}
+
+std::string hostName() {
+    char name[256] = {};
+    if (::gethostname(name, sizeof name - 1) != 0 || name[0] == '\0') {
+        return "computer";
+    }
+    return name;
+}
+
+}  // namespace
+
+LinuxEnvironment::LinuxEnvironment() {
+    auto stateFolder = XdgFolders::state();
+    secrets_ = std::make_unique<FallbackSecretStore>(
+        std::make_unique<LibsecretStore>(timing_.keychainTimeout),
+        std::make_unique<FileSecretStore>(stateFolder / "credentials"),
+        (stateFolder / "credentials").string(), log_);
+    content_ = shareableContent(log_);
+    layers_ = windowLayers(log_);
+    clipboard_ = clipboard(log_);
+}
+
+LinuxEnvironment::~LinuxEnvironment() {
+    // Work still queued on the pool may use the parts below; it ends first.
+    pool_.join();
+}
+
+StudioEnvironment LinuxEnvironment::studio(asio::any_io_executor model) {
+    StudioEnvironment env;
+    env.executor = std::move(model);
+    env.pool = &pool_;
+    env.http = &http_;
+    env.secrets = secrets_.get();
+    env.defaults = &defaults_;
+    env.content = content_.get();
+    env.volume = &volume_;
+    env.trash = &trash_;
+    env.clipboard = clipboard_.get();
+    env.capture.streams = [] { return std::make_unique<X11CaptureStream>(); };
+    env.capture.encoders = [] { return std::make_unique<FfmpegVideoEncoder>(); };
+    env.capture.probe = &encoderProbe_;
+    env.capture.media = &mediaReader_;
+    env.capture.layers = layers_.get();
+    env.capture.stills = &pngEncoder_;
+    env.log = &log_;
+    env.timing = timing_;
+    env.nowMs = [] {
+        return static_cast<double>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                       std::chrono::system_clock::now().time_since_epoch())
+                                       .count());
+    };
+    env.appVersion = PAVIX_VERSION;
+    env.deviceName = hostName();
+    env.osVersion = osVersion();
+    env.ownPid = ::getpid();
+    env.libraryFolder = XdgFolders::library();
+    env.libraryLabel = XdgFolders::libraryLabel(env.libraryFolder);
+    return env;
+}
+
+}  // namespace pavix

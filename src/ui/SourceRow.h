@@ -1,0 +1,21 @@
+#pragma once
+
+#include <QWidget>
+
+#include "core/capture/CaptureSource.h"
+
+namespace pavix {
+
+// One recordable window or display in the source list: its icon, its title and, beneath,
+// its kind and size ("Window · 800 × 600").
+class SourceRow : public QWidget {
+    Q_OBJECT
+
+  public:
+    explicit SourceRow(const CaptureSource& source, QWidget* parent = nullptr);
+
+    // The line beneath the title.
+    static QString detail(const CaptureSource& source);
+};
+
+}  // namespace pavix

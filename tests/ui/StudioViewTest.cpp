@@ -1,0 +1,205 @@
+// The main window on the real desktop session, over a model with fake capture parts and a
+// scripted service on loopback. The model runs on a thread of its own, as in the application;
+// the test clicks like a person and waits for the window to follow the model.
+#include <glib.h>
+#include <gtest/gtest.h>
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QCheckBox>
+#include <QLabel>
+#include <QListWidget>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QTest>
+#include <QToolButton>
+#include <thread>
+
+#include "core/runtime/Uuid.h"
+#include "linux/GioTrash.h"
+#include "support/EditorDesktop.h"
+#include "support/FakeCapturePlatform.h"
+#include "support/ScriptedUploads.h"
+#include "support/StudioHarness.h"
+#include "ui/RecordingRow.h"
+#include "ui/StudioBridge.h"
+#include "ui/StudioView.h"
+#include "ui/Theme.h"
+
+namespace pavix::test {
+namespace {
+
+namespace fs = std::filesystem;
+using Stage = LocalCapture::Stage;
+
+class StudioViewTest : public ::testing::Test {
+  protected:
+    StudioViewTest() : h(fastTiming(), capture.platform()) {
+        Theme::apply(*qApp);
+        h.studio().environment().trash = &trash;
+        h.content.set(editorDesktop());
+        h.await(h.studio().refreshSources());
+        h.studio().selectSource("window-4242");
+        h.pairWithCode();
+        // The user records by themselves only while no agent session runs.
+        h.await(h.studio().disconnect("Disconnected. Local videos remain on this computer."));
+        bridge = std::make_unique<StudioBridge>(h.studio(), h.io.get_executor());
+        view = std::make_unique<StudioView>(*bridge, h.library);
+        view->show();
+        model = std::thread([this] { h.io.run(); });
+    }
+    ~StudioViewTest() override {
+        h.io.stop();
+        model.join();
+        view.reset();
+        bridge.reset();
+    }
+
+    // Waits until the window's snapshot satisfies `condition`.
+    bool until(const std::function<bool(const StudioState&)>& condition) {
+        return QTest::qWaitFor([&] { return condition(bridge->snapshot().state); }, 10'000);
+    }
+    template <class T>
+    T* find(const QString& text) {
+        for (auto* widget : view->findChildren<T*>()) {
+            if (widget->text() == text) {
+                return widget;
+            }
+        }
+        return nullptr;
+    }
+    QLabel* status() {
+        for (auto* label : view->findChildren<QLabel*>()) {
+            if (label->accessibleName() == "Status") {
+                return label;
+            }
+        }
+        return nullptr;
+    }
+    RecordingRow* row(int index) {
+        auto* list = view->findChild<QListWidget*>();
+        for (auto* candidate : view->findChildren<QListWidget*>()) {
+            if (candidate->accessibleName() == "On this computer") {
+                list = candidate;
+            }
+        }
+        return static_cast<RecordingRow*>(list->itemWidget(list->item(index)));
+    }
+    QToolButton* action(RecordingRow* row, const QString& name) {
+        for (auto* button : row->findChildren<QToolButton*>()) {
+            if (button->accessibleName() == name) {
+                return button;
+            }
+        }
+        return nullptr;
+    }
+    // Records by clicking "Record it yourself", then "Stop"; returns the record's id.
+    std::string recordAndStop() {
+        auto id = Uuid::make();
+        uploads.issue(id);
+        QTest::mouseClick(find<QPushButton>("Record it yourself"), Qt::LeftButton);
+        EXPECT_TRUE(until([](const StudioState& s) { return s.recording && s.manual; }));
+        EXPECT_TRUE(QTest::qWaitFor([&] { return find<QPushButton>("Stop") != nullptr; }));
+        QTest::mouseClick(find<QPushButton>("Stop"), Qt::LeftButton);
+        EXPECT_TRUE(until([](const StudioState& s) { return !s.recording && !s.busy; }));
+        return Uuid::upper(id);
+    }
+
+    testing::FakeCaptureParts capture;
+    StudioHarness h;
+    ScriptedUploads uploads{h.server};
+    GioTrash trash;
+    std::unique_ptr<StudioBridge> bridge;
+    std::unique_ptr<StudioView> view;
+    std::thread model;
+};
+
+TEST_F(StudioViewTest, ApprovalRecordAndStopFollowTheModel) {
+    auto* consent = view->findChild<QCheckBox*>();
+    ASSERT_NE(consent, nullptr);
+    QTest::mouseClick(consent, Qt::LeftButton, {}, QPoint(4, consent->height() / 2));
+    ASSERT_TRUE(until([](const StudioState& s) { return s.consent; }));
+
+    auto id = Uuid::make();
+    uploads.issue(id);
+    QTest::mouseClick(find<QPushButton>("Record it yourself"), Qt::LeftButton);
+    ASSERT_TRUE(until([](const StudioState& s) { return s.recording; }));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return find<QPushButton>("Stop") != nullptr; }));
+    EXPECT_EQ(status()->text(), "Recording Text Editor — notes.txt. Press Stop when done.");
+    // The share button says why it cannot be pressed, and the sources cannot change.
+    EXPECT_FALSE(find<QPushButton>("Share with agent")->isEnabled());
+    EXPECT_NE(find<QLabel>("Stop the current recording first."), nullptr);
+    EXPECT_FALSE(view->findChild<QListWidget*>()->isEnabled());
+    EXPECT_FALSE(consent->isEnabled());
+
+    QTest::mouseClick(find<QPushButton>("Stop"), Qt::LeftButton);
+    ASSERT_TRUE(until([](const StudioState& s) { return !s.busy && !s.recording; }));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return find<QLabel>("Uploaded") != nullptr; }));
+    EXPECT_EQ(status()->text(),
+              "Uploaded. Ask your agent to render it, or open your Pavix library.");
+    EXPECT_TRUE(uploads.upload(id) && uploads.upload(id)->published);
+    EXPECT_FALSE(consent->isChecked());
+    EXPECT_TRUE(find<QPushButton>("Record it yourself")->isEnabled());
+    // The latest recording stays the model's own until the next begins: not played, not
+    // deleted, and an uploaded one offers no retry.
+    auto* uploaded = row(0);
+    EXPECT_FALSE(action(uploaded, "Retry upload")->isVisible());
+    EXPECT_FALSE(action(uploaded, "Play")->isEnabled());
+    EXPECT_FALSE(action(uploaded, "Move to Trash")->isEnabled());
+    EXPECT_TRUE(action(uploaded, "Show in folder")->isEnabled());
+}
+
+TEST_F(StudioViewTest, AFailedUploadIsRetriedFromItsRowWithProgress) {
+    uploads.fault(ScriptedUploads::Fault::badGateway);
+    auto id = recordAndStop();
+    ASSERT_TRUE(until([&](const StudioState& s) {
+        return !s.recent.empty() && s.recent[0].stage == Stage::saved && !s.uploading;
+    }));
+    EXPECT_EQ(status()->text().left(60),
+              QString("Upload did not finish. Local video saved; use Retry upload. ").left(60));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return action(row(0), "Retry upload")->isEnabled(); }));
+
+    // The retry shows the upload's progress in the row while it runs.
+    bool progressSeen = false;
+    auto watch = QObject::connect(bridge.get(), &StudioBridge::changed, [&] {
+        if (auto* bar = row(0)->findChild<QProgressBar*>(); bar && bar->isVisible()) {
+            progressSeen = true;
+        }
+    });
+    QTest::mouseClick(action(row(0), "Retry upload"), Qt::LeftButton);
+    ASSERT_TRUE(until([&](const StudioState& s) {
+        return !s.recent.empty() && s.recent[0].stage == Stage::uploaded && !s.uploading;
+    }));
+    QObject::disconnect(watch);
+    EXPECT_TRUE(progressSeen);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return find<QLabel>("Uploaded") != nullptr; }));
+    EXPECT_EQ(status()->text(), "Capture recovered. Ask your agent to render and export.");
+    EXPECT_TRUE(uploads.upload(Uuid::lower(id))->published);
+}
+
+TEST_F(StudioViewTest, TheDeleteConfirmationKeepsOrMovesTheVideoToTheRealTrash) {
+    auto id = recordAndStop();
+    recordAndStop();  // the first is no longer the latest, so it may go
+    const auto video = h.library / ("Pavix-" + id + ".mp4");
+    ASSERT_TRUE(fs::exists(video));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return action(row(1), "Move to Trash")->isEnabled(); }));
+    EXPECT_FALSE(action(row(0), "Move to Trash")->isEnabled());
+
+    std::vector<bool> answers = {false, true};  // "Keep", then "Move to Trash"
+    int asked = 0;
+    view->confirmRemoval = [&](QWidget*) { return answers[asked++]; };
+    QTest::mouseClick(action(row(1), "Move to Trash"), Qt::LeftButton);
+    EXPECT_EQ(asked, 1);
+    EXPECT_TRUE(fs::exists(video)) << "kept";
+
+    QTest::mouseClick(action(row(1), "Move to Trash"), Qt::LeftButton);
+    EXPECT_EQ(asked, 2);
+    ASSERT_TRUE(until([](const StudioState& s) { return s.recent.size() == 1; }));
+    EXPECT_FALSE(fs::exists(video));
+    const auto trashed = fs::path(g_get_user_data_dir()) / "Trash" / "files" / video.filename();
+    EXPECT_TRUE(fs::exists(trashed)) << trashed;
+    EXPECT_EQ(status()->text(), "Local copy moved to Trash. Cloud recordings are unchanged.");
+}
+
+}  // namespace
+}  // namespace pavix::test
