@@ -94,22 +94,21 @@ TEST_F(Journal, LoadSkipsWhatIsNotAValidSideCarOfItsOwnRecord) {
     write("not-a-uuid.json", json.dump());
     write(id(4) + ".json", json.dump());  // decodes, but names another record
     write(id(5) + ".json", "{\"id\": ");  // truncated
-    auto unknownStage = json;
-    unknownStage["id"] = id(6);
-    unknownStage["stage"] = "exploded";
-    write(id(6) + ".json", unknownStage.dump());
-    auto missingWidth = json;
-    missingWidth["id"] = id(7);
-    missingWidth.erase("width");
-    write(id(7) + ".json", missingWidth.dump());
-    auto wrongType = json;
-    wrongType["id"] = id(8);
-    wrongType["height"] = "720";
-    write(id(8) + ".json", wrongType.dump());
-    auto nullOptional = json;
-    nullOptional["id"] = id(9);
-    nullOptional["durationMs"] = nullptr;
-    write(id(9) + ".json", nullOptional.dump());
+    // The good side-car as record `n`, with `key` changed (or taken out when `value` is absent).
+    auto variant = [&](int n, const char* key, std::optional<nlohmann::json> value) {
+        auto changed = json;
+        changed["id"] = id(n);
+        if (value) {
+            changed[key] = *value;
+        } else {
+            changed.erase(key);
+        }
+        write(id(n) + ".json", changed.dump());
+    };
+    variant(6, "stage", "exploded");
+    variant(7, "width", std::nullopt);
+    variant(8, "height", "720");  // the wrong type
+    variant(9, "durationMs", nullptr);
 
     auto loaded = journal.load();
     ASSERT_EQ(loaded.size(), 2u);
@@ -144,41 +143,42 @@ TEST_F(Journal, EqualDatesKeepTheirListingOrder) {
 }
 
 TEST_F(Journal, RecoveryClosesWhatTheLastRunLeftOpen) {
-    journal.save(record(id(1), 1, Stage::recording));
-    journal.save(record(id(2), 2, Stage::finalizing));
-    journal.save(record(id(3), 3, Stage::uploading));
-    journal.save(record(id(4), 4, Stage::uploaded));
-    journal.save(record(id(5), 5, Stage::interrupted));
-    auto recovered = journal.recover();
-    std::vector<Stage> stages;
-    for (const auto& capture : recovered) {
-        stages.push_back(capture.stage);
+    // Each stage a run may leave behind, and what it becomes at the next launch.
+    const std::vector<std::pair<Stage, Stage>> closes{{Stage::recording, Stage::interrupted},
+                                                      {Stage::finalizing, Stage::interrupted},
+                                                      {Stage::uploading, Stage::saved},
+                                                      {Stage::uploaded, Stage::uploaded},
+                                                      {Stage::interrupted, Stage::interrupted}};
+    std::vector<Stage> expected;
+    for (std::size_t n = 0; n < closes.size(); ++n) {
+        journal.save(record(id(int(n)), double(n), closes[n].first));
+        expected.insert(expected.begin(), closes[n].second);  // newest first
     }
-    EXPECT_EQ(stages, (std::vector<Stage>{Stage::interrupted, Stage::uploaded, Stage::saved,
-                                          Stage::interrupted, Stage::interrupted}));
-    // And so on disk.
-    auto again = journal.load();
-    EXPECT_EQ(again[2].stage, Stage::saved);
-    EXPECT_EQ(again[4].stage, Stage::interrupted);
+    auto stagesOf = [](const std::vector<LocalCapture>& captures) {
+        std::vector<Stage> stages;
+        for (const auto& capture : captures) {
+            stages.push_back(capture.stage);
+        }
+        return stages;
+    };
+    EXPECT_EQ(stagesOf(journal.recover()), expected);
+    EXPECT_EQ(stagesOf(journal.load()), expected);  // and so on disk
 }
 
-TEST_F(Journal, AFailedWriteKeepsThePreviousRecord) {
+// A write goes to a temporary file that is renamed over the side-car: a write that fails keeps
+// the previous record, and a temporary left by an interrupted write is never read.
+TEST_F(Journal, WritesNeverLoseOrTearARecord) {
     auto capture = record(id(1), 10, Stage::saved);
     journal.save(capture);
-    // Something in the way of the temporary file makes the write fail before the rename.
-    fs::create_directory(journal.directory() / ("." + id(1) + ".json.tmp"));
+    auto temporary = journal.directory() / ("." + id(1) + ".json.tmp");
+    fs::create_directory(temporary);  // in the way: the write fails before the rename
     capture.stage = Stage::uploading;
     EXPECT_THROW(journal.save(capture), std::system_error);
-    auto loaded = journal.load();
-    ASSERT_EQ(loaded.size(), 1u);
-    EXPECT_EQ(loaded[0].stage, Stage::saved);
-}
+    ASSERT_EQ(journal.load().size(), 1u);
+    EXPECT_EQ(journal.load()[0].stage, Stage::saved);
 
-TEST_F(Journal, AFailedWriteLeavesNoTornSideCar) {
-    auto capture = record(id(1), 10, Stage::saved);
-    journal.save(capture);
-    // A leftover temporary of an interrupted write is never read as a record.
-    write("." + id(1) + ".json.tmp", "{\"id\":");
+    fs::remove(temporary);
+    write(temporary.filename().string(), "{\"id\":");
     capture.stage = Stage::uploaded;
     journal.save(capture);
     auto loaded = journal.load();

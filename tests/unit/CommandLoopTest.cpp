@@ -8,7 +8,7 @@
 
 #include "core/runtime/Uuid.h"
 #include "core/session/CommandEnvelope.h"
-#include "core/session/ErrorText.h"
+#include "support/EditorDesktop.h"
 #include "support/StudioHarness.h"
 #include "support/StudioTestAccess.h"
 
@@ -18,22 +18,27 @@ namespace {
 using nlohmann::json;
 using std::chrono::milliseconds;
 
+// The editor's desktop, with a second window too narrow to be offered.
 ShareableContentSnapshot desktop() {
-    ShareableContentSnapshot snapshot;
-    ShareableWindow editor;
-    editor.id = 4242;
-    editor.title = "notes.txt";
-    editor.appName = "Text Editor";
-    editor.width = 800;
-    editor.height = 600;
-    editor.onScreen = true;
-    ShareableWindow tiny = editor;
+    auto snapshot = editorDesktop();
+    auto tiny = snapshot.windows[0];
     tiny.id = 7;
     tiny.width = 319;
-    snapshot.windows = {editor, tiny};
-    snapshot.displays = {{77, 0, 0, 1920, 1080}};
+    snapshot.windows.push_back(tiny);
     return snapshot;
 }
+
+// Poll replies that hold no command to take: not an object, no command object, or an id that
+// is no UUID.
+const std::vector<json> kMalformed{
+    json::object(),
+    json::array(),
+    json::array({1, 2}),
+    json::parse(R"({"command":{}})"),
+    json::parse(R"({"command":"listSources"})"),
+    json::parse(R"({"command":{"id":"abc","method":"listSources"}})"),
+    json::parse(R"({"command":{"id":12,"method":"listSources"}})"),
+    json::parse(R"({"command":{"id":"0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F00"}})")};
 
 class CommandLoop : public ::testing::Test {
   protected:
@@ -132,14 +137,10 @@ TEST(CommandEnvelopeRules, AgentErrorTextPassesOnlyActionableCodes) {
 
 TEST(CommandEnvelopeRules, OnlyCommandsWithAUuidAreTaken) {
     using CommandEnvelope::parse;
+    for (const auto& reply : kMalformed) {
+        EXPECT_FALSE(parse(reply)) << reply.dump();
+    }
     auto id = std::string("0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0");
-    EXPECT_FALSE(parse(json::object()));
-    EXPECT_FALSE(parse(json::array()));
-    EXPECT_FALSE(parse(json::parse(R"({"command":{}})")));
-    EXPECT_FALSE(parse(json::parse(R"({"command":"listSources"})")));
-    EXPECT_FALSE(parse(json::parse(R"({"command":{"id":"abc","method":"listSources"}})")));
-    EXPECT_FALSE(parse(json::parse(R"({"command":{"id":12,"method":"listSources"}})")));
-    EXPECT_FALSE(parse({{"command", {{"id", id + "0"}}}}));
     auto taken = parse({{"command", {{"id", id}, {"method", 5}, {"args", {{"a", 1}}}}}});
     ASSERT_TRUE(taken);
     EXPECT_EQ(taken->id, id);  // exactly as it arrived, capitals included
@@ -150,15 +151,12 @@ TEST(CommandEnvelopeRules, OnlyCommandsWithAUuidAreTaken) {
 }
 
 TEST_F(CommandLoop, EmptyAndMalformedCommandsGetNoReplyAndPollingGoesOn) {
-    h.service.queue(json::object());
-    h.service.queue({{"command", json::object()}});
-    h.service.queue({{"command", {{"id", "abc"}, {"method", "listSources"}}}});
-    h.service.queue({{"command", {{"id", 12}, {"method", "listSources"}}}});
-    h.service.queue({{"command", "listSources"}});
-    h.service.queue(json::array({1, 2}));
+    for (const auto& reply : kMalformed) {
+        h.service.queue(reply);
+    }
     auto before = polls();
     // Every queued reply is taken by one poll; the loop keeps asking afterwards.
-    ASSERT_TRUE(h.runUntil([&] { return polls() >= before + 7; }));
+    ASSERT_TRUE(h.runUntil([&] { return polls() >= before + kMalformed.size() + 1; }));
     EXPECT_EQ(h.server.count(path("result/abc")), 0u);
     EXPECT_TRUE(h.service.results().empty());
     EXPECT_TRUE(h.studio().state().connected);
@@ -206,38 +204,63 @@ TEST_F(CommandLoop, AResultForAnEndedConnectionIsNeverPosted) {
     EXPECT_FALSE(h.log.contains("pavix command listSources failed"));
 }
 
-TEST_F(CommandLoop, ServerRefusalsEndTheSessionButTransientOnesReconnect) {
-    // 501 is not transient: the session ends with the refusal sentence.
-    h.server.reply(path("poll"), 501, R"({"error":"not_implemented"})");
-    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
-    ASSERT_TRUE(h.runUntil([&] { return h.server.count(path("disconnect")) == 1; }));
-    EXPECT_EQ(h.studio().state().status,
+// A poll that fails for a moment (a bad gateway, a dropped connection) is followed by one
+// reconnect with the saved credential after the delay; any other failure ends the session at
+// the service with its sentence, and nothing reconnects.
+TEST_F(CommandLoop, APollFailureReconnectsWhenMomentaryAndElseEndsTheSession) {
+    struct Case {
+        int status;  // 0: the connection drops halfway through the reply
+        std::string body;
+        std::string sentence;
+    };
+    const std::string unreachable = "Pavix is unreachable for a moment. Reconnecting…";
+    for (const auto& c : std::vector<Case>{
+             {502, "Bad Gateway", unreachable},
+             {0, "", unreachable},
+             {501, R"({"error":"not_implemented"})",
               "Server refused the request (501). Try sharing again; your local files are "
-              "preserved.");
-    EXPECT_FALSE(h.studio().reconnectPending());
-    h.runFor(h.studio().timing().reconnectDelay * 2);
-    EXPECT_EQ(h.server.count(path("device/refresh")), 0u);
-}
-
-TEST_F(CommandLoop, BadGatewayReconnectsOnceAfterTheDelay) {
-    std::atomic<int> failures{1};
-    h.server.on(path("poll"), [&](const httplib::Request&, httplib::Response& response) {
-        if (failures-- > 0) {
-            response.status = 502;
-            response.set_content("Bad Gateway", "text/plain");
-            return;
+              "preserved."},
+             {200, R"({"command": {"id")", "The server sent a reply that is not valid JSON."},
+             {401, R"({"error":"device_credentials_expired"})",
+              "This computer's credential expired or was revoked. Pair again with a new code "
+              "from your agent; local videos are preserved."}}) {
+        SCOPED_TRACE(c.status);
+        const bool momentary = c.sentence == unreachable;
+        auto failed = std::make_shared<std::atomic<bool>>(false);
+        // A momentary failure hits the first poll only.
+        h.server.on(path("poll"),
+                    [c, momentary, failed](const httplib::Request&, httplib::Response& response) {
+                        if (momentary && failed->exchange(true)) {
+                            std::this_thread::sleep_for(milliseconds(50));
+                            response.set_content("{}", "application/json");
+                        } else if (c.status == 0) {
+                            TestServer::truncate(response, 200, 20);
+                        } else {
+                            response.status = c.status;
+                            response.set_content(c.body, "application/json");
+                        }
+                    });
+        if (!h.studio().state().connected) {
+            h.pairWithCode();
         }
-        std::this_thread::sleep_for(milliseconds(50));
-        response.set_content("{}", "application/json");
-    });
-    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
-    EXPECT_EQ(h.studio().state().status, "Pavix is unreachable for a moment. Reconnecting…");
-    EXPECT_TRUE(h.studio().reconnectPending());
-    EXPECT_EQ(h.server.count(path("disconnect")), 0u);
-    // Reconnected by resuming the saved credential, on a new connection.
-    ASSERT_TRUE(h.runUntil([&] { return h.studio().state().connected; }));
-    EXPECT_EQ(h.server.count(path("device/resume")), 1u);
-    EXPECT_EQ(h.server.count(path("pair")), 1u);
+        auto count = [&](const char* name) { return h.server.count(path(name)); };
+        auto [resumes, pairs, ends, refreshes] = std::tuple(
+            count("device/resume"), count("pair"), count("disconnect"), count("device/refresh"));
+        ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
+        EXPECT_EQ(h.studio().state().status, c.sentence);
+        EXPECT_EQ(h.studio().reconnectPending(), momentary);
+        if (momentary) {
+            EXPECT_EQ(count("disconnect"), ends);
+            ASSERT_TRUE(h.runUntil([&] { return h.studio().state().connected; }));
+            EXPECT_EQ(count("device/resume"), resumes + 1);  // the saved credential, resumed
+            EXPECT_EQ(count("pair"), pairs);
+        } else {
+            ASSERT_TRUE(h.runUntil([&] { return count("disconnect") == ends + 1; }));
+            h.runFor(h.studio().timing().reconnectDelay * 2);
+            EXPECT_EQ(count("device/refresh"), refreshes);
+            EXPECT_FALSE(h.studio().state().connected);
+        }
+    }
 }
 
 TEST_F(CommandLoop, OnlyOneReconnectIsEverPending) {
@@ -251,37 +274,6 @@ TEST_F(CommandLoop, OnlyOneReconnectIsEverPending) {
     ASSERT_TRUE(h.runUntil([&] { return h.studio().state().connected; }));
     h.runFor(h.studio().timing().reconnectDelay * 2);
     EXPECT_EQ(h.server.count(path("device/refresh")), 1u);
-}
-
-TEST_F(CommandLoop, DroppedAndGarbledPollsNeverCrash) {
-    // A dropped connection counts as transient.
-    std::atomic<int> cuts{1};
-    h.server.on(path("poll"), [&](const httplib::Request&, httplib::Response& response) {
-        if (cuts-- > 0) {
-            TestServer::truncate(response, 200, 20);
-            return;
-        }
-        std::this_thread::sleep_for(milliseconds(50));
-        response.set_content("{}", "application/json");
-    });
-    ASSERT_TRUE(h.runUntil([&] { return h.studio().reconnectPending(); }));
-    ASSERT_TRUE(h.runUntil([&] { return h.studio().state().connected; }));
-
-    // A 200 that is not JSON is no transient failure: the session ends with its sentence.
-    h.server.on(path("poll"), [](const httplib::Request&, httplib::Response& response) {
-        response.set_content("{\"command\": {\"id\"", "application/json");
-    });
-    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
-    ASSERT_TRUE(h.runUntil([&] { return h.server.count(path("disconnect")) == 1; }));
-    EXPECT_EQ(h.studio().state().status, "The server sent a reply that is not valid JSON.");
-
-    // An expired credential ends it with the credential sentence.
-    h.server.reply(path("poll"), 401, R"({"error":"device_credentials_expired"})");
-    h.pairWithCode();
-    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
-    EXPECT_EQ(h.studio().state().status,
-              "This computer's credential expired or was revoked. Pair again with a new code "
-              "from your agent; local videos are preserved.");
 }
 
 TEST_F(CommandLoop, WatchdogEndsTheSessionWhenSpaceRunsOutOrTheSourceGoes) {

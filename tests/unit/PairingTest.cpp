@@ -61,57 +61,61 @@ TEST_F(Pairing, CodeIsTrimmedAndTheCredentialIsKeptPerServer) {
     ASSERT_TRUE(h.runUntil([&] { return h.server.count(path("poll")) > 0; }));
 }
 
-TEST_F(Pairing, ReplyWithoutTokenOrForAnotherModeIsRefused) {
+// A refused pairing leaves the computer unpaired with nothing saved, and says why.
+TEST_F(Pairing, ARefusedPairingSaysWhyAndKeepsNothing) {
+    auto expectRefused = [&](const std::string& sentence, const std::string& code) {
+        const auto& state = h.studio().state();
+        EXPECT_EQ(state.status, sentence);
+        EXPECT_EQ(state.lastErrorCode, code);
+        EXPECT_FALSE(state.connected || state.paired || state.busy);
+        EXPECT_EQ(savedSecret(), "");
+    };
+    // A keyring that refuses to store the credential.
+    h.secrets.failWith = KeychainError::kInteractionNotAllowed;
+    h.studio().setCode("ABCD-1234");
+    h.await(h.studio().pair());
+    h.secrets.failWith = 0;
+    expectRefused("Pavix could not access its saved device credential in the keyring (-25308).",
+                  "other");
+
+    // Replies that are no pairing for this computer app.
     struct Case {
-        json reply;
-        std::string status;
+        int status;
+        std::string reply;
+        std::string sentence;
         std::string code = "app_rule";
     };
-    auto identity = json{{"deviceId", "d"},
-                         {"accessToken", "a"},
-                         {"accessExpiresAt", 1e13},
-                         {"refreshToken", "r"},
-                         {"refreshExpiresAt", 1e13}};
+    auto identity = json::parse(R"({"deviceId":"d","accessToken":"a","accessExpiresAt":1e13,
+                                    "refreshToken":"r","refreshExpiresAt":1e13})");
     auto browser = identity;
     browser["token"] = "t";
     browser["mode"] = "browser";
     auto numericToken = identity;
     numericToken["token"] = 42;
     numericToken["mode"] = "desktop";
-    auto brokenIdentity = json{{"token", "t"}, {"mode", "desktop"}, {"deviceId", 7}};
+    const std::string invalid = "Invalid pairing response";
     for (const auto& c : std::vector<Case>{
-             {identity, "Invalid pairing response"},
-             {numericToken, "Invalid pairing response"},
-             {browser, "Ask your agent to use desktop_recording_pair for this computer app."},
-             {brokenIdentity, "The data couldn't be read because it isn't in the correct format.",
-              "other"},
-             {json::array(), "Invalid pairing response"}}) {
-        h.server.reply(path("pair"), 200, c.reply.dump());
+             {200, identity.dump(), invalid},
+             {200, numericToken.dump(), invalid},
+             {200, browser.dump(),
+              "Ask your agent to use desktop_recording_pair for this computer app."},
+             {200, R"({"token":"t","mode":"desktop","deviceId":7})",
+              "The data couldn't be read because it isn't in the correct format.", "other"},
+             {200, "[]", invalid},
+             {400, R"({"error":"pairing_code_invalid"})",
+              "That pairing code is invalid or expired. Ask your agent for a new one.",
+              "pairing_code_invalid"}}) {
+        SCOPED_TRACE(c.reply);
+        h.server.reply(path("pair"), c.status, c.reply);
         h.studio().setCode("CODE");
         h.await(h.studio().pair());
-        EXPECT_EQ(h.studio().state().status, c.status) << c.reply.dump();
-        EXPECT_FALSE(h.studio().state().connected);
-        EXPECT_FALSE(h.studio().state().paired);
-        EXPECT_FALSE(h.studio().state().busy);
-        EXPECT_EQ(savedSecret(), "");
-        EXPECT_EQ(h.studio().state().lastErrorCode, c.code);
+        expectRefused(c.sentence, c.code);
     }
-}
-
-TEST_F(Pairing, RefusedCodeAndBadServerGiveTheirSentences) {
-    h.server.reply(path("pair"), 400, R"({"error":"pairing_code_invalid"})");
-    h.studio().setCode("WRONG");
-    h.await(h.studio().pair());
-    EXPECT_EQ(h.studio().state().status,
-              "That pairing code is invalid or expired. Ask your agent for a new one.");
-    EXPECT_EQ(h.studio().state().lastErrorCode, "pairing_code_invalid");
     EXPECT_TRUE(h.log.contains("pair failed: That pairing code is invalid"));
 
     h.studio().setServer("http://example.com");
     h.await(h.studio().pair());
-    EXPECT_EQ(h.studio().state().status, "Use an HTTPS server, or localhost for development.");
-    EXPECT_FALSE(h.studio().state().busy);
-    EXPECT_EQ(h.studio().state().lastErrorCode, "app_rule");
+    expectRefused("Use an HTTPS server, or localhost for development.", "app_rule");
 }
 
 TEST_F(Pairing, ABadServerTypedInWhileASessionRunsEndsThatSessionAtItsServer) {
@@ -306,16 +310,6 @@ TEST_F(Pairing, ForgettingRevokesRemovesAndUnpairs) {
     EXPECT_EQ(seen[2].path, path("device/revoke"));
     EXPECT_EQ(seen[2].header("Authorization"),
               "Bearer " + h.service.lastCredential()["accessToken"].get<std::string>());
-}
-
-TEST_F(Pairing, KeyringFailuresBecomeTheKeyringSentence) {
-    h.secrets.failWith = KeychainError::kInteractionNotAllowed;
-    h.studio().setCode("ABCD-1234");
-    h.await(h.studio().pair());
-    EXPECT_EQ(h.studio().state().status,
-              "Pavix could not access its saved device credential in the keyring (-25308).");
-    EXPECT_FALSE(h.studio().state().paired);
-    EXPECT_FALSE(h.studio().state().connected);
 }
 
 TEST_F(Pairing, OnlyOnePairingRunsAtATime) {

@@ -4,11 +4,9 @@
 
 #include <asio/co_spawn.hpp>
 #include <atomic>
-
-#include <iostream>
-
 #include <fstream>
 #include <future>
+#include <iostream>
 
 #include "core/capture/CaptureError.h"
 #include "core/runtime/Uuid.h"
@@ -65,6 +63,15 @@ class Recording : public ::testing::Test {
     }
     static json withCapture(const std::string& id) { return json::array({{{"captureId", id}}}); }
     std::string path(const std::string& name) { return ScriptedService::path(name); }
+    // The state's flags that are set, in a fixed order, so that one expectation covers them all.
+    std::string flags() {
+        const auto& s = h.studio().state();
+        auto set = std::string(s.paired ? " paired" : "") + (s.connected ? " connected" : "") +
+                   (s.busy ? " busy" : "") + (s.consent ? " consent" : "") +
+                   (s.recording ? " recording" : "") + (s.manual ? " manual" : "") +
+                   (s.uploading ? " uploading" : "");
+        return set.empty() ? set : set.substr(1);
+    }
 
     testing::FakeCaptureParts capture;
     StudioHarness h;
@@ -94,18 +101,20 @@ TEST_F(Recording, AgentRecordingIsJournaledFinishedUploadedAndPublished) {
     EXPECT_EQ(started["meta"]["desktopWindow"],
               json::parse(R"({"requested":"1080p","width":800,"height":600,"resized":false,
                               "reason":"control_off"})"));
-    EXPECT_TRUE(h.studio().state().recording);
-    EXPECT_FALSE(h.studio().state().manual);
+    EXPECT_EQ(flags(), "paired connected consent recording");
     EXPECT_EQ(h.studio().state().recordingSource, "Text Editor — notes.txt");
     auto file = h.studio().journal().file(h.studio().current()->id);
     EXPECT_TRUE(fs::exists(file));
     EXPECT_EQ(h.studio().current()->deviceId, "device-1");
     EXPECT_EQ(h.studio().current()->serverOrigin, h.server.base());
 
-    // A moment marked while recording is kept with the recording.
+    // A moment marked while recording is kept with the recording; no still is taken meanwhile.
     auto moment = call("markDemoMoment", json::array({{{"label", "opened the menu"}}}));
     EXPECT_EQ(moment["value"]["count"], 1);
     EXPECT_EQ(h.studio().moments()[0]["label"], "opened the menu");
+    EXPECT_EQ(call("screenshot")["error"], "local_browser_action_failed");
+    EXPECT_TRUE(h.log.contains(
+        "pavix command screenshot failed: Preview is available after recording stops."));
 
     auto stopped = call("stopRecording");
     EXPECT_EQ(stopped["value"], json({{"body", "desktop_upload"},
@@ -129,12 +138,10 @@ TEST_F(Recording, AgentRecordingIsJournaledFinishedUploadedAndPublished) {
     EXPECT_EQ(upload.media["width"], saved.width);
     EXPECT_EQ(h.studio().state().status,
               "Uploaded. Ask your agent to render it, or open your Pavix library.");
-    EXPECT_FALSE(h.studio().state().consent);  // every recording needs a new approval
-    EXPECT_FALSE(h.studio().state().recording);
+    EXPECT_EQ(flags(), "paired connected");  // every recording needs a new approval
     EXPECT_EQ(h.studio().state().saved, file);
     ASSERT_EQ(h.studio().state().recent.size(), 1u);
     EXPECT_EQ(h.studio().state().recent[0].stage, Stage::uploaded);
-    EXPECT_TRUE(h.studio().state().connected);
 
     // The same capture id again never replaces the local recording.
     h.studio().setConsent(true);
@@ -145,13 +152,21 @@ TEST_F(Recording, AgentRecordingIsJournaledFinishedUploadedAndPublished) {
     EXPECT_EQ(call("stopRecording")["value"]["captureId"], "");
 }
 
-TEST_F(Recording, AgentStartRefusalsLeaveNoRecordingBehind) {
+TEST_F(Recording, AgentRefusalsLeaveNoRecordingBehind) {
     connectAndSelect();
+    // Nothing to mark or dispose of while nothing records, and these fake parts make no still
+    // pictures; the session goes on.
+    EXPECT_EQ(call("screenshot")["error"], "local_browser_action_failed");
+    EXPECT_TRUE(h.log.contains("pavix command screenshot failed: Screenshot unavailable"));
+    EXPECT_EQ(call("markDemoMoment")["error"], "local_browser_action_failed");
+    EXPECT_TRUE(h.log.contains("No capture is running."));
+    EXPECT_EQ(call("dispose")["error"], "local_browser_action_failed");
+    EXPECT_TRUE(h.log.contains("Desktop preview supports capture only."));
+    EXPECT_EQ(flags(), "paired connected");
+
     h.studio().setConsent(true);
     EXPECT_EQ(call("startRecording", withCapture("not-a-uuid"))["error"],
               "local_browser_action_failed");
-    EXPECT_EQ(call("markDemoMoment")["error"], "local_browser_action_failed");
-    EXPECT_TRUE(h.log.contains("No capture is running."));
 
     h.volume.set(524'287'999);  // one byte under the start guard
     EXPECT_EQ(call("startRecording", withCapture(Uuid::make()))["error"],
@@ -159,7 +174,7 @@ TEST_F(Recording, AgentStartRefusalsLeaveNoRecordingBehind) {
     EXPECT_TRUE(h.log.contains("Not enough free disk space to record safely"));
     EXPECT_FALSE(h.studio().current());
     h.volume.set(10'000'000'000);
-    EXPECT_FALSE(h.studio().state().consent);  // a refused start spends the approval too
+    EXPECT_EQ(flags(), "paired connected");  // a refused start spends the approval too
 
     // A stream that cannot start: the record exists, interrupted; the approval is spent.
     capture.streams->startError = CaptureError(CaptureError::kNoWindowList, "gone");
@@ -168,42 +183,67 @@ TEST_F(Recording, AgentStartRefusalsLeaveNoRecordingBehind) {
     EXPECT_EQ(call("startRecording", withCapture(id))["error"], "local_browser_action_failed");
     ASSERT_TRUE(h.studio().current());
     EXPECT_EQ(h.studio().current()->stage, Stage::interrupted);
-    EXPECT_FALSE(h.studio().state().consent);
-    EXPECT_FALSE(h.studio().state().recording);
+    EXPECT_EQ(flags(), "paired connected");
     EXPECT_EQ(h.studio().state().recent.at(0).stage, Stage::interrupted);
 }
 
-TEST_F(Recording, EndingTheSessionFinishesTheRecordingAndKeepsTheVideo) {
+// Every way an agent's recording can end before the agent stops it.
+struct Ending {
+    std::string name;
+    std::string status;  // the session's last sentence
+    friend void PrintTo(const Ending& ending, std::ostream* out) { *out << ending.name; }
+};
+
+class EndedRecording : public Recording, public ::testing::WithParamInterface<Ending> {
+  protected:
+    EndedRecording() : Recording(timing()) {}
+    static Timing timing() {
+        auto timing = recordingTiming();
+        if (GetParam().name == "AgentLimitReached") {
+            timing.agentRecordingLimit = std::chrono::milliseconds(200);
+        }
+        return timing;
+    }
+};
+
+// The recording is finished and its video kept, nothing is uploaded without the agent's stop,
+// and the session ends at the service with the ending's sentence.
+TEST_P(EndedRecording, FinishesTheVideoKeepsItAndEndsTheSession) {
     connectAndSelect();
     h.studio().setConsent(true);
     auto id = Uuid::make();
     ASSERT_TRUE(call("startRecording", withCapture(id)).contains("value"));
-    auto file = h.studio().journal().file(h.studio().current()->id);
-
-    h.await(h.studio().disconnect("Bye."));
-    EXPECT_FALSE(h.studio().state().recording);
+    const auto& ending = GetParam().name;
+    if (ending == "SessionEnded") {
+        h.await(h.studio().disconnect("Bye."));
+    } else if (ending == "StreamStoppedBySystem") {
+        capture.streams->fail(CaptureError(CaptureError::kSystemStoppedStream, "stopped"));
+    } else if (ending == "Disposed") {
+        EXPECT_EQ(call("dispose")["value"], json({{"disposed", true}, {"captureId", id}}));
+    }  // else the agent's limit ends it
+    ASSERT_TRUE(h.runUntil([&] { return h.studio().state().status == GetParam().status; }))
+        << h.studio().state().status;
+    ASSERT_TRUE(h.runUntil([&] { return h.server.count(path("disconnect")) == 1; }));
+    EXPECT_EQ(flags(), "paired");
     EXPECT_EQ(h.studio().current()->stage, Stage::saved);
     EXPECT_EQ(h.studio().current()->durationMs, 2500);
-    EXPECT_TRUE(fs::exists(file));
-    EXPECT_EQ(h.studio().state().status, "Bye.");
+    EXPECT_TRUE(fs::exists(h.studio().journal().file(h.studio().current()->id)));
     EXPECT_EQ(capture.encoders->finishes, 1);
-    EXPECT_FALSE(uploads.upload(id));  // nothing is uploaded without the agent's stop
+    EXPECT_FALSE(uploads.upload(id));
 }
 
-TEST_F(Recording, AStreamTheSystemEndsEndsTheSessionWithItsSentenceAndKeepsTheVideo) {
-    connectAndSelect();
-    h.studio().setConsent(true);
-    ASSERT_TRUE(call("startRecording", withCapture(Uuid::make())).contains("value"));
-    capture.streams->fail(CaptureError(CaptureError::kSystemStoppedStream, "stopped"));
-    const std::string sentence =
-        "The system stopped the capture. Recording stopped; the local capture was saved. "
-        "Approve a new recording to continue.";
-    ASSERT_TRUE(h.runUntil([&] { return h.studio().state().status == sentence; }));
-    EXPECT_FALSE(h.studio().state().connected);
-    EXPECT_FALSE(h.studio().state().recording);
-    EXPECT_EQ(h.studio().current()->stage, Stage::saved);
-    EXPECT_TRUE(fs::exists(h.studio().journal().file(h.studio().current()->id)));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Recording, EndedRecording,
+    ::testing::Values(
+        Ending{"SessionEnded", "Bye."},
+        Ending{"StreamStoppedBySystem",
+               "The system stopped the capture. Recording stopped; the local capture was saved. "
+               "Approve a new recording to continue."},
+        Ending{"Disposed",
+               "The recording session expired or was ended by your agent. Approve a new "
+               "recording to continue; local videos are preserved."},
+        Ending{"AgentLimitReached", "Five-minute limit reached. Local capture saved."}),
+    [](const ::testing::TestParamInfo<Ending>& info) { return info.param.name; });
 
 TEST_F(Recording, EndingTheSessionDuringTheUploadPutsTheRecordBackToSaved) {
     connectAndSelect();
@@ -231,43 +271,6 @@ TEST_F(Recording, EndingTheSessionDuringTheUploadPutsTheRecordBackToSaved) {
     EXPECT_TRUE(fs::exists(h.studio().journal().file(h.studio().current()->id)));
     // A retry is possible now that the session has ended.
     EXPECT_TRUE(h.studio().canRetry(*h.studio().current()));
-}
-
-TEST_F(Recording, DisposeFinishesTheRecordingAnswersAndThenEndsTheSession) {
-    connectAndSelect();
-    EXPECT_EQ(call("dispose")["error"], "local_browser_action_failed");
-    EXPECT_TRUE(h.log.contains("Desktop preview supports capture only."));
-    EXPECT_TRUE(h.studio().state().connected);
-
-    h.studio().setConsent(true);
-    ASSERT_TRUE(call("startRecording", withCapture(Uuid::make())).contains("value"));
-    auto disposed = call("dispose");
-    EXPECT_EQ(disposed["value"]["disposed"], true);
-    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
-    EXPECT_EQ(h.studio().current()->stage, Stage::saved);
-    ASSERT_TRUE(h.runUntil([&] { return h.server.count(path("disconnect")) == 1; }));
-}
-
-class ShortAgentLimit : public Recording {
-  protected:
-    static Timing timing() {
-        auto t = recordingTiming();
-        t.agentRecordingLimit = std::chrono::milliseconds(200);
-        return t;
-    }
-    ShortAgentLimit() : Recording(timing()) {}
-};
-
-TEST_F(ShortAgentLimit, TheAgentsLimitEndsTheSessionWithTheVideoSaved) {
-    connectAndSelect();
-    h.studio().setConsent(true);
-    ASSERT_TRUE(call("startRecording", withCapture(Uuid::make())).contains("value"));
-    ASSERT_TRUE(h.runUntil([&] {
-        return h.studio().state().status == "Five-minute limit reached. Local capture saved.";
-    }));
-    EXPECT_FALSE(h.studio().state().connected);
-    EXPECT_EQ(h.studio().current()->stage, Stage::saved);
-    EXPECT_FALSE(h.studio().state().recording);
 }
 
 TEST_F(Recording, ShareBlockerNamesTheFirstObstacle) {
@@ -308,20 +311,6 @@ TEST_F(Recording, ShareBlockerNamesTheFirstObstacle) {
     EXPECT_EQ(h.studio().shareBlocker(), "Update Pavix to keep recording.");
 }
 
-TEST_F(Recording, ScreenshotsAreRefusedWhileRecordingAndWithoutAPicture) {
-    connectAndSelect();
-    // These fake parts make no still pictures.
-    EXPECT_EQ(call("screenshot")["error"], "local_browser_action_failed");
-    EXPECT_TRUE(h.log.contains("pavix command screenshot failed: Screenshot unavailable"));
-    h.studio().setConsent(true);
-    auto id = Uuid::make();
-    uploads.expect(id);
-    ASSERT_TRUE(call("startRecording", withCapture(id)).contains("value"));
-    EXPECT_EQ(call("screenshot")["error"], "local_browser_action_failed");
-    EXPECT_TRUE(h.log.contains(
-        "pavix command screenshot failed: Preview is available after recording stops."));
-}
-
 // The user's own recording: paired, not sharing with the agent.
 class ManualRecording : public Recording {
   protected:
@@ -337,10 +326,7 @@ TEST_F(ManualRecording, RecordNowRegistersRecordsAndStopUploadsOnce) {
     auto id = Uuid::make();
     uploads.issue(id);
     h.await(h.studio().recordNow());
-    ASSERT_TRUE(h.studio().state().recording) << h.studio().state().status;
-    EXPECT_TRUE(h.studio().state().manual);
-    EXPECT_TRUE(h.studio().state().consent);
-    EXPECT_FALSE(h.studio().state().busy);
+    ASSERT_EQ(flags(), "paired consent recording manual") << h.studio().state().status;
     EXPECT_EQ(h.studio().state().status,
               "Recording Text Editor — notes.txt. Press Stop when done.");
     EXPECT_TRUE(h.log.contains("recording limit 300000 ms"));
@@ -362,13 +348,12 @@ TEST_F(ManualRecording, RecordNowRegistersRecordsAndStopUploadsOnce) {
     EXPECT_EQ(upload->begins, 1);
     EXPECT_EQ(stages, (std::vector<Stage>{Stage::recording, Stage::finalizing, Stage::saved,
                                           Stage::uploading, Stage::uploaded}));
-    const auto& state = h.studio().state();
-    EXPECT_FALSE(state.manual || state.recording || state.uploading || state.busy || state.consent);
+    EXPECT_EQ(flags(), "paired");
 
     // While an agent session is shared the user's record button does nothing.
     h.pairWithCode();
     h.await(h.studio().recordNow());
-    EXPECT_FALSE(h.studio().state().recording);
+    EXPECT_EQ(flags(), "paired connected");
 }
 
 TEST_F(ManualRecording, TheServiceNamesTheLengthWhenItGivesWholeMilliseconds) {
@@ -395,7 +380,7 @@ TEST_F(ManualRecording, AStartThatFailsLeavesFlagsClearAndSaysWhy) {
     h.await(h.studio().recordNow());
     EXPECT_EQ(h.studio().state().status, "Invalid capture response");
     EXPECT_FALSE(h.studio().current());
-    EXPECT_FALSE(h.studio().state().consent || h.studio().state().busy);
+    EXPECT_EQ(flags(), "paired");
     EXPECT_EQ(h.studio().state().lastErrorCode, "app_rule");
 
     // A capture that cannot start: the record is interrupted, the file never appears.
@@ -405,8 +390,7 @@ TEST_F(ManualRecording, AStartThatFailsLeavesFlagsClearAndSaysWhy) {
     h.await(h.studio().recordNow());
     ASSERT_TRUE(h.studio().current());
     EXPECT_EQ(h.studio().current()->stage, Stage::interrupted);
-    EXPECT_FALSE(h.studio().state().consent || h.studio().state().busy ||
-                 h.studio().state().recording);
+    EXPECT_EQ(flags(), "paired");
     EXPECT_EQ(h.studio().state().status,
               "The selected source is no longer available. Recording stopped; any saved capture "
               "remains in Videos/Pavix.");
@@ -426,7 +410,7 @@ TEST_F(ManualRecording, AStartThatFailsLeavesFlagsClearAndSaysWhy) {
               "request (503). Try sharing again; your local files are preserved.");
     EXPECT_EQ(h.studio().state().lastErrorCode, "service_unavailable");
     EXPECT_TRUE(h.log.contains("status: Saving…"));
-    EXPECT_FALSE(h.studio().state().uploading || h.studio().state().manual);
+    EXPECT_EQ(flags(), "paired");
     EXPECT_TRUE(fs::exists(h.studio().journal().file(h.studio().current()->id)));
 }
 
@@ -462,7 +446,7 @@ TEST_F(ManualRecording, AHandOverThatCannotBeginSaysWhyAndKeepsTheVideoSaved) {
     EXPECT_EQ(h.studio().state().status, failed + "Capture identity unavailable");
     EXPECT_EQ(h.studio().current()->stage, Stage::saved);
     EXPECT_EQ(h.studio().current()->durationMs, 2500);
-    EXPECT_FALSE(h.studio().state().busy || h.studio().state().manual);
+    EXPECT_EQ(flags(), "");
 }
 
 TEST_F(ManualRecording, WhileItRunsNothingElseOfTheLibraryOrTheSessionMayStart) {

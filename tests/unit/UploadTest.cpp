@@ -23,17 +23,6 @@ using Stage = LocalCapture::Stage;
 using Fault = ScriptedUploads::Fault;
 namespace fs = std::filesystem;
 
-constexpr std::int64_t MiB = 1024 * 1024;
-
-std::string failureOf(const std::function<void()>& work) {
-    try {
-        work();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "";
-}
-
 class TransferFiles : public ::testing::Test {
   protected:
     TransferFiles() {
@@ -55,41 +44,45 @@ class TransferFiles : public ::testing::Test {
     fs::path folder;
 };
 
-TEST_F(TransferFiles, FingerprintIsTheSizeAndLowerCaseSha256) {
-    auto print = CaptureTransfer::fingerprintFile(write("abc.mp4", "abc"));
-    EXPECT_EQ(print.bytes, 3);
-    EXPECT_EQ(print.sha256, "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-    // Across piece boundaries the digest is still the whole file's.
-    auto bytes = patternedBytes(CaptureTransfer::kChunkSize * 2 + 5);
-    auto large = CaptureTransfer::fingerprintFile(write("large.mp4", bytes));
-    EXPECT_EQ(large.bytes, std::int64_t(bytes.size()));
-    EXPECT_EQ(large.sha256.size(), 64u);
-    EXPECT_NE(large.sha256,
-              CaptureTransfer::fingerprintFile(write("other.mp4", bytes + "x")).sha256);
-
-    EXPECT_EQ(failureOf([&] { CaptureTransfer::fingerprintFile(write("empty.mp4", "")); }),
-              "Local video is empty.");
-    EXPECT_NE(failureOf([&] { CaptureTransfer::fingerprintFile(folder / "missing.mp4"); }), "");
-}
-
-TEST_F(TransferFiles, TheUploadLimitIsAStrictGreaterThan) {
-    auto exact =
-        CaptureTransfer::fingerprintFile(sparse("exact.mp4", CaptureTransfer::kUploadLimit));
-    EXPECT_EQ(exact.bytes, 268'435'456);
-    EXPECT_EQ(
-        failureOf([&] {
-            CaptureTransfer::fingerprintFile(sparse("over.mp4", CaptureTransfer::kUploadLimit + 1));
-        }),
-        "Capture exceeds upload limit. Local video saved.");
+// The fingerprint is the size and the lower-case SHA-256 of the whole file, across piece
+// boundaries too; a file that is empty, missing or over the upload limit has none.
+TEST_F(TransferFiles, FingerprintIsTheSizeAndLowerCaseSha256OrWhyThereIsNone) {
+    const auto limit = CaptureTransfer::kUploadLimit;
+    struct Case {
+        fs::path file;
+        std::string outcome;
+    };
+    for (const auto& c : std::vector<Case>{
+             {write("abc.mp4", "abc"),
+              "3 ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
+             {write("large.mp4", patternedBytes(CaptureTransfer::kChunkSize * 2 + 5)),
+              "8388613 e8ca008da3fb60500965db710f1607cb9dbbbce76e1beba3d1f32c889e590ee8"},
+             {sparse("exact.mp4", limit),  // the limit is a strict greater-than
+              "268435456 a6d72ac7690f53be6ae46ba88506bd97302a093f7108472bd9efc3cefda06484"},
+             {sparse("over.mp4", limit + 1), "Capture exceeds upload limit. Local video saved."},
+             {write("empty.mp4", ""), "Local video is empty."},
+             {folder / "missing.mp4", "Could not open missing.mp4: No such file or directory"}}) {
+        std::string outcome;
+        try {
+            auto print = CaptureTransfer::fingerprintFile(c.file);
+            outcome = std::to_string(print.bytes) + " " + print.sha256;
+        } catch (const std::exception& e) {
+            outcome = e.what();
+        }
+        EXPECT_EQ(outcome, c.outcome) << c.file;
+    }
 }
 
 TEST_F(TransferFiles, PiecesAreReadExactlyOrTheFileChanged) {
     auto bytes = patternedBytes(10'000);
     auto file = write("video.mp4", bytes);
-    auto piece = CaptureTransfer::readChunk(file, 4'000, 3'000);
-    EXPECT_EQ(piece, bytes.substr(4'000, 3'000));
-    EXPECT_EQ(failureOf([&] { CaptureTransfer::readChunk(file, 9'000, 3'000); }),
-              "Local video changed while uploading.");
+    EXPECT_EQ(CaptureTransfer::readChunk(file, 4'000, 3'000), bytes.substr(4'000, 3'000));
+    try {
+        CaptureTransfer::readChunk(file, 9'000, 3'000);
+        ADD_FAILURE() << "a piece past the end was read";
+    } catch (const PavixError& e) {
+        EXPECT_STREQ(e.what(), "Local video changed while uploading.");
+    }
 }
 
 // A paired computer, not sharing, with recordings in its library to retry.
@@ -190,27 +183,8 @@ TEST_F(Upload, EveryFaultFailsWithItsSentenceAndTheNextRetryResumesByteIdentical
     }
 }
 
-TEST_F(Upload, AReceiptThatIsNoByteCountStopsTheUploadAndProgressIsWholePercent) {
-    const auto bytes = patternedBytes(2 * CaptureTransfer::kChunkSize + 123);
-    h.studio().setDiagnosticsOptIn(true);
-    for (const char* reply : {R"({"received":-1})", R"({"received":8388732})", R"({})",
-                              R"({"received":"0"})", R"({"received":1.5})", R"([0])"}) {
-        SCOPED_TRACE(reply);
-        auto made = record(bytes);
-        h.server.reply(ScriptedService::path("desktop-upload/" + Uuid::lower(made.id) + "/begin"),
-                       200, reply);
-        retry(made);
-        EXPECT_EQ(h.studio().state().status,
-                  "Upload did not finish. Local video saved. Invalid upload receipt");
-        EXPECT_EQ(stageOnDisk(made), Stage::saved);
-        EXPECT_TRUE(chunkOffsets(made).empty());
-    }
-    ASSERT_TRUE(h.runUntil([&] { return h.server.count("/local-browser/diagnostics") == 6; }));
-    EXPECT_EQ(
-        json::parse(h.server.requests("/local-browser/diagnostics")[0].body),
-        json({{"event", "retry_upload_failed"}, {"code", "app_rule"}, {"appVersion", "1.2.3"}}));
-
-    auto made = record(bytes);
+TEST_F(Upload, ProgressIsWholePercent) {
+    auto made = record(patternedBytes(2 * CaptureTransfer::kChunkSize + 123));
     retry(made);
     std::vector<std::string> progress;
     for (const auto& line : h.log.lines()) {
@@ -223,16 +197,65 @@ TEST_F(Upload, AReceiptThatIsNoByteCountStopsTheUploadAndProgressIsWholePercent)
                                                   "Uploading 100%. Local video saved."}));
 }
 
-TEST_F(Upload, AFileShortenedAfterItsFingerprintIsNotSent) {
-    auto made = record(patternedBytes(CaptureTransfer::kChunkSize + 10));
-    auto file = h.studio().journal().file(made.id);
-    uploads.onBegin([file] { fs::resize_file(file, 1000); });
-    retry(made);
-    EXPECT_EQ(h.studio().state().status,
-              "Upload did not finish. Local video saved. Local video changed while uploading.");
-    EXPECT_EQ(stageOnDisk(made), Stage::saved);
-    EXPECT_TRUE(fs::exists(file));
-    EXPECT_TRUE(chunkOffsets(made).empty());
+// A retry that cannot send the file says why, keeps the video saved and sends no piece: a
+// receipt that is no byte count within the file, a file shortened after its fingerprint, one
+// over the limit (refused before the upload begins), one whose duration cannot be read.
+TEST_F(Upload, ARetryThatCannotSendSaysWhyAndSendsNoPiece) {
+    h.studio().setDiagnosticsOptIn(true);
+    const auto bytes = patternedBytes(2 * CaptureTransfer::kChunkSize + 123);  // 8388731
+    using Setup = std::function<void(const fs::path& file, const std::string& begin)>;
+    auto receipt = [this](std::string reply) -> Setup {
+        return [this, reply](const fs::path&, const std::string& begin) {
+            h.server.reply(begin, 200, reply);
+        };
+    };
+    const Setup shortened = [this](const fs::path& file, const std::string&) {
+        uploads.onBegin([file] { fs::resize_file(file, 1000); });
+    };
+    const Setup tooLarge = [](const fs::path& file, const std::string&) {
+        fs::resize_file(file, static_cast<std::uintmax_t>(CaptureTransfer::kUploadLimit + 1));
+    };
+    const Setup unreadable = [this](const fs::path&, const std::string&) {
+        capture.media.seconds.reset();
+    };
+    struct Case {
+        Setup setup;
+        std::string reason;
+        bool begun;
+    };
+    const std::string noReceipt = "Invalid upload receipt";
+    const std::vector<Case> cases{
+        {receipt(R"({"received":-1})"), noReceipt, true},
+        {receipt(R"({"received":8388732})"), noReceipt, true},
+        {receipt(R"({})"), noReceipt, true},
+        {receipt(R"({"received":"0"})"), noReceipt, true},
+        {receipt(R"({"received":1.5})"), noReceipt, true},
+        {receipt(R"([0])"), noReceipt, true},
+        {shortened, "Local video changed while uploading.", true},
+        {tooLarge, "Capture exceeds upload limit. Local video saved.", false},
+        {unreadable, "Local capture is incomplete. Keep the file for recovery.", false}};
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        SCOPED_TRACE(cases[i].reason + " #" + std::to_string(i));
+        auto made = record(bytes);
+        auto file = h.studio().journal().file(made.id);
+        auto begin = ScriptedService::path("desktop-upload/" + Uuid::lower(made.id) + "/begin");
+        cases[i].setup(file, begin);
+        retry(made);
+        uploads.onBegin({});
+        EXPECT_EQ(h.studio().state().status,
+                  "Upload did not finish. Local video saved. " + cases[i].reason);
+        EXPECT_EQ(stageOnDisk(made), Stage::saved);
+        EXPECT_TRUE(fs::exists(file));
+        EXPECT_TRUE(chunkOffsets(made).empty());
+        EXPECT_EQ(h.server.count(begin), cases[i].begun ? 1u : 0u);
+    }
+    // Each retry renewed the credential first, and each failure was reported without its text.
+    EXPECT_EQ(h.server.count(ScriptedService::path("device/refresh")), cases.size());
+    ASSERT_TRUE(
+        h.runUntil([&] { return h.server.count("/local-browser/diagnostics") == cases.size(); }));
+    EXPECT_EQ(
+        json::parse(h.server.requests("/local-browser/diagnostics")[0].body),
+        json({{"event", "retry_upload_failed"}, {"code", "app_rule"}, {"appVersion", "1.2.3"}}));
 }
 
 TEST_F(Upload, AServiceThatHoldsEverythingGetsOnlyCompleteAndPublish) {
@@ -243,18 +266,6 @@ TEST_F(Upload, AServiceThatHoldsEverythingGetsOnlyCompleteAndPublish) {
     EXPECT_EQ(h.studio().state().status, "Capture recovered. Ask your agent to render and export.");
     EXPECT_TRUE(chunkOffsets(made).empty());
     EXPECT_TRUE(uploads.upload(Uuid::lower(made.id))->published);
-}
-
-TEST_F(Upload, ATooLargeFileIsRefusedBeforeAnyUploadRequest) {
-    auto made = record("");
-    fs::resize_file(h.studio().journal().file(made.id),
-                    static_cast<std::uintmax_t>(CaptureTransfer::kUploadLimit + 1));
-    retry(made);
-    EXPECT_EQ(h.studio().state().status,
-              "Upload did not finish. Local video saved. Capture exceeds upload limit. Local "
-              "video saved.");
-    EXPECT_FALSE(uploads.upload(Uuid::lower(made.id)));  // no begin was sent
-    EXPECT_EQ(stageOnDisk(made), Stage::saved);
 }
 
 TEST_F(Upload, RetryIsOnlyForThisPairingAndAReadableVideo) {
@@ -277,17 +288,6 @@ TEST_F(Upload, RetryIsOnlyForThisPairingAndAReadableVideo) {
     EXPECT_FALSE(h.studio().canRetry(made));
     h.studio().retryUpload(made);
     EXPECT_FALSE(h.studio().state().uploading);
-    h.await(h.studio().disconnect("Bye."));
-
-    // A video whose duration cannot be read is kept for recovery, not sent.
-    capture.media.seconds.reset();
-    retry(made);
-    EXPECT_EQ(h.studio().state().status,
-              "Upload did not finish. Local video saved. Local capture is incomplete. Keep the "
-              "file for recovery.");
-    EXPECT_FALSE(uploads.upload(Uuid::lower(made.id)));
-    // The credential was renewed before anything else.
-    EXPECT_GE(h.server.count(ScriptedService::path("device/refresh")), 1u);
 }
 
 TEST_F(Upload, CancellingStopsTheUploadAndKeepsTheVideoSaved) {
