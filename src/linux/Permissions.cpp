@@ -1,11 +1,26 @@
 #include "linux/Permissions.h"
 
 #include <X11/Xlib.h>
+#include <X11/extensions/Xcomposite.h>
 #include <gio/gio.h>
 
 namespace pavix::Permissions {
 
 bool screenRecording() {
+    Display* display = XOpenDisplay(nullptr);
+    if (display == nullptr) {
+        return false;
+    }
+    // Windows are recorded from their own pixmaps, which Composite 0.2 and later name.
+    int event = 0, error = 0, major = 0, minor = 2;
+    const bool composite = XCompositeQueryExtension(display, &event, &error) &&
+                           XCompositeQueryVersion(display, &major, &minor) &&
+                           (major > 0 || minor >= 2);
+    XCloseDisplay(display);
+    return composite;
+}
+
+bool display() {
     Display* display = XOpenDisplay(nullptr);
     if (display == nullptr) {
         return false;

@@ -2,8 +2,11 @@
 
 namespace pavix::Permissions {
 
-// Whether the X server of $DISPLAY accepts this process, so that windows can be recorded.
+// Whether windows can be recorded: the X server of $DISPLAY accepts this process and offers
+// the Composite extension.
 bool screenRecording();
+// Whether the X server of $DISPLAY accepts this process at all.
+bool display();
 // Whether the accessibility bus is reachable and accessibility is turned on.
 bool accessibility();
 

@@ -2,12 +2,21 @@
 
 #include <QAction>
 #include <QApplication>
+#include <QDesktopServices>
+#include <QStandardPaths>
+#include <QUrl>
 #include <csignal>
 
 #include "core/session/Studio.h"
+#include "linux/X11WindowPicker.h"
+#include "ui/AccountPopover.h"
+#include "ui/FloatingBar.h"
 #include "ui/RecorderMenu.h"
+#include "ui/SettingsView.h"
+#include "ui/SourcesPopover.h"
 #include "ui/StudioBridge.h"
 #include "ui/StudioView.h"
+#include "ui/SystemEvents.h"
 #include "ui/Theme.h"
 
 namespace pavix {
@@ -42,26 +51,56 @@ AppDelegate::AppDelegate(const CommandLine& options) {
 
     window_ = std::make_unique<StudioView>(*bridge_, studio_->environment().libraryFolder);
     window_->addAction(stopRecording_);
-    connect(window_.get(), &StudioView::closeRequested, this, &AppDelegate::requestQuit);
-    tray_ = std::make_unique<RecorderMenu>(*bridge_, stopRecording_);
-    connect(tray_.get(), &RecorderMenu::openRequested, this, [this] {
-        window_->show();
-        window_->raise();
-        window_->activateWindow();
+    // Closing the window quits only when the bar is not there to go on with.
+    connect(window_.get(), &StudioView::closeRequested, this, [this] {
+        if (!bridge_->snapshot().state.showHUD) {
+            requestQuit();
+        }
     });
+    connect(window_.get(), &StudioView::pickRequested, this, &AppDelegate::pickWindow);
+    connect(window_.get(), &StudioView::settingsRequested, this, &AppDelegate::showSettings);
+    tray_ = std::make_unique<RecorderMenu>(*bridge_, stopRecording_);
+    connect(tray_.get(), &RecorderMenu::openRequested, this, &AppDelegate::showWindow);
     connect(tray_.get(), &RecorderMenu::quitRequested, this, &AppDelegate::requestQuit);
+    connect(tray_.get(), &RecorderMenu::settingsRequested, this, &AppDelegate::showSettings);
+    bar_ = std::make_unique<FloatingBar>(*bridge_);
+    bar_->addAction(stopRecording_);
+    connect(&bar_->account(), &AccountPopover::openRequested, this, &AppDelegate::showWindow);
+    connect(&bar_->account(), &AccountPopover::quitRequested, this, &AppDelegate::requestQuit);
+    connect(&bar_->account(), &AccountPopover::settingsRequested, this, &AppDelegate::showSettings);
+    connect(&bar_->sources(), &SourcesPopover::pickRequested, this, &AppDelegate::pickWindow);
     // The session manager ending the desktop session quits like the Quit entry.
     connect(qApp, &QGuiApplication::commitDataRequest, this, [this] { requestQuit(); });
+    // With the bar on, the application starts in the bar alone.
+    QApplication::setQuitOnLastWindowClosed(false);
+
+    // Sleep, lock and a switch of user end an open session; repeats of one moment find
+    // nothing left to end.
+    systemEvents_ =
+        std::make_unique<SystemEvents>(QDBusConnection::systemBus(), QDBusConnection::sessionBus());
+    connect(systemEvents_.get(), &SystemEvents::sessionEnding, this, &AppDelegate::sessionEnding);
+    // Hiding the bar brings the window back: one of the two is always there to go on with.
+    connect(bridge_.get(), &StudioBridge::changed, this, [this] {
+        if (!bridge_->snapshot().state.showHUD && !window_->isVisible() && !quitting_) {
+            showWindow();
+        }
+    });
 
     watchSignals();
     model_.start();
     startLaunchTasks(options);
-    window_->show();
+    if (!bridge_->snapshot().state.showHUD) {
+        showWindow();
+    }
 }
 
 AppDelegate::~AppDelegate() {
     // Nothing may run on the model once the views and the model are going away.
     model_.stop();
+    systemEvents_.reset();
+    settings_.reset();
+    picker_.reset();
+    bar_.reset();
     tray_.reset();
     window_.reset();
     signals_.reset();
@@ -100,6 +139,52 @@ void AppDelegate::requestQuit() {
     }
     quitting_ = true;
     bridge_->spawn([](Studio& studio) { return studio.quit(); }, [] { QApplication::quit(); });
+}
+
+void AppDelegate::showWindow() {
+    window_->show();
+    window_->raise();
+    window_->activateWindow();
+}
+
+void AppDelegate::showSettings() {
+    if (!settings_) {
+        auto config = QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation);
+        settings_ = std::make_unique<SettingsView>(*bridge_, AutostartEntry(config.toStdString()));
+        connect(settings_.get(), &SettingsView::openConsoleRequested, this,
+                [](const QString& address) { QDesktopServices::openUrl(QUrl(address)); });
+    }
+    settings_->show();
+    settings_->raise();
+    settings_->activateWindow();
+}
+
+// "Pick a window…": the next click chooses the window under the pointer, which becomes the
+// selection once the list has it.
+void AppDelegate::pickWindow() {
+    try {
+        if (!picker_) {
+            picker_ = std::make_unique<X11WindowPicker>();
+        }
+    } catch (const std::exception& e) {
+        platform_.log().line(std::string("window picker unavailable: ") + e.what());
+        return;
+    }
+    WindowPickerHandlers handlers;
+    handlers.selected = [this](std::uint32_t window) {
+        const auto id = "window-" + std::to_string(window);
+        bridge_->spawn([id](Studio& studio) -> asio::awaitable<void> {
+            co_await studio.refreshSources();
+            studio.selectSource(id);
+        });
+    };
+    handlers.canceled = [] {};
+    handlers.failed = [this](const std::string& reason) {
+        bridge_->call([reason](Studio& studio) {
+            studio.environment().log->line("window pick failed: " + reason);
+        });
+    };
+    picker_->present(std::move(handlers));
 }
 
 void AppDelegate::sessionEnding() {

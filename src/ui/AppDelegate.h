@@ -12,7 +12,10 @@ class QAction;
 
 namespace pavix {
 
+class FloatingBar;
 class RecorderMenu;
+class SettingsView;
+class WindowPicker;
 class Studio;
 class StudioBridge;
 class StudioView;
@@ -41,6 +44,9 @@ class AppDelegate : public QObject {
   private:
     void startLaunchTasks(const CommandLine& options);
     void watchSignals();
+    void showWindow();
+    void showSettings();
+    void pickWindow();
 
     ModelThread model_;  // first made, last gone: it runs everything below
     LinuxEnvironment platform_;
@@ -50,6 +56,10 @@ class AppDelegate : public QObject {
     QAction* stopRecording_;
     std::unique_ptr<StudioView> window_;
     std::unique_ptr<RecorderMenu> tray_;
+    std::unique_ptr<FloatingBar> bar_;
+    std::unique_ptr<SettingsView> settings_;
+    std::unique_ptr<WindowPicker> picker_;
+    std::unique_ptr<SystemEvents> systemEvents_;
     bool quitting_ = false;
 };
 

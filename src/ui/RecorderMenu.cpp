@@ -22,6 +22,8 @@ RecorderMenu::RecorderMenu(StudioBridge& bridge, QAction* stopRecording, QObject
             [this] { bridge_.spawn([](Studio& studio) { return studio.recordNow(); }); });
     menu_->addAction(stopRecording);
     menu_->addSeparator();
+    connect(menu_->addAction("Settings…"), &QAction::triggered, this,
+            &RecorderMenu::settingsRequested);
     auto* quit = menu_->addAction("Quit Pavix");
     connect(quit, &QAction::triggered, this, &RecorderMenu::quitRequested);
 

@@ -25,6 +25,7 @@ class RecorderMenu : public QObject {
 
   Q_SIGNALS:
     void openRequested();
+    void settingsRequested();
     void quitRequested();
 
   private:

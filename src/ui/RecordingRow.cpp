@@ -41,6 +41,10 @@ RecordingRow::RecordingRow(QWidget* parent) : QWidget(parent) {
     folder_ = action("folder", tr("Show in folder"));
     retry_ = action("retry", tr("Retry upload"));
     remove_ = action("trash", tr("Move to Trash"));
+    // A row without a retry keeps its place: the actions line up from row to row.
+    auto policy = retry_->sizePolicy();
+    policy.setRetainSizeWhenHidden(true);
+    retry_->setSizePolicy(policy);
     connect(play_, &QToolButton::clicked, this, &RecordingRow::playRequested);
     connect(folder_, &QToolButton::clicked, this, &RecordingRow::showInFolderRequested);
     connect(retry_, &QToolButton::clicked, this, &RecordingRow::retryRequested);
@@ -49,6 +53,7 @@ RecordingRow::RecordingRow(QWidget* parent) : QWidget(parent) {
     auto* text = new QVBoxLayout;
     text->setSpacing(1);
     auto* top = new QHBoxLayout;
+    top->setSpacing(8);
     top->addWidget(date_);
     top->addWidget(stage_);
     top->addStretch(1);
@@ -69,7 +74,7 @@ void RecordingRow::setRecord(const LocalCapture& record, RecordActions actions,
     id_ = record.id;
     auto created = QDateTime::fromSecsSinceEpoch(
         static_cast<qint64>(record.createdAt + LocalCapture::kReferenceDateOffset));
-    date_->setText(QLocale().toString(created, QLocale::ShortFormat));
+    date_->setText(QLocale().toString(created, "d MMM yyyy, HH:mm"));
     detail_->setText(detail(record));
     stage_->setText(stageText(record.stage));
     const bool live = record.stage == LocalCapture::Stage::recording ||

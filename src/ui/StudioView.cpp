@@ -72,6 +72,9 @@ void StudioView::build() {
     header->addWidget(title);
     header->addStretch(1);
     header->addWidget(badge_);
+    auto* settings = new QPushButton("Settings…");
+    connect(settings, &QPushButton::clicked, this, &StudioView::settingsRequested);
+    header->addWidget(settings);
 
     banner_ = new UpdateBanner;
     connect(banner_, &UpdateBanner::downloadRequested, this, &StudioView::downloadRequested);

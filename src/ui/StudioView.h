@@ -32,6 +32,7 @@ class StudioView : public QWidget {
 
   Q_SIGNALS:
     void pickRequested();      // "Pick a window…"
+    void settingsRequested();  // "Settings…"
     void closeRequested();     // the window was closed by the user
     void downloadRequested();  // the update banner's "Download"
 

@@ -2,6 +2,7 @@
 #include <QApplication>
 
 #include "ui/AppDelegate.h"
+#include "ui/LaunchSwitches.h"
 #include "ui/LinuxEnvironment.h"
 #include "ui/Theme.h"
 
@@ -17,6 +18,7 @@
 
 #include "core/app/CommandLine.h"
 #include "core/capture/CaptureSources.h"
+#include "core/runtime/StreamLog.h"
 #include "core/session/Studio.h"
 #include "linux/Permissions.h"
 #include "ui/LibraryCommands.h"
@@ -99,9 +101,10 @@ asio::awaitable<void> libraryRun(Studio& studio, const CommandLine& options, asi
 
 // The application with its window and tray.
 int runApplication(int argc, char** argv, const CommandLine& options) {
-    if (!std::getenv("DISPLAY")) {
-        std::cerr << "pavix: no display to show the window on (DISPLAY is not set). Start it on "
-                     "a desktop, or see --help for the runs without a window.\n";
+    if (!Permissions::display()) {
+        std::cerr << "pavix: cannot open the display to show the window on (DISPLAY is "
+                  << (std::getenv("DISPLAY") ? std::getenv("DISPLAY") : "not set")
+                  << "). Start it on a desktop, or see --help for the runs without a window.\n";
         return 1;
     }
     QApplication app(argc, argv);
@@ -129,6 +132,23 @@ int main(int argc, char** argv) {
     if (options.version) {
         std::cout << "pavix " << PAVIX_VERSION << "\n";
         return 0;
+    }
+
+    // The one-shot switches: each ends the process.
+    if (options.listSources) {
+        StreamLog log;
+        return LaunchSwitches::listSources(log);
+    }
+    if (options.snapshot) {
+        qputenv("QT_QPA_PLATFORM", "offscreen");  // a picture needs no screen
+        QApplication app(argc, argv);
+        Theme::apply(app);
+        return LaunchSwitches::snapshotBar(*options.snapshot, std::cerr);
+    }
+    if (options.checkPermission) {
+        std::error_code ignored;
+        auto self = std::filesystem::read_symlink("/proc/self/exe", ignored);
+        return LaunchSwitches::checkPermission(std::cout, self.empty() ? argv[0] : self.string());
     }
 
     if (!options.pair && !options.record && !options.library && !options.support &&

@@ -77,6 +77,22 @@ class RecordingEndToEnd : public ::testing::Test {
         const char* data = std::getenv("XDG_DATA_HOME");
         return fs::path(data ? data : "") / "Trash";
     }
+    // Pairs with the service's code from the command line and has the agent select the demo
+    // window, so that later launches resume with it.
+    void pairAndSelectTheWindow() {
+        auto app = pavix({"--code", service.code(), "--pair"});
+        ASSERT_TRUE(app->waitForLine("pavix: connected true", seconds(30))) << app->output();
+        auto listed = envelope(service.agent({"send", "listSources", "--timeout", "20"}));
+        for (const auto& source : listed["value"]["sources"]) {
+            if (source["title"].get<std::string>().find("Recorded end to end") !=
+                std::string::npos) {
+                json select = json::array({{{"sourceId", source["id"]}}});
+                service.agent({"send", "selectSource", select.dump()});
+            }
+        }
+        app->signal(SIGTERM);
+        ASSERT_EQ(app->wait(seconds(20)), 0) << app->output();
+    }
     bool published(const std::string& id) {
         return service.agent({"recordings"}).find(id + "  published") != std::string::npos;
     }
@@ -142,20 +158,7 @@ TEST_F(RecordingEndToEnd, TheAgentsRecordingIsPublishedByteIdenticalToTheLocalVi
 }
 
 TEST_F(RecordingEndToEnd, TheUsersOwnRecordingAndTheLibraryCommands) {
-    {
-        auto app = pavix({"--code", service.code(), "--pair"});
-        ASSERT_TRUE(app->waitForLine("pavix: connected true", seconds(30))) << app->output();
-        auto listed = envelope(service.agent({"send", "listSources", "--timeout", "20"}));
-        for (const auto& source : listed["value"]["sources"]) {
-            if (source["title"].get<std::string>().find("Recorded end to end") !=
-                std::string::npos) {
-                json select = json::array({{{"sourceId", source["id"]}}});
-                service.agent({"send", "selectSource", select.dump()});
-            }
-        }
-        app->signal(SIGTERM);
-        ASSERT_EQ(app->wait(seconds(20)), 0) << app->output();
-    }
+    ASSERT_NO_FATAL_FAILURE(pairAndSelectTheWindow());
     // Without a pairing nothing is recorded.
     auto [unpaired, refusal] = [&] {
         auto app = std::make_unique<ChildProcess>(
@@ -300,6 +303,37 @@ TEST_F(RecordingEndToEnd, UploadedCopiesPastRetentionGoToTheTrashAtLaunch) {
     EXPECT_FALSE(fs::exists(journal.manifest(old.id)));
     EXPECT_EQ(readBytes(trashFolder() / "files" / old.fileName()), "old video");
     EXPECT_TRUE(fs::exists(journal.file(recent.id)));
+}
+
+// The application with its window: it resumes the saved pairing by itself, records for the
+// agent under the approval given at launch, and SIGTERM quits through the end of the session,
+// so the video is finished, kept and playable.
+TEST_F(RecordingEndToEnd, TheApplicationQuitWhileRecordingLeavesASavedPlayableVideo) {
+    ASSERT_NO_FATAL_FAILURE(pairAndSelectTheWindow());
+    auto app = pavix({"--approve"});
+    ASSERT_TRUE(eventually(
+        [&] {
+            return envelope(service.agent({"send", "listSources", "--timeout", "2"}))
+                .contains("value");
+        },
+        seconds(60)))
+        << app->output();
+    auto [started, captureId] = startRecording();
+    ASSERT_TRUE(started.contains("value")) << started.dump() << app->output();
+    std::this_thread::sleep_for(seconds(2));  // the length of the recording
+
+    app->signal(SIGTERM);
+    ASSERT_EQ(app->wait(seconds(30)), 0) << app->output();
+    EXPECT_NE(app->output().find("status: Disconnected. Local videos remain on this computer."),
+              std::string::npos)
+        << app->output();
+    auto sideCar = json::parse(readBytes(library() / (Uuid::upper(captureId) + ".json")));
+    EXPECT_EQ(sideCar["stage"], "saved");
+    FfmpegMediaReader reader;
+    auto duration =
+        reader.duration((library() / ("Pavix-" + Uuid::upper(captureId) + ".mp4")).string());
+    ASSERT_TRUE(duration);
+    EXPECT_GT(*duration, 1.0);
 }
 
 }  // namespace

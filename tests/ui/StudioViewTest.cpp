@@ -16,15 +16,9 @@
 #include <thread>
 
 #include "core/runtime/Uuid.h"
-#include "linux/GioTrash.h"
-#include "support/EditorDesktop.h"
-#include "support/FakeCapturePlatform.h"
-#include "support/ScriptedUploads.h"
-#include "support/StudioHarness.h"
+#include "ui/ModelOnThread.h"
 #include "ui/RecordingRow.h"
-#include "ui/StudioBridge.h"
 #include "ui/StudioView.h"
-#include "ui/Theme.h"
 
 namespace pavix::test {
 namespace {
@@ -34,30 +28,14 @@ using Stage = LocalCapture::Stage;
 
 class StudioViewTest : public ::testing::Test {
   protected:
-    StudioViewTest() : h(fastTiming(), capture.platform()) {
-        Theme::apply(*qApp);
-        h.studio().environment().trash = &trash;
-        h.content.set(editorDesktop());
-        h.await(h.studio().refreshSources());
-        h.studio().selectSource("window-4242");
-        h.pairWithCode();
-        // The user records by themselves only while no agent session runs.
-        h.await(h.studio().disconnect("Disconnected. Local videos remain on this computer."));
-        bridge = std::make_unique<StudioBridge>(h.studio(), h.io.get_executor());
-        view = std::make_unique<StudioView>(*bridge, h.library);
+    StudioViewTest() {
+        view = std::make_unique<StudioView>(*m.bridge, h.library);
         view->show();
-        model = std::thread([this] { h.io.run(); });
-    }
-    ~StudioViewTest() override {
-        h.io.stop();
-        model.join();
-        view.reset();
-        bridge.reset();
+        m.start();
     }
 
-    // Waits until the window's snapshot satisfies `condition`.
     bool until(const std::function<bool(const StudioState&)>& condition) {
-        return QTest::qWaitFor([&] { return condition(bridge->snapshot().state); }, 10'000);
+        return m.until(condition);
     }
     template <class T>
     T* find(const QString& text) {
@@ -85,6 +63,14 @@ class StudioViewTest : public ::testing::Test {
         }
         return static_cast<RecordingRow*>(list->itemWidget(list->item(index)));
     }
+    RecordingRow* rowOf(const std::string& id) {
+        for (auto* candidate : view->findChildren<RecordingRow*>()) {
+            if (candidate->recordId() == id) {
+                return candidate;
+            }
+        }
+        return nullptr;
+    }
     QToolButton* action(RecordingRow* row, const QString& name) {
         for (auto* button : row->findChildren<QToolButton*>()) {
             if (button->accessibleName() == name) {
@@ -105,13 +91,10 @@ class StudioViewTest : public ::testing::Test {
         return Uuid::upper(id);
     }
 
-    testing::FakeCaptureParts capture;
-    StudioHarness h;
-    ScriptedUploads uploads{h.server};
-    GioTrash trash;
-    std::unique_ptr<StudioBridge> bridge;
+    ModelOnThread m;
+    StudioHarness& h = m.h;
+    ScriptedUploads& uploads = m.uploads;
     std::unique_ptr<StudioView> view;
-    std::thread model;
 };
 
 TEST_F(StudioViewTest, ApprovalRecordAndStopFollowTheModel) {
@@ -161,7 +144,7 @@ TEST_F(StudioViewTest, AFailedUploadIsRetriedFromItsRowWithProgress) {
 
     // The retry shows the upload's progress in the row while it runs.
     bool progressSeen = false;
-    auto watch = QObject::connect(bridge.get(), &StudioBridge::changed, [&] {
+    auto watch = QObject::connect(m.bridge.get(), &StudioBridge::changed, [&] {
         if (auto* bar = row(0)->findChild<QProgressBar*>(); bar && bar->isVisible()) {
             progressSeen = true;
         }
@@ -179,20 +162,20 @@ TEST_F(StudioViewTest, AFailedUploadIsRetriedFromItsRowWithProgress) {
 
 TEST_F(StudioViewTest, TheDeleteConfirmationKeepsOrMovesTheVideoToTheRealTrash) {
     auto id = recordAndStop();
-    recordAndStop();  // the first is no longer the latest, so it may go
+    auto latest = recordAndStop();  // the first is no longer the latest, so it may go
     const auto video = h.library / ("Pavix-" + id + ".mp4");
     ASSERT_TRUE(fs::exists(video));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return action(row(1), "Move to Trash")->isEnabled(); }));
-    EXPECT_FALSE(action(row(0), "Move to Trash")->isEnabled());
+    ASSERT_TRUE(QTest::qWaitFor([&] { return action(rowOf(id), "Move to Trash")->isEnabled(); }));
+    EXPECT_FALSE(action(rowOf(latest), "Move to Trash")->isEnabled());
 
     std::vector<bool> answers = {false, true};  // "Keep", then "Move to Trash"
     int asked = 0;
     view->confirmRemoval = [&](QWidget*) { return answers[asked++]; };
-    QTest::mouseClick(action(row(1), "Move to Trash"), Qt::LeftButton);
+    QTest::mouseClick(action(rowOf(id), "Move to Trash"), Qt::LeftButton);
     EXPECT_EQ(asked, 1);
     EXPECT_TRUE(fs::exists(video)) << "kept";
 
-    QTest::mouseClick(action(row(1), "Move to Trash"), Qt::LeftButton);
+    QTest::mouseClick(action(rowOf(id), "Move to Trash"), Qt::LeftButton);
     EXPECT_EQ(asked, 2);
     ASSERT_TRUE(until([](const StudioState& s) { return s.recent.size() == 1; }));
     EXPECT_FALSE(fs::exists(video));

@@ -233,6 +233,34 @@ TEST_F(Regression, AConnectionDroppedWithoutAReplyIsOneFailedRequestNeverSentTwi
     EXPECT_FALSE(h.studio().state().connected);
 }
 
+// Sleep, a lock or a switch of user ends what is open with its sentence, and leaves an idle
+// computer as it was.
+TEST_F(Regression, TheSystemTakingTheSessionEndsOnlyWhatIsOpen) {
+    const std::string sentence =
+        "Computer went to sleep, locked or switched user. Recording stopped and any local "
+        "capture was saved. Approve a new recording to continue.";
+    const auto& s = h.studio().state();
+    h.await(h.studio().systemSessionEnding());  // idle and unpaired
+    EXPECT_EQ(s.status, "Choose a source, then pair with your agent.");
+
+    h.pairWithCode();
+    h.await(h.studio().systemSessionEnding());
+    EXPECT_EQ(s.status, sentence);
+    EXPECT_FALSE(s.connected);
+    EXPECT_EQ(h.server.count(path("disconnect")), 1u);
+
+    auto id = Uuid::make();
+    uploads.issue(id);
+    h.await(h.studio().recordNow());
+    ASSERT_TRUE(s.recording) << s.status;
+    h.await(h.studio().systemSessionEnding());
+    EXPECT_EQ(s.status, sentence);
+    EXPECT_FALSE(s.recording || s.busy || s.uploading);
+    ASSERT_TRUE(h.studio().current());
+    EXPECT_EQ(h.studio().current()->stage, Stage::saved);
+    EXPECT_FALSE(uploads.upload(id) && uploads.upload(id)->published);
+}
+
 // A library folder on a disk that stops answering: every wait for it is bounded, the user
 // hears why, and the model comes back to rest; once the disk answers again, recording works.
 TEST(HungLibrary, AFolderThatStopsAnsweringCostsABoundedWaitAndNothingElse) {

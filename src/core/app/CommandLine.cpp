@@ -56,19 +56,29 @@ CommandLine CommandLine::parse(const std::vector<std::string>& arguments) {
 }
 
 std::string CommandLine::usage() {
-    return "usage: pavix [--server URL] [--code CODE] [--pair] [--approve]\n"
+    return "usage: pavix [--server URL] [--code CODE] [--approve]\n"
+           "       pavix [--server URL] [--code CODE] --pair [--approve]\n"
            "       pavix [--server URL] --record | --library | --retry ID | --delete ID | "
            "--support\n"
+           "       pavix --check-permission | --list-sources | --snapshot PATH\n"
+           "\n"
+           "Without --pair, --record or a library switch, pavix opens its window and the\n"
+           "floating bar.\n"
            "\n"
            "  --server URL   the Pavix service to pair with (https, or http on localhost)\n"
            "  --code CODE    the pairing code your agent gave you\n"
-           "  --pair         pair now and serve the agent's commands until interrupted\n"
+           "  --pair         pair now and serve the agent's commands until interrupted, without\n"
+           "                 a window\n"
            "  --approve      approve the next recording, as the approval button does\n"
            "  --record       record the last chosen source yourself until Ctrl-C, then upload\n"
            "  --library      list the recordings in your local library\n"
            "  --retry ID     upload a saved recording again, resuming where the service stands\n"
            "  --delete ID    move a recording's local copy to the Trash (the cloud copy stays)\n"
            "  --support      print the support summary (versions, ids, stages, timings)\n"
+           "  --check-permission  say whether windows can be recorded here (exit 2 when not)\n"
+           "  --list-sources      write the window and display counts to\n"
+           "                      /tmp/pavix-list-sources.txt\n"
+           "  --snapshot PATH     render the floating bar to a PNG file\n"
            "  --version      print the version\n";
 }
 

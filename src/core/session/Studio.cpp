@@ -23,6 +23,10 @@ Studio::Studio(StudioEnvironment environment)
     state_.diagnosticsOptIn = env_.defaults->boolean("diagnosticsOptIn").value_or(false);
     state_.showHUD = env_.defaults->boolean("showBar").value_or(true);
     state_.autoTrashUploaded = env_.defaults->boolean("autoTrashUploaded").value_or(true);
+    state_.preferences.betaUpdates = env_.defaults->boolean("betaUpdates").value_or(false);
+    state_.preferences.consoleURL = env_.defaults->text("consoleURL").value_or("");
+    state_.preferences.captureMaxWidth = env_.defaults->integer("captureMaxWidth");
+    state_.preferences.visualOnlyApps = env_.defaults->text("visualOnlyApps").value_or("");
     lastSourceTitle_ = env_.defaults->text("lastSourceTitle");
     Capture::Parts parts;
     parts.executor = env_.executor;
@@ -131,6 +135,36 @@ void Studio::publishLifecycle() {
 void Studio::setAllowControl(bool allow) {
     env_.defaults->set("allowControl", allow);
     change([&](StudioState& s) { s.allowControl = allow; });
+}
+
+void Studio::setPreferences(const Preferences& next) {
+    auto& d = *env_.defaults;
+    d.set("betaUpdates", next.betaUpdates);
+    auto text = [&d](const char* key, const std::string& value) {
+        if (value.empty()) {
+            d.remove(key);
+        } else {
+            d.set(key, value);
+        }
+    };
+    text("consoleURL", next.consoleURL);
+    text("visualOnlyApps", next.visualOnlyApps);
+    if (next.captureMaxWidth && *next.captureMaxWidth > 0) {
+        d.set("captureMaxWidth", *next.captureMaxWidth);
+    } else {
+        d.remove("captureMaxWidth");
+    }
+    change([&](StudioState& s) {
+        s.preferences = next;
+        if (s.preferences.captureMaxWidth && *s.preferences.captureMaxWidth <= 0) {
+            s.preferences.captureMaxWidth.reset();
+        }
+    });
+}
+
+void Studio::setShowHUD(bool show) {
+    env_.defaults->set("showBar", show);
+    change([&](StudioState& s) { s.showHUD = show; });
 }
 
 void Studio::setDiagnosticsOptIn(bool optIn) {

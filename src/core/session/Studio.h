@@ -59,6 +59,10 @@ class Studio {
     void setConsent(bool consent);
     void setAllowControl(bool allow);
     void setDiagnosticsOptIn(bool optIn);
+    // Keeps the settings the model reads where it uses them; empty values remove their keys.
+    void setPreferences(const Preferences& preferences);
+    // Shows or hides the floating bar, and keeps the choice under "showBar".
+    void setShowHUD(bool show);
 
     // --- service client
     asio::awaitable<nlohmann::json> post(std::string path,

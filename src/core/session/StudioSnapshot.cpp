@@ -13,6 +13,7 @@ StudioSnapshot StudioSnapshot::of(const Studio& studio) {
     }
     snapshot.phase = studio.lifecycle().phase();
     snapshot.recordingSince = studio.recordingSince();
+    snapshot.console = studio.consoleURL("");
     return snapshot;
 }
 

@@ -27,6 +27,7 @@ struct StudioSnapshot {
     std::map<std::string, RecordActions> actions;  // by record id
     RecordingLifecycle::Phase phase = RecordingLifecycle::Phase::idle;
     std::optional<std::chrono::steady_clock::time_point> recordingSince;
+    std::string console;  // the web console's address for this service
 
     static StudioSnapshot of(const Studio& studio);
     RecordActions actionsFor(const std::string& id) const;

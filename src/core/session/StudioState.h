@@ -11,6 +11,17 @@
 
 namespace pavix {
 
+// The settings the model reads from the user defaults where it uses them, as the settings
+// window shows and changes them. Empty text and no width mean the key is absent.
+struct Preferences {
+    bool betaUpdates = false;                  // "betaUpdates"
+    std::string consoleURL;                    // "consoleURL"
+    std::optional<long long> captureMaxWidth;  // "captureMaxWidth"
+    std::string visualOnlyApps;                // "visualOnlyApps": desktop ids, comma-separated
+
+    bool operator==(const Preferences&) const = default;
+};
+
 // Everything Studio publishes to its observers. A plain value: observers get a copy of it
 // after every change.
 struct StudioState {
@@ -35,6 +46,7 @@ struct StudioState {
     bool diagnosticsOptIn = false;
     bool autoTrashUploaded = true;
     bool showHUD = true;
+    Preferences preferences;
     UpdateDecision update;
     std::string lastErrorCode;
 };
