@@ -32,6 +32,7 @@ void AccountPopover::fill() {
     }
     connect(addAction("Open Pavix"), &QAction::triggered, this, &AccountPopover::openRequested);
     connect(addAction("Settings…"), &QAction::triggered, this, &AccountPopover::settingsRequested);
+    connect(addAction("Capture demo"), &QAction::triggered, this, &AccountPopover::demoRequested);
     connect(addAction("Hide the bar"), &QAction::triggered, this,
             [this] { bridge_.call([](Studio& studio) { studio.setShowHUD(false); }); });
     addSeparator();

@@ -17,6 +17,7 @@ class AccountPopover : public QMenu {
   Q_SIGNALS:
     void openRequested();
     void settingsRequested();
+    void demoRequested();
     void quitRequested();
 
   private:

@@ -10,6 +10,8 @@
 #include "core/session/Studio.h"
 #include "linux/X11WindowPicker.h"
 #include "ui/AccountPopover.h"
+#include "ui/CaptureIndicator.h"
+#include "ui/DemoView.h"
 #include "ui/FloatingBar.h"
 #include "ui/RecorderMenu.h"
 #include "ui/SettingsView.h"
@@ -63,11 +65,14 @@ AppDelegate::AppDelegate(const CommandLine& options) {
     connect(tray_.get(), &RecorderMenu::openRequested, this, &AppDelegate::showWindow);
     connect(tray_.get(), &RecorderMenu::quitRequested, this, &AppDelegate::requestQuit);
     connect(tray_.get(), &RecorderMenu::settingsRequested, this, &AppDelegate::showSettings);
+    connect(tray_.get(), &RecorderMenu::demoRequested, this, &AppDelegate::showDemo);
     bar_ = std::make_unique<FloatingBar>(*bridge_);
     bar_->addAction(stopRecording_);
     connect(&bar_->account(), &AccountPopover::openRequested, this, &AppDelegate::showWindow);
     connect(&bar_->account(), &AccountPopover::quitRequested, this, &AppDelegate::requestQuit);
     connect(&bar_->account(), &AccountPopover::settingsRequested, this, &AppDelegate::showSettings);
+    connect(&bar_->account(), &AccountPopover::demoRequested, this, &AppDelegate::showDemo);
+    indicator_ = std::make_unique<CaptureIndicator>(*bridge_);
     connect(&bar_->sources(), &SourcesPopover::pickRequested, this, &AppDelegate::pickWindow);
     // The session manager ending the desktop session quits like the Quit entry.
     connect(qApp, &QGuiApplication::commitDataRequest, this, [this] { requestQuit(); });
@@ -98,6 +103,8 @@ AppDelegate::~AppDelegate() {
     // Nothing may run on the model once the views and the model are going away.
     model_.stop();
     systemEvents_.reset();
+    indicator_.reset();
+    demo_.reset();
     settings_.reset();
     picker_.reset();
     bar_.reset();
@@ -157,6 +164,17 @@ void AppDelegate::showSettings() {
     settings_->show();
     settings_->raise();
     settings_->activateWindow();
+}
+
+void AppDelegate::showDemo() {
+    if (!demo_) {
+        demo_ = std::make_unique<DemoView>();
+    }
+    demo_->show();
+    demo_->raise();
+    demo_->activateWindow();
+    // The demo is a window like any other: it becomes a source to pick.
+    bridge_->spawn([](Studio& studio) { return studio.refreshSources(); });
 }
 
 // "Pick a window…": the next click chooses the window under the pointer, which becomes the

@@ -13,6 +13,8 @@ class QAction;
 namespace pavix {
 
 class FloatingBar;
+class CaptureIndicator;
+class DemoView;
 class RecorderMenu;
 class SettingsView;
 class WindowPicker;
@@ -46,6 +48,7 @@ class AppDelegate : public QObject {
     void watchSignals();
     void showWindow();
     void showSettings();
+    void showDemo();
     void pickWindow();
 
     ModelThread model_;  // first made, last gone: it runs everything below
@@ -58,6 +61,8 @@ class AppDelegate : public QObject {
     std::unique_ptr<RecorderMenu> tray_;
     std::unique_ptr<FloatingBar> bar_;
     std::unique_ptr<SettingsView> settings_;
+    std::unique_ptr<DemoView> demo_;
+    std::unique_ptr<CaptureIndicator> indicator_;
     std::unique_ptr<WindowPicker> picker_;
     std::unique_ptr<SystemEvents> systemEvents_;
     bool quitting_ = false;

@@ -24,6 +24,8 @@ RecorderMenu::RecorderMenu(StudioBridge& bridge, QAction* stopRecording, QObject
     menu_->addSeparator();
     connect(menu_->addAction("Settings…"), &QAction::triggered, this,
             &RecorderMenu::settingsRequested);
+    connect(menu_->addAction("Capture demo"), &QAction::triggered, this,
+            &RecorderMenu::demoRequested);
     auto* quit = menu_->addAction("Quit Pavix");
     connect(quit, &QAction::triggered, this, &RecorderMenu::quitRequested);
 

@@ -26,6 +26,7 @@ class RecorderMenu : public QObject {
   Q_SIGNALS:
     void openRequested();
     void settingsRequested();
+    void demoRequested();
     void quitRequested();
 
   private:

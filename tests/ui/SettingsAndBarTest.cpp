@@ -4,14 +4,18 @@
 #include <gtest/gtest.h>
 
 #include <QCheckBox>
+#include <QGuiApplication>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
 #include <QSpinBox>
+#include <QTimer>
 #include <QToolButton>
 
 #include "core/runtime/Uuid.h"
 #include "support/LibraryRecords.h"
+#include "ui/CaptureIndicator.h"
+#include "ui/DemoView.h"
 #include "ui/FloatingBar.h"
 #include "ui/FloatingBarView.h"
 #include "ui/ModelOnThread.h"
@@ -131,6 +135,7 @@ TEST_F(SettingsViewTest, ForgettingAsksFirstAndThenUnpairs) {
 TEST(FloatingBarTest, RecordsTimesAndStopsAndHidesWhenTurnedOff) {
     ModelOnThread m;
     FloatingBar bar(*m.bridge);
+    CaptureIndicator indicator(*m.bridge);
     m.start();
     ASSERT_TRUE(QTest::qWaitFor([&] { return bar.isVisible(); }));
     auto* record = named<QToolButton>(bar, "Record it yourself");
@@ -147,14 +152,30 @@ TEST(FloatingBarTest, RecordsTimesAndStopsAndHidesWhenTurnedOff) {
     ASSERT_TRUE(QTest::qWaitFor([&] { return elapsed->isVisible(); }));
     EXPECT_EQ(elapsed->text(), "0:00");
     EXPECT_EQ(state->text(), "Recording Text Editor — notes.txt");
+    // The indicator marks every screen while it records.
+    ASSERT_EQ(indicator.marks().size(), QGuiApplication::screens().size());
+    EXPECT_TRUE(indicator.marks().front()->isVisible());
 
     named<QToolButton>(bar, "Stop")->click();
     ASSERT_TRUE(m.until([](const StudioState& s) { return !s.recording && !s.busy; }));
     EXPECT_TRUE(QTest::qWaitFor([&] { return !elapsed->isVisible(); }));
+    EXPECT_TRUE(indicator.marks().empty());
     EXPECT_TRUE(m.uploads.upload(id) && m.uploads.upload(id)->published);
 
     m.bridge->call([](Studio& studio) { studio.setShowHUD(false); });
     EXPECT_TRUE(QTest::qWaitFor([&] { return !bar.isVisible(); }));
+}
+
+TEST(DemoViewTest, ThePictureMovesWhileShownAndRestsWhenHidden) {
+    DemoView demo;
+    EXPECT_EQ(demo.windowTitle(), "Pavix Capture Demo");
+    demo.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&demo));
+    auto first = demo.grab().toImage();
+    QTest::qWait(100);  // the picture's own motion, not a wait for an event
+    EXPECT_NE(demo.grab().toImage(), first);
+    demo.hide();
+    EXPECT_FALSE(demo.findChild<QTimer*>() && demo.findChild<QTimer*>()->isActive());
 }
 
 TEST(FloatingBarTest, ElapsedTimeReadsInMinutesAndSeconds) {

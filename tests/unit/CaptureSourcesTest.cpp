@@ -67,12 +67,13 @@ TEST(CaptureSources, ListsWindowsOfAtLeast320By200WithATitleThenDisplays) {
     EXPECT_EQ(display.height, 1080);
 }
 
-TEST(CaptureSources, WindowsWithoutApplicationAreTitledAppAndOwnWindowsAreLeftOut) {
+TEST(CaptureSources, WindowsWithoutApplicationAreTitledAppAndOwnWindowsButTheDemoAreLeftOut) {
     ShareableContentSnapshot content;
     content.windows = {window(21, "Untitled", 640, 480, std::nullopt, 5),
-                       window(22, "Pavix", 900, 600, "Pavix", 999)};
+                       window(22, "Pavix", 900, 600, "Pavix", 999),
+                       window(24, "Pavix Capture Demo", 800, 500, "Pavix", 999)};
     auto sources = CaptureSources::list(content, 999);
-    ASSERT_EQ(ids(sources), std::vector<std::string>{"window-21"});
+    ASSERT_EQ(ids(sources), (std::vector<std::string>{"window-21", "window-24"}));
     EXPECT_EQ(sources[0].title, "App \u2014 Untitled");
 
     // A picked window keeps the id rule but says only that it was selected; a window without a

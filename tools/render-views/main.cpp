@@ -18,6 +18,7 @@
 #include "core/session/Studio.h"
 #include "linux/XdgFolders.h"
 #include "ui/AccountPopover.h"
+#include "ui/DemoView.h"
 #include "ui/FloatingBar.h"
 #include "ui/LinuxEnvironment.h"
 #include "ui/ModelThread.h"
@@ -131,6 +132,11 @@ int main(int argc, char** argv) {
     stop.setEnabled(false);
     RecorderMenu tray(bridge, &stop);
     saveMenu(*tray.menu(), out, "tray-menu");
+
+    DemoView demo;
+    demo.show();
+    settle();
+    save(demo, out, "capture-demo");
 
     QMessageBox question(&window);
     question.setIcon(QMessageBox::Question);

@@ -56,7 +56,10 @@ CaptureSource pickedWindowSource(const ShareableWindow& window) {
 std::vector<CaptureSource> list(const ShareableContentSnapshot& content, std::int32_t ownPid) {
     std::vector<CaptureSource> sources;
     for (const auto& window : content.windows) {
-        if (listable(window) && !(ownPid != 0 && window.pid == ownPid)) {
+        // This application's own windows are its controls, not something to record; its
+        // demo window is there to be recorded.
+        const bool own = ownPid != 0 && window.pid == ownPid && window.title != kDemoTitle;
+        if (listable(window) && !own) {
             sources.push_back(windowSource(window));
         }
     }

@@ -16,8 +16,12 @@ namespace CaptureSources {
 inline constexpr double minimumWidth = 320;
 inline constexpr double minimumHeight = 200;
 
+// The title of this application's window with a test picture to record.
+inline constexpr const char* kDemoTitle = "Pavix Capture Demo";
+
 // Windows first (in the snapshot's order), then displays. Windows smaller than 320×200 points,
-// windows without a title and windows of the process `ownPid` (this application) are left out.
+// windows without a title and windows of the process `ownPid` (this application) but its demo
+// window are left out.
 std::vector<CaptureSource> list(const ShareableContentSnapshot& content, std::int32_t ownPid);
 
 CaptureSource windowSource(const ShareableWindow& window);
