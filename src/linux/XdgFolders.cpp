@@ -9,11 +9,15 @@
 namespace pavix::XdgFolders {
 
 std::filesystem::path home() {
+    // $HOME first, as GLib and every desktop application read it: a session that sets its own
+    // home (a sandbox, a test desktop) keeps its recordings there, not in the account's.
+    if (const char* env = std::getenv("HOME"); env && *env) {
+        return env;
+    }
     if (const passwd* entry = ::getpwuid(::getuid()); entry && entry->pw_dir) {
         return entry->pw_dir;
     }
-    const char* env = std::getenv("HOME");
-    return env ? env : "/";
+    return "/";
 }
 
 std::filesystem::path library() {

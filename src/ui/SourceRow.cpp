@@ -11,9 +11,11 @@ namespace pavix {
 SourceRow::SourceRow(const CaptureSource& source, QWidget* parent) : QWidget(parent) {
     auto* icon = new QLabel;
     icon->setPixmap(Theme::icon(source.isDisplay() ? "display" : "window").pixmap(20, 20));
-    auto* title = new QLabel(QString::fromStdString(source.title));
+    fullTitle_ = QString::fromStdString(source.title);
+    auto* title = title_ = new QLabel(fullTitle_);
     title->setTextFormat(Qt::PlainText);
-    title->setMinimumWidth(1);  // long titles are cut, not widening the window
+    // Long titles are cut to the row, never widening the list.
+    title->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
     auto* detail = new QLabel(SourceRow::detail(source));
     Theme::setRole(detail, "secondary");
 
@@ -27,6 +29,12 @@ SourceRow::SourceRow(const CaptureSource& source, QWidget* parent) : QWidget(par
     row->addWidget(icon);
     row->addLayout(text, 1);
     setAttribute(Qt::WA_TransparentForMouseEvents);  // the list's item takes the clicks
+}
+
+void SourceRow::resizeEvent(QResizeEvent* event) {
+    QWidget::resizeEvent(event);
+    // The layout has placed the title before this runs, so its width is the room it has.
+    title_->setText(title_->fontMetrics().elidedText(fullTitle_, Qt::ElideMiddle, title_->width()));
 }
 
 QString SourceRow::detail(const CaptureSource& source) {

@@ -2,6 +2,8 @@
 
 #include <QWidget>
 
+class QLabel;
+
 #include "core/capture/CaptureSource.h"
 
 namespace pavix {
@@ -16,6 +18,13 @@ class SourceRow : public QWidget {
 
     // The line beneath the title.
     static QString detail(const CaptureSource& source);
+
+  protected:
+    void resizeEvent(QResizeEvent* event) override;
+
+  private:
+    QLabel* title_;
+    QString fullTitle_;
 };
 
 }  // namespace pavix

@@ -14,6 +14,8 @@
 #include <QVBoxLayout>
 
 #include "core/session/Studio.h"
+#include "ui/FileManager.h"
+#include "ui/PreviewStage.h"
 #include "ui/RecordingRow.h"
 #include "ui/SourceRow.h"
 #include "ui/StudioBridge.h"
@@ -31,30 +33,25 @@ QLabel* section(const QString& text) {
     return label;
 }
 
-bool askBeforeRemoval(QWidget* parent) {
-    QMessageBox box(parent);
-    box.setIcon(QMessageBox::Question);
-    box.setWindowTitle("Pavix");
-    box.setText("Move this recording to the Trash?");
-    auto* move = box.addButton("Move to Trash", QMessageBox::DestructiveRole);
-    auto* keep = box.addButton("Keep", QMessageBox::RejectRole);
-    box.setDefaultButton(keep);
-    box.exec();
-    return box.clickedButton() == move;
-}
-
 }  // namespace
 
 StudioView::StudioView(StudioBridge& bridge, std::filesystem::path library, QWidget* parent)
-    : QWidget(parent),
-      confirmRemoval(askBeforeRemoval),
-      bridge_(bridge),
-      library_(std::move(library)) {
+    : QWidget(parent), bridge_(bridge), library_(std::move(library)) {
     setWindowTitle("Pavix");
     setObjectName("main");
     build();
     connect(&bridge_, &StudioBridge::changed, this, &StudioView::render);
     render();
+}
+
+std::unique_ptr<QMessageBox> StudioView::removalQuestion(QWidget* parent) {
+    auto box = std::make_unique<QMessageBox>(parent);
+    box->setIcon(QMessageBox::Question);
+    box->setWindowTitle("Pavix");
+    box->setText("Move this recording to the Trash?");
+    box->addButton("Move to Trash", QMessageBox::DestructiveRole);
+    box->setDefaultButton(box->addButton("Keep", QMessageBox::RejectRole));
+    return box;
 }
 
 void StudioView::build() {
@@ -83,6 +80,7 @@ void StudioView::build() {
     sources_->setAccessibleName("Sources");
     sources_->setMinimumHeight(150);
     sources_->setUniformItemSizes(true);
+    sources_->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     connect(sources_, &QListWidget::currentRowChanged, this, [this](int row) {
         auto* item = sources_->item(row);
         if (!item) {
@@ -99,6 +97,7 @@ void StudioView::build() {
             [this] { bridge_.spawn([](Studio& studio) { return studio.refreshSources(); }); });
     pick_ = new QPushButton("Pick a window…");
     connect(pick_, &QPushButton::clicked, this, &StudioView::pickRequested);
+    preview_ = new PreviewStage(bridge_);
     auto* sourceButtons = new QHBoxLayout;
     sourceButtons->addWidget(refresh_);
     sourceButtons->addStretch(1);
@@ -168,7 +167,11 @@ void StudioView::build() {
     layout->addLayout(header);
     layout->addWidget(banner_);
     layout->addWidget(section("Source"));
-    layout->addWidget(sources_, 2);
+    auto* sourceRow = new QHBoxLayout;
+    sourceRow->setSpacing(10);
+    sourceRow->addWidget(sources_, 1);
+    sourceRow->addWidget(preview_, 1);
+    layout->addLayout(sourceRow, 2);
     layout->addLayout(sourceButtons);
     layout->addWidget(section("Agent"));
     layout->addLayout(form);
@@ -179,8 +182,8 @@ void StudioView::build() {
     layout->addWidget(section("On this computer"));
     layout->addWidget(recordings_, 3);
     layout->addWidget(empty_, 3, Qt::AlignTop);
-    setMinimumSize(480, 640);
-    resize(520, 760);
+    setMinimumSize(560, 640);
+    resize(660, 780);
 }
 
 void StudioView::render() {
@@ -246,6 +249,7 @@ void StudioView::renderSources(const StudioSnapshot& snapshot) {
             item->setData(Qt::UserRole + 1, QString::fromStdString(source.title));
             // The item's own text is what keyboard search and screen readers use.
             item->setData(Qt::AccessibleTextRole, QString::fromStdString(source.title));
+            item->setToolTip(QString::fromStdString(source.title));
             auto* row = new SourceRow(source);
             item->setSizeHint(row->sizeHint());
             sources_->addItem(item);
@@ -290,8 +294,11 @@ void StudioView::renderLibrary(const StudioSnapshot& snapshot) {
                 });
             });
             connect(row, &RecordingRow::removeRequested, this, [this, id] {
-                if (!confirmRemoval(this)) {
-                    return;
+                auto question = removalQuestion(this);
+                question->exec();
+                if (question->buttonRole(question->clickedButton()) !=
+                    QMessageBox::DestructiveRole) {
+                    return;  // "Keep", or the question closed
                 }
                 bridge_.spawn([id](Studio& studio) -> asio::awaitable<void> {
                     for (const auto& r : studio.state().recent) {
@@ -322,9 +329,12 @@ void StudioView::renderLibrary(const StudioSnapshot& snapshot) {
 }
 
 void StudioView::openRecord(const std::string& id, bool folder) {
-    auto file = library_ / ("Pavix-" + id + ".mp4");
-    auto target = folder ? library_ : file;
-    QDesktopServices::openUrl(QUrl::fromLocalFile(QString::fromStdString(target.string())));
+    const auto file = QString::fromStdString((library_ / ("Pavix-" + id + ".mp4")).string());
+    if (folder) {
+        FileManager::showItem(file);
+    } else {
+        QDesktopServices::openUrl(QUrl::fromLocalFile(file));
+    }
 }
 
 void StudioView::closeEvent(QCloseEvent* event) {

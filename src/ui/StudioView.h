@@ -2,6 +2,7 @@
 
 #include <QWidget>
 #include <filesystem>
+#include <memory>
 
 #include "core/session/StudioSnapshot.h"
 
@@ -9,10 +10,12 @@ class QCheckBox;
 class QLabel;
 class QLineEdit;
 class QListWidget;
+class QMessageBox;
 class QPushButton;
 
 namespace pavix {
 
+class PreviewStage;
 class StudioBridge;
 class UpdateBanner;
 
@@ -26,9 +29,8 @@ class StudioView : public QWidget {
   public:
     StudioView(StudioBridge& bridge, std::filesystem::path library, QWidget* parent = nullptr);
 
-    // Asks before moving a recording to the Trash; true when the user chose "Move to Trash".
-    // Replaceable, so that the question can be answered without a person.
-    std::function<bool(QWidget*)> confirmRemoval;
+    // The question asked before a recording goes to the Trash; "Keep" is its default.
+    static std::unique_ptr<QMessageBox> removalQuestion(QWidget* parent);
 
   Q_SIGNALS:
     void pickRequested();      // "Pick a window…"
@@ -51,6 +53,7 @@ class StudioView : public QWidget {
     QLabel* badge_;
     UpdateBanner* banner_;
     QListWidget* sources_;
+    PreviewStage* preview_;
     QPushButton* refresh_;
     QPushButton* pick_;
     QLineEdit* server_;

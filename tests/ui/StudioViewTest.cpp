@@ -7,21 +7,51 @@
 #include <QAbstractButton>
 #include <QApplication>
 #include <QCheckBox>
+#include <QDBusConnection>
 #include <QLabel>
 #include <QListWidget>
+#include <QMessageBox>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QTest>
+#include <QTimer>
 #include <QToolButton>
+#include <QUrl>
 #include <thread>
 
 #include "core/runtime/Uuid.h"
 #include "ui/ModelOnThread.h"
+#include "ui/PreviewStage.h"
 #include "ui/RecordingRow.h"
 #include "ui/StudioView.h"
 
 namespace pavix::test {
 namespace {
+
+// A file manager on the session bus, as a desktop's would answer.
+class FakeFileManager : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.FileManager1")
+
+  public:
+    FakeFileManager() {
+        auto bus = QDBusConnection::sessionBus();
+        registered = bus.registerObject("/org/freedesktop/FileManager1", this,
+                                        QDBusConnection::ExportScriptableSlots) &&
+                     bus.registerService("org.freedesktop.FileManager1");
+    }
+    ~FakeFileManager() override {
+        auto bus = QDBusConnection::sessionBus();
+        bus.unregisterService("org.freedesktop.FileManager1");
+        bus.unregisterObject("/org/freedesktop/FileManager1");
+    }
+
+    bool registered = false;
+    QStringList shown;
+
+  public Q_SLOTS:
+    Q_SCRIPTABLE void ShowItems(const QStringList& uris, const QString&) { shown += uris; }
+};
 
 namespace fs = std::filesystem;
 using Stage = LocalCapture::Stage;
@@ -132,6 +162,45 @@ TEST_F(StudioViewTest, ApprovalRecordAndStopFollowTheModel) {
     EXPECT_TRUE(action(uploaded, "Show in folder")->isEnabled());
 }
 
+// The preview asks for one small picture at a time while idle, and nothing while recording.
+TEST_F(StudioViewTest, ThePreviewRefreshesWhileIdleAndPausesWhileRecording) {
+    auto* stage = view->findChild<PreviewStage*>();
+    ASSERT_NE(stage, nullptr);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return stage->hasPicture(); }));
+    EXPECT_TRUE(stage->caption().isEmpty());
+    ASSERT_TRUE(QTest::qWaitFor([&] { return stage->requests() >= 3; }));
+    {
+        std::lock_guard lock(m.capture.streams->mutex);
+        const auto& asked = m.capture.streams->configs.back();
+        EXPECT_LE(asked.width, stage->width() * stage->devicePixelRatio());
+        EXPECT_LE(asked.height, stage->height() * stage->devicePixelRatio());
+        EXPECT_FALSE(asked.showsCursor);
+    }
+
+    uploads.issue(Uuid::make());
+    QTest::mouseClick(find<QPushButton>("Record it yourself"), Qt::LeftButton);
+    ASSERT_TRUE(until([](const StudioState& s) { return s.recording; }));
+    QTest::qWait(PreviewStage::kRefreshMs);  // a picture asked for just before may still come
+    const int requests = stage->requests();
+    int starts = 0;
+    {
+        std::lock_guard lock(m.capture.streams->mutex);
+        starts = m.capture.streams->starts;
+    }
+    QTest::qWait(PreviewStage::kRefreshMs * 4);
+    EXPECT_EQ(stage->requests(), requests);
+    {
+        std::lock_guard lock(m.capture.streams->mutex);
+        EXPECT_EQ(m.capture.streams->starts, starts) << "no stream but the recording's";
+    }
+    EXPECT_TRUE(stage->hasPicture());
+    EXPECT_EQ(stage->caption(), "Preview pauses while recording.");
+
+    QTest::mouseClick(find<QPushButton>("Stop"), Qt::LeftButton);
+    ASSERT_TRUE(until([](const StudioState& s) { return !s.recording && !s.busy; }));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return stage->requests() > requests; }));
+}
+
 TEST_F(StudioViewTest, AFailedUploadIsRetriedFromItsRowWithProgress) {
     uploads.fault(ScriptedUploads::Fault::badGateway);
     auto id = recordAndStop();
@@ -160,6 +229,19 @@ TEST_F(StudioViewTest, AFailedUploadIsRetriedFromItsRowWithProgress) {
     EXPECT_TRUE(uploads.upload(Uuid::lower(id))->published);
 }
 
+TEST_F(StudioViewTest, ShowInFolderAsksTheFileManagerToSelectTheVideo) {
+    FakeFileManager files;
+    ASSERT_TRUE(files.registered);
+    auto id = recordAndStop();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return rowOf(id) != nullptr; }));
+    QTest::mouseClick(action(rowOf(id), "Show in folder"), Qt::LeftButton);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !files.shown.isEmpty(); }));
+    EXPECT_EQ(files.shown,
+              QStringList{QUrl::fromLocalFile(QString::fromStdString(
+                                                  (h.library / ("Pavix-" + id + ".mp4")).string()))
+                              .toString()});
+}
+
 TEST_F(StudioViewTest, TheDeleteConfirmationKeepsOrMovesTheVideoToTheRealTrash) {
     auto id = recordAndStop();
     auto latest = recordAndStop();  // the first is no longer the latest, so it may go
@@ -168,15 +250,29 @@ TEST_F(StudioViewTest, TheDeleteConfirmationKeepsOrMovesTheVideoToTheRealTrash) 
     ASSERT_TRUE(QTest::qWaitFor([&] { return action(rowOf(id), "Move to Trash")->isEnabled(); }));
     EXPECT_FALSE(action(rowOf(latest), "Move to Trash")->isEnabled());
 
-    std::vector<bool> answers = {false, true};  // "Keep", then "Move to Trash"
-    int asked = 0;
-    view->confirmRemoval = [&](QWidget*) { return answers[asked++]; };
-    QTest::mouseClick(action(rowOf(id), "Move to Trash"), Qt::LeftButton);
-    EXPECT_EQ(asked, 1);
+    // The real question, answered by its buttons as a person would.
+    auto answer = [&](const QString& button) {
+        QString asked;
+        QTimer::singleShot(0, [&] {
+            ASSERT_TRUE(QTest::qWaitFor(
+                [] { return qobject_cast<QMessageBox*>(QApplication::activeModalWidget()); }));
+            auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+            asked = box->text();
+            for (auto* candidate : box->buttons()) {
+                if (candidate->text() == button) {
+                    QTest::mouseClick(candidate, Qt::LeftButton);
+                }
+            }
+        });
+        QTest::mouseClick(action(rowOf(id), "Move to Trash"), Qt::LeftButton);
+        return asked;
+    };
+    EXPECT_EQ(answer("Keep"), "Move this recording to the Trash?");
+    QTest::qWait(200);
     EXPECT_TRUE(fs::exists(video)) << "kept";
+    EXPECT_EQ(m.bridge->snapshot().state.recent.size(), 2u);
 
-    QTest::mouseClick(action(rowOf(id), "Move to Trash"), Qt::LeftButton);
-    EXPECT_EQ(asked, 2);
+    EXPECT_EQ(answer("Move to Trash"), "Move this recording to the Trash?");
     ASSERT_TRUE(until([](const StudioState& s) { return s.recent.size() == 1; }));
     EXPECT_FALSE(fs::exists(video));
     const auto trashed = fs::path(g_get_user_data_dir()) / "Trash" / "files" / video.filename();
@@ -186,3 +282,5 @@ TEST_F(StudioViewTest, TheDeleteConfirmationKeepsOrMovesTheVideoToTheRealTrash) 
 
 }  // namespace
 }  // namespace pavix::test
+
+#include "StudioViewTest.moc"

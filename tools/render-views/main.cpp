@@ -138,15 +138,10 @@ int main(int argc, char** argv) {
     settle();
     save(demo, out, "capture-demo");
 
-    QMessageBox question(&window);
-    question.setIcon(QMessageBox::Question);
-    question.setWindowTitle("Pavix");
-    question.setText("Move this recording to the Trash?");
-    question.addButton("Move to Trash", QMessageBox::DestructiveRole);
-    question.setDefaultButton(question.addButton("Keep", QMessageBox::RejectRole));
-    question.show();
+    auto question = StudioView::removalQuestion(&window);
+    question->show();
     settle();
-    save(question, out, "remove-question");
+    save(*question, out, "remove-question");
 
     model.stop();
     return 0;

@@ -486,17 +486,42 @@ asio::awaitable<std::vector<std::uint8_t>> Capture::still(CaptureSource source) 
     if (!size) {
         throw PavixError("Screenshot unavailable");
     }
+    auto take = [streams = parts_.platform.streams, stills = parts_.platform.stills,
+                 filter = stillFilter(source), width = static_cast<int>(size->width),
+                 height = static_cast<int>(size->height)] {
+        auto stream = streams();
+        return CaptureStill::take(*stream, *stills, filter, width, height, stillTimeout);
+    };
+    co_return co_await offload(*parts_.pool, take);
+}
+
+asio::awaitable<VideoFrame> Capture::picture(CaptureSource source, int maxWidth, int maxHeight) {
+    if (running()) {
+        throw PavixError("Preview is available after recording stops.");
+    }
+    if (!parts_.platform.streams || parts_.pool == nullptr) {
+        throw PavixError("Screenshot unavailable");
+    }
+    auto size = CaptureGeometry::make(static_cast<double>(source.width),
+                                      static_cast<double>(source.height), 1.0, maxWidth, maxHeight);
+    if (!size) {
+        throw PavixError("Screenshot unavailable");
+    }
+    auto take = [streams = parts_.platform.streams, filter = stillFilter(source),
+                 width = static_cast<int>(size->width), height = static_cast<int>(size->height)] {
+        auto stream = streams();
+        return CaptureStill::first(*stream, filter, width, height, stillTimeout);
+    };
+    co_return co_await offload(*parts_.pool, take);
+}
+
+CaptureFilter Capture::stillFilter(const CaptureSource& source) {
     CaptureFilter filter = source.filter;
     if (!source.windowIDs.empty()) {
         filter.kind = CaptureFilter::Kind::window;
         filter.windowID = source.windowIDs.front();
     }
-    auto take = [streams = parts_.platform.streams, stills = parts_.platform.stills, filter,
-                 width = static_cast<int>(size->width), height = static_cast<int>(size->height)] {
-        auto stream = streams();
-        return CaptureStill::take(*stream, *stills, filter, width, height, stillTimeout);
-    };
-    co_return co_await offload(*parts_.pool, take);
+    return filter;
 }
 
 }  // namespace pavix

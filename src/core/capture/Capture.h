@@ -25,6 +25,7 @@
 #include "core/runtime/Task.h"
 #include "core/runtime/Timing.h"
 #include "platform/ShareableContent.h"
+#include "platform/VideoFrame.h"
 
 namespace pavix {
 
@@ -103,6 +104,9 @@ class Capture {
     // One PNG picture of `source` at its own size, from a stream of its own. Throws when the
     // source cannot be captured.
     asio::awaitable<std::vector<std::uint8_t>> still(CaptureSource source);
+    // One picture of `source` shrunk to fit `maxWidth` × `maxHeight` pixels, for a preview.
+    // Throws like `still`, and PavixError while a capture runs.
+    asio::awaitable<VideoFrame> picture(CaptureSource source, int maxWidth, int maxHeight);
 
     // How a source is recorded, given the current windows and displays: a window that is on
     // screen and belongs to an application is recorded with that application's pop-ups in a
@@ -138,6 +142,8 @@ class Capture {
     void report(std::exception_ptr error);
     std::string describe(std::exception_ptr error) const;
     void log(const std::string& line) const;
+    // The stream filter of a one-picture capture: a window alone, a display as it is.
+    static CaptureFilter stillFilter(const CaptureSource& source);
 
     Parts parts_;
     std::shared_ptr<Attempt> current_;  // the running capture, from its first frame to its stop

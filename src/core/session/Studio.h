@@ -145,6 +145,10 @@ class Studio {
     asio::awaitable<void> stopAnyRecording();
     // When the recording in progress started; nothing while none runs.
     std::optional<std::chrono::steady_clock::time_point> recordingSince() const;
+    // A small picture of the selected source, at most `maxWidth` × `maxHeight` pixels, for the
+    // window's preview. Nothing while a recording starts, runs or stops (a preview never takes
+    // from a recording), when nothing is selected, or when the source cannot be pictured now.
+    asio::awaitable<std::optional<VideoFrame>> preview(int maxWidth, int maxHeight);
 
     // Read-only views for the application and tests.
     const std::optional<DeviceIdentity>& identity() const { return identity_; }
