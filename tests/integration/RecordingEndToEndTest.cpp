@@ -16,6 +16,7 @@
 #include "core/runtime/Uuid.h"
 #include "linux/FfmpegMediaReader.h"
 #include "support/ChildProcess.h"
+#include "support/DesktopBusMocks.h"
 #include "support/DevServerProcess.h"
 #include "support/LibraryRecords.h"
 #include "support/X11TestWindow.h"
@@ -48,12 +49,12 @@ class RecordingEndToEnd : public ::testing::Test {
         window.wait(seconds(5));
         fs::remove_all(home);
     }
-    std::unique_ptr<ChildProcess> pavix(std::vector<std::string> arguments) {
+    std::unique_ptr<ChildProcess> pavix(std::vector<std::string> arguments,
+                                        std::map<std::string, std::string> environment = {}) {
         arguments.insert(arguments.begin(), {PAVIX_BINARY, "--server", service.server()});
-        return std::make_unique<ChildProcess>(
-            arguments,
-            std::map<std::string, std::string>{{"XDG_CONFIG_HOME", (home / "config").string()},
-                                               {"XDG_STATE_HOME", (home / "state").string()}});
+        environment["XDG_CONFIG_HOME"] = (home / "config").string();
+        environment["XDG_STATE_HOME"] = (home / "state").string();
+        return std::make_unique<ChildProcess>(arguments, environment);
     }
     // Runs a one-shot pavix command to its end.
     std::pair<int, std::string> run(std::vector<std::string> arguments) {
@@ -305,12 +306,40 @@ TEST_F(RecordingEndToEnd, UploadedCopiesPastRetentionGoToTheTrashAtLaunch) {
     EXPECT_TRUE(fs::exists(journal.file(recent.id)));
 }
 
-// The application with its window: it resumes the saved pairing by itself, records for the
-// agent under the approval given at launch, and SIGTERM quits through the end of the session,
-// so the video is finished, kept and playable.
-TEST_F(RecordingEndToEnd, TheApplicationQuitWhileRecordingLeavesASavedPlayableVideo) {
+// What ends a recording of the application with its window, played by the desktop's services.
+enum class Ending { sigterm, trayQuit, trayStop, sleep, screenLock };
+
+void PrintTo(Ending ending, std::ostream* out) {
+    const char* names[] = {"Sigterm", "TrayQuit", "TrayStop", "Sleep", "ScreenLock"};
+    *out << names[static_cast<int>(ending)];
+}
+
+class ApplicationEnding : public RecordingEndToEnd, public testing::WithParamInterface<Ending> {};
+
+// The application with its window resumes the saved pairing by itself and records for the
+// agent under the approval given at launch. Whatever ends the recording (quitting from the
+// tray or by SIGTERM, the tray's Stop recording, sleep, a screen lock), the session ends with
+// its sentence and the video is finished, kept in the library and playable.
+TEST_P(ApplicationEnding, EndsTheSessionAndKeepsAPlayableVideo) {
+    const auto ending = GetParam();
+    std::unique_ptr<PrivateBus> system;
+    std::unique_ptr<MockService> logind, screenSaver;
+    std::unique_ptr<TrayHost> tray;
+    std::map<std::string, std::string> environment;
+    if (ending == Ending::sleep) {
+        system = std::make_unique<PrivateBus>();
+        logind = std::make_unique<MockService>(system->bus(), "org.freedesktop.login1",
+                                               std::vector<std::string>{"--template", "logind"});
+        environment["DBUS_SYSTEM_BUS_ADDRESS"] = system->address();
+    } else if (ending == Ending::screenLock) {
+        screenSaver = std::make_unique<MockService>(
+            Bus{}, "org.gnome.ScreenSaver",
+            std::vector<std::string>{"--template", "gnome_screensaver"});
+    } else if (ending == Ending::trayQuit || ending == Ending::trayStop) {
+        tray = std::make_unique<TrayHost>();
+    }
     ASSERT_NO_FATAL_FAILURE(pairAndSelectTheWindow());
-    auto app = pavix({"--approve"});
+    auto app = pavix({"--approve"}, environment);
     ASSERT_TRUE(eventually(
         [&] {
             return envelope(service.agent({"send", "listSources", "--timeout", "2"}))
@@ -318,23 +347,60 @@ TEST_F(RecordingEndToEnd, TheApplicationQuitWhileRecordingLeavesASavedPlayableVi
         },
         seconds(60)))
         << app->output();
+    if (tray) {
+        ASSERT_TRUE(eventually([&] { return tray->item().has_value(); }, seconds(20)))
+            << app->output();
+    }
     auto [started, captureId] = startRecording();
     ASSERT_TRUE(started.contains("value")) << started.dump() << app->output();
     std::this_thread::sleep_for(seconds(2));  // the length of the recording
 
-    app->signal(SIGTERM);
+    std::string sentence = "status: Disconnected. Local videos remain on this computer.";
+    switch (ending) {
+        case Ending::sigterm:
+            app->signal(SIGTERM);
+            break;
+        case Ending::trayQuit:
+            tray->click("Quit Pavix");
+            break;
+        case Ending::trayStop:
+            tray->click("Stop recording");
+            break;
+        case Ending::sleep:
+            logind->call("/org/freedesktop/login1", "org.freedesktop.DBus.Mock.EmitSignal",
+                         {"org.freedesktop.login1.Manager", "PrepareForSleep", "b", "[<true>]"});
+            sentence = "status: Computer went to sleep, locked or switched user.";
+            break;
+        case Ending::screenLock:
+            screenSaver->call("/org/gnome/ScreenSaver", "org.freedesktop.DBus.Mock.EmitSignal",
+                              {"org.gnome.ScreenSaver", "ActiveChanged", "b", "[<true>]"});
+            sentence = "status: Computer went to sleep, locked or switched user.";
+            break;
+    }
+    ASSERT_TRUE(app->waitForLine(sentence, seconds(30))) << app->output();
+    const auto sideCar = library() / (Uuid::upper(captureId) + ".json");
+    auto stage = [&] {
+        return fs::exists(sideCar) ? json::parse(readBytes(sideCar)).value("stage", "") : "";
+    };
+    if (ending != Ending::sigterm && ending != Ending::trayQuit) {
+        // The video is kept, and the application stays until it is asked to quit.
+        ASSERT_TRUE(eventually([&] { return stage() == "saved"; }, seconds(30))) << stage();
+        EXPECT_FALSE(app->wait(std::chrono::milliseconds(0))) << app->output();
+        app->signal(SIGTERM);
+    }
     ASSERT_EQ(app->wait(seconds(30)), 0) << app->output();
-    EXPECT_NE(app->output().find("status: Disconnected. Local videos remain on this computer."),
-              std::string::npos)
-        << app->output();
-    auto sideCar = json::parse(readBytes(library() / (Uuid::upper(captureId) + ".json")));
-    EXPECT_EQ(sideCar["stage"], "saved");
+    EXPECT_EQ(stage(), "saved");
     FfmpegMediaReader reader;
     auto duration =
         reader.duration((library() / ("Pavix-" + Uuid::upper(captureId) + ".mp4")).string());
     ASSERT_TRUE(duration);
     EXPECT_GT(*duration, 1.0);
 }
+
+INSTANTIATE_TEST_SUITE_P(, ApplicationEnding,
+                         testing::Values(Ending::sigterm, Ending::trayQuit, Ending::trayStop,
+                                         Ending::sleep, Ending::screenLock),
+                         testing::PrintToStringParamName());
 
 }  // namespace
 }  // namespace pavix::test

@@ -34,7 +34,7 @@ ChildProcess::ChildProcess(std::vector<std::string> arguments,
             argv.push_back(argument.data());
         }
         argv.push_back(nullptr);
-        ::execv(argv[0], argv.data());
+        ::execvp(argv[0], argv.data());  // a bare name is looked up on the PATH
         ::_exit(127);
     }
     ::close(out[1]);
