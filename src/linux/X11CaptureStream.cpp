@@ -153,7 +153,7 @@ void X11CaptureStream::loop(X11Display& display, X11Grabber& grabber,
         cursor.emplace(display.get(), display.root());
     }
     X11FramePool pool;
-    X11FrameScaler scaler;
+    X11FrameScaler scaler(config.draft);
     const auto interval = std::chrono::duration_cast<Clock::duration>(
         std::chrono::duration<double>(std::max(config.minimumFrameInterval, 1.0 / 240)));
     const int stride = config.width * 4;

@@ -16,6 +16,8 @@ struct CaptureStreamConfig {
     int width = 0;
     int height = 0;
     bool showsCursor = true;
+    // Pictures for a preview: reduced quickly and roughly rather than filtered as for a video.
+    bool draft = false;
     // The shortest time between two frames; 1/60 s gives up to 60 frames a second.
     double minimumFrameInterval = 1.0 / 60.0;
     // For an application-region filter: the recorded part of the screen, in root coordinates.

@@ -1,9 +1,11 @@
 #include "ui/PreviewStage.h"
 
+#include <QApplication>
+#include <QEvent>
 #include <QPainter>
 #include <QPainterPath>
 #include <QPointer>
-#include <memory>
+#include <mutex>
 
 #include "core/session/Studio.h"
 #include "ui/StudioBridge.h"
@@ -25,36 +27,107 @@ QImage imageOf(const VideoFrame& frame) {
 
 }  // namespace
 
+// Where the preview stream's thread leaves its latest picture. Pictures that come faster than
+// the window takes them replace each other; one delivery at a time is queued.
+struct PreviewStage::Mailbox {
+    std::mutex mutex;
+    QImage latest;
+    bool queued = false;
+    QPointer<PreviewStage> stage;  // read on the window thread only
+
+    void post(QImage image, const std::shared_ptr<Mailbox>& self) {
+        {
+            std::lock_guard lock(mutex);
+            latest = std::move(image);
+            if (queued) {
+                return;
+            }
+            queued = true;
+        }
+        QMetaObject::invokeMethod(
+            qApp,
+            [self] {
+                QImage image;
+                {
+                    std::lock_guard lock(self->mutex);
+                    image = std::move(self->latest);
+                    self->queued = false;
+                }
+                if (self->stage) {
+                    self->stage->receive(std::move(image));
+                }
+            },
+            Qt::QueuedConnection);
+    }
+};
+
 PreviewStage::PreviewStage(StudioBridge& bridge, QWidget* parent)
-    : QWidget(parent), bridge_(bridge) {
+    : QWidget(parent), bridge_(bridge), mailbox_(std::make_shared<Mailbox>()) {
+    mailbox_->stage = this;
     setAccessibleName("Preview");
     setMinimumSize(160, 90);
     setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
-    timer_.setSingleShot(true);
-    timer_.setInterval(kRefreshMs);
-    connect(&timer_, &QTimer::timeout, this, &PreviewStage::refresh);
+    patience_.setSingleShot(true);
+    patience_.setInterval(kPatienceMs);
+    connect(&patience_, &QTimer::timeout, this, [this] {
+        waitedInVain_ = true;
+        update();
+        ask(true);
+    });
     connect(&bridge_, &StudioBridge::changed, this, &PreviewStage::follow);
     follow();
 }
 
+PreviewStage::~PreviewStage() {
+    mailbox_->stage = nullptr;
+    if (!asked_.isEmpty()) {
+        bridge_.call([](Studio& studio) { studio.setPreview(std::nullopt); });
+    }
+}
+
+bool PreviewStage::recording() const {
+    const auto phase = bridge_.snapshot().phase;
+    return phase != RecordingLifecycle::Phase::idle &&
+           phase != RecordingLifecycle::Phase::uploading;
+}
+
 QString PreviewStage::caption() const {
-    const auto& s = bridge_.snapshot().state;
-    if (s.selection.empty()) {
+    if (bridge_.snapshot().state.selection.empty()) {
         return "Choose a source to see it here.";
     }
-    if (bridge_.snapshot().phase != RecordingLifecycle::Phase::idle) {
+    if (recording()) {
         return picture_.isNull() ? "" : "Preview pauses while recording.";
     }
-    if (picture_.isNull()) {
-        return failed_ ? "No picture of this source right now." : "";
+    if (picture_.isNull() && waitedInVain_) {
+        return "No picture of this source right now.";
     }
     return "";
 }
 
-bool PreviewStage::wanted() const {
-    const auto& snapshot = bridge_.snapshot();
-    return isVisible() && !window()->isMinimized() && !snapshot.state.selection.empty() &&
-           snapshot.phase == RecordingLifecycle::Phase::idle;
+void PreviewStage::ask(bool again) {
+    QSize wanted;
+    if (isVisible() && !window()->isMinimized()) {
+        const qreal scale = devicePixelRatioF();
+        wanted = QSize(static_cast<int>(width() * scale), static_cast<int>(height() * scale));
+    }
+    if (wanted == asked_ && !again) {
+        return;
+    }
+    asked_ = wanted;
+    if (wanted.isEmpty()) {
+        patience_.stop();
+        bridge_.call([](Studio& studio) { studio.setPreview(std::nullopt); });
+        return;
+    }
+    auto sink = [mailbox = mailbox_](const VideoFrame& frame) {
+        mailbox->post(imageOf(frame), mailbox);
+    };
+    bridge_.call([width = wanted.width(), height = wanted.height(), sink](Studio& studio) {
+        studio.setPreview(Studio::PreviewRequest{width, height, sink});
+    });
+    if (picture_.isNull()) {
+        patience_.start();
+    }
 }
 
 void PreviewStage::follow() {
@@ -62,55 +135,46 @@ void PreviewStage::follow() {
     if (selection != source_) {
         source_ = selection;
         picture_ = QImage();
-        failed_ = false;
-        timer_.stop();
-        refresh();  // a new selection is shown at once
-    } else if (wanted() && !pending_ && !timer_.isActive()) {
-        timer_.start();  // back from a recording
+        waitedInVain_ = false;
+        if (!asked_.isEmpty()) {
+            patience_.start();
+        }
     }
+    update();
+}
+
+void PreviewStage::receive(QImage image) {
+    if (image.isNull() || recording()) {
+        return;  // a picture taken just before the recording began
+    }
+    picture_ = std::move(image);
+    waitedInVain_ = false;
+    patience_.stop();
+    ++pictures_;
     update();
 }
 
 void PreviewStage::showEvent(QShowEvent* event) {
     QWidget::showEvent(event);
-    if (!pending_ && !timer_.isActive()) {
-        refresh();
-    }
+    window()->installEventFilter(this);  // minimised and restored
+    ask();
 }
 
-void PreviewStage::refresh() {
-    if (pending_ || !wanted()) {
-        return;  // a hidden or recording window asks again when it is shown or idle
+void PreviewStage::hideEvent(QHideEvent* event) {
+    QWidget::hideEvent(event);
+    ask();
+}
+
+void PreviewStage::resizeEvent(QResizeEvent* event) {
+    QWidget::resizeEvent(event);
+    ask();
+}
+
+bool PreviewStage::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == window() && event->type() == QEvent::WindowStateChange) {
+        ask();
     }
-    pending_ = true;
-    ++requests_;
-    const qreal scale = devicePixelRatioF();
-    const int width = std::max(2, static_cast<int>(this->width() * scale));
-    const int height = std::max(2, static_cast<int>(this->height() * scale));
-    auto result = std::make_shared<std::optional<VideoFrame>>();
-    auto asked = source_;
-    bridge_.spawn(
-        [result, width, height](Studio& studio) -> asio::awaitable<void> {
-            *result = co_await studio.preview(width, height);
-        },
-        [stage = QPointer<PreviewStage>(this), result, asked] {
-            if (!stage) {
-                return;
-            }
-            stage->pending_ = false;
-            if (asked == stage->source_) {
-                QImage image = *result ? imageOf(**result) : QImage();
-                stage->failed_ = image.isNull();
-                if (!image.isNull() ||
-                    stage->bridge_.snapshot().phase == RecordingLifecycle::Phase::idle) {
-                    stage->picture_ = image;  // a recording keeps the last still shown
-                }
-                stage->update();
-            }
-            if (stage->wanted()) {
-                stage->timer_.start();
-            }
-        });
+    return QWidget::eventFilter(watched, event);
 }
 
 void PreviewStage::paintEvent(QPaintEvent*) {
@@ -122,13 +186,12 @@ void PreviewStage::paintEvent(QPaintEvent*) {
     frame.addRoundedRect(stage, 6, 6);
     painter.fillPath(frame, QColor("#202124"));
     painter.setClipPath(frame);
-    const bool recording = bridge_.snapshot().phase != RecordingLifecycle::Phase::idle;
     if (!picture_.isNull()) {
         QSizeF shown = QSizeF(picture_.size()).scaled(stage.size(), Qt::KeepAspectRatio);
         QRectF target(QPointF(0, 0), shown);
         target.moveCenter(stage.center());
         painter.drawImage(target, picture_);
-        if (recording) {
+        if (recording()) {
             painter.fillRect(stage, QColor(0, 0, 0, 140));
         }
     }

@@ -1,49 +1,61 @@
 #pragma once
 
+#include <QElapsedTimer>
 #include <QImage>
 #include <QTimer>
 #include <QWidget>
+#include <memory>
 #include <string>
 
 namespace pavix {
 
 class StudioBridge;
 
-// A still of the selected source, refreshed a few times a second while the window is shown
-// and nothing records. One picture is asked for at a time and the next only after it came,
-// so a slow source slows the preview down instead of piling requests on the model. While a
-// recording runs the stage shows its last still, dimmed, and asks for nothing.
+// A live, small picture of the selected source. While the stage is shown it asks the model
+// for a preview at its own size; the model's preview stream sends a picture only when the
+// source changed, a few times a second at most, and pauses while a recording runs, when the
+// stage shows its last picture dimmed. Hidden or minimised, the stage asks for nothing.
 class PreviewStage : public QWidget {
     Q_OBJECT
 
   public:
-    static constexpr int kRefreshMs = 350;
+    // How long the stage waits for a first picture before it says there is none, and asks
+    // again (a minimised window has no picture until it is restored).
+    static constexpr int kPatienceMs = 1500;
 
     explicit PreviewStage(StudioBridge& bridge, QWidget* parent = nullptr);
+    ~PreviewStage() override;
 
     QSize sizeHint() const override { return {320, 180}; }
     bool hasPicture() const { return !picture_.isNull(); }
     // What the stage says instead of (or over) the picture; empty when it shows one plainly.
     QString caption() const;
-    // How many pictures were asked of the model so far.
-    int requests() const { return requests_; }
+    // How many pictures the stage has shown.
+    int pictures() const { return pictures_; }
 
   protected:
     void paintEvent(QPaintEvent* event) override;
     void showEvent(QShowEvent* event) override;
+    void hideEvent(QHideEvent* event) override;
+    void resizeEvent(QResizeEvent* event) override;
+    bool eventFilter(QObject* watched, QEvent* event) override;
 
   private:
-    void follow();   // the snapshot changed
-    void refresh();  // asks for the next picture when the stage should show one
-    bool wanted() const;
+    struct Mailbox;
+
+    void ask(bool again = false);  // tells the model the size wanted, or that none is
+    void follow();                 // the snapshot changed
+    void receive(QImage image);
+    bool recording() const;
 
     StudioBridge& bridge_;
-    QTimer timer_;
+    std::shared_ptr<Mailbox> mailbox_;
     QImage picture_;
     std::string source_;  // the selection the picture shows
-    bool pending_ = false;
-    bool failed_ = false;  // the last request had no picture
-    int requests_ = 0;
+    QSize asked_;         // the size last asked for; empty when none
+    QTimer patience_;
+    bool waitedInVain_ = false;
+    int pictures_ = 0;
 };
 
 }  // namespace pavix

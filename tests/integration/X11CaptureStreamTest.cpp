@@ -85,27 +85,41 @@ TEST_F(X11CaptureStreamTest, CoveredWindowIsCapturedWithItsOwnContent) {
     EXPECT_GT(covered->captureTimeNs, nowNs - 5'000'000'000);
 }
 
+// Filtered for a video and sampled for a preview alike.
 TEST_F(X11CaptureStreamTest, OtherSizesAreScaledToFitOnBlack) {
     parkPointer(1900, 1060);
     X11TestWindow target(display, {.title = "Scaled", .width = 400, .height = 300, .colour = red});
-    // Half the size: the same picture.
-    stream.start(windowFilter(target.id()), sized(200, 150), frames.handlers());
-    auto half = frames.nextComplete();
-    ASSERT_TRUE(half);
-    EXPECT_EQ(half->width, 200);
-    EXPECT_EQ(X11FrameCollector::pixel(*half, 0, 0), red);
-    EXPECT_EQ(X11FrameCollector::pixel(*half, 199, 149), red);
-    stream.stop();
+    target.fillRect(200, 0, 200, 300, blue);  // the right half
+    for (bool draft : {false, true}) {
+        SCOPED_TRACE(draft ? "draft" : "filtered");
+        // Half the size: the same picture.
+        auto config = sized(200, 150);
+        config.draft = draft;
+        X11FrameCollector halves;
+        stream.start(windowFilter(target.id()), config, halves.handlers());
+        auto half = halves.nextComplete();
+        stream.stop();
+        ASSERT_TRUE(half);
+        EXPECT_EQ(half->width, 200);
+        EXPECT_EQ(X11FrameCollector::pixel(*half, 0, 0), red);
+        EXPECT_EQ(X11FrameCollector::pixel(*half, 98, 149), red);
+        EXPECT_EQ(X11FrameCollector::pixel(*half, 101, 0), blue);
+        EXPECT_EQ(X11FrameCollector::pixel(*half, 199, 149), blue);
 
-    // A square frame: 400×300 fits as 400×300 with 50-row bars above and below.
-    X11FrameCollector square;
-    stream.start(windowFilter(target.id()), sized(400, 400), square.handlers());
-    auto boxed = square.nextComplete();
-    ASSERT_TRUE(boxed);
-    EXPECT_EQ(X11FrameCollector::pixel(*boxed, 200, 10), black);
-    EXPECT_EQ(X11FrameCollector::pixel(*boxed, 200, 390), black);
-    EXPECT_EQ(X11FrameCollector::pixel(*boxed, 200, 60), red);
-    EXPECT_EQ(X11FrameCollector::pixel(*boxed, 0, 200), red);
+        // A square frame: 400×300 fits as 400×300 with 50-row bars above and below.
+        config = sized(400, 400);
+        config.draft = draft;
+        X11FrameCollector square;
+        stream.start(windowFilter(target.id()), config, square.handlers());
+        auto boxed = square.nextComplete();
+        stream.stop();
+        ASSERT_TRUE(boxed);
+        EXPECT_EQ(X11FrameCollector::pixel(*boxed, 200, 10), black);
+        EXPECT_EQ(X11FrameCollector::pixel(*boxed, 200, 390), black);
+        EXPECT_EQ(X11FrameCollector::pixel(*boxed, 100, 60), red);
+        EXPECT_EQ(X11FrameCollector::pixel(*boxed, 0, 200), red);
+        EXPECT_EQ(X11FrameCollector::pixel(*boxed, 399, 200), blue);
+    }
 }
 
 TEST_F(X11CaptureStreamTest, StaticWindowGivesIdleTicksAndAnimatedWindowCompleteFrames) {

@@ -1,4 +1,5 @@
 #include "support/FakeCapturePlatform.h"
+#include <algorithm>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -41,6 +42,7 @@ void FakeCaptureStream::start(const CaptureFilter& filter, const CaptureStreamCo
             throw *script_->startError;
         }
         script_->running = handlers;
+        script_->mostLive = std::max(script_->mostLive, ++script_->live);
         deliver = script_->deliverFrames;
     }
     started_ = true;
@@ -88,6 +90,7 @@ void FakeCaptureStream::stop() {
         started_ = false;
         std::lock_guard lock(script_->mutex);
         ++script_->stops;
+        --script_->live;
         script_->running = {};
     }
 }

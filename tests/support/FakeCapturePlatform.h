@@ -28,6 +28,8 @@ struct FakeStreamScript {
     std::vector<CaptureStreamConfig> configs;
     int starts = 0;
     int stops = 0;
+    int live = 0;                   // streams running now
+    int mostLive = 0;               // the most that ever ran at once
     CaptureStreamHandlers running;  // handlers of the stream that runs now
 
     // Ends the running stream as the window system would: its error handler, then no frame.

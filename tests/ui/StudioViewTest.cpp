@@ -162,43 +162,43 @@ TEST_F(StudioViewTest, ApprovalRecordAndStopFollowTheModel) {
     EXPECT_TRUE(action(uploaded, "Show in folder")->isEnabled());
 }
 
-// The preview asks for one small picture at a time while idle, and nothing while recording.
-TEST_F(StudioViewTest, ThePreviewRefreshesWhileIdleAndPausesWhileRecording) {
+// The preview runs a small stream of its own while shown and idle; a recording stops it before
+// its own stream starts, and hiding the window ends it.
+TEST_F(StudioViewTest, ThePreviewShowsTheSourceAndGivesWayToARecording) {
     auto* stage = view->findChild<PreviewStage*>();
     ASSERT_NE(stage, nullptr);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return stage->hasPicture(); }));
+    auto& streams = *m.capture.streams;
+    auto script = [&](auto read) {
+        std::lock_guard lock(streams.mutex);
+        return read(streams);
+    };
+    ASSERT_TRUE(QTest::qWaitFor([&] { return stage->pictures() >= 3; }));
     EXPECT_TRUE(stage->caption().isEmpty());
-    ASSERT_TRUE(QTest::qWaitFor([&] { return stage->requests() >= 3; }));
-    {
-        std::lock_guard lock(m.capture.streams->mutex);
-        const auto& asked = m.capture.streams->configs.back();
-        EXPECT_LE(asked.width, stage->width() * stage->devicePixelRatio());
-        EXPECT_LE(asked.height, stage->height() * stage->devicePixelRatio());
-        EXPECT_FALSE(asked.showsCursor);
-    }
+    auto asked = script([](auto& s) { return s.configs.back(); });
+    EXPECT_LE(asked.width, stage->width() * stage->devicePixelRatio());
+    EXPECT_LE(asked.height, stage->height() * stage->devicePixelRatio());
+    EXPECT_TRUE(asked.draft);
+    EXPECT_FALSE(asked.showsCursor);
+    EXPECT_EQ(asked.minimumFrameInterval, PreviewFeed::kInterval);
 
     uploads.issue(Uuid::make());
     QTest::mouseClick(find<QPushButton>("Record it yourself"), Qt::LeftButton);
     ASSERT_TRUE(until([](const StudioState& s) { return s.recording; }));
-    QTest::qWait(PreviewStage::kRefreshMs);  // a picture asked for just before may still come
-    const int requests = stage->requests();
-    int starts = 0;
-    {
-        std::lock_guard lock(m.capture.streams->mutex);
-        starts = m.capture.streams->starts;
-    }
-    QTest::qWait(PreviewStage::kRefreshMs * 4);
-    EXPECT_EQ(stage->requests(), requests);
-    {
-        std::lock_guard lock(m.capture.streams->mutex);
-        EXPECT_EQ(m.capture.streams->starts, starts) << "no stream but the recording's";
-    }
+    QTest::qWait(100);  // pictures already on their way are dropped
+    const int shown = stage->pictures();
+    QTest::qWait(300);
+    EXPECT_EQ(stage->pictures(), shown);
+    EXPECT_EQ(script([](auto& s) { return s.live; }), 1) << "the recording's stream alone";
+    EXPECT_EQ(script([](auto& s) { return s.mostLive; }), 1) << "never two streams at once";
     EXPECT_TRUE(stage->hasPicture());
     EXPECT_EQ(stage->caption(), "Preview pauses while recording.");
 
     QTest::mouseClick(find<QPushButton>("Stop"), Qt::LeftButton);
     ASSERT_TRUE(until([](const StudioState& s) { return !s.recording && !s.busy; }));
-    EXPECT_TRUE(QTest::qWaitFor([&] { return stage->requests() > requests; }));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return stage->pictures() > shown; }));
+
+    view->hide();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return script([](auto& s) { return s.live; }) == 0; }));
 }
 
 TEST_F(StudioViewTest, AFailedUploadIsRetriedFromItsRowWithProgress) {

@@ -55,7 +55,10 @@ const ShareableWindow* findWindow(const ShareableContentSnapshot& content, std::
 Capture::EncoderRejected::EncoderRejected(std::exception_ptr error)
     : std::runtime_error(whatOf(error)), underlying(std::move(error)) {}
 
-Capture::Capture(Parts parts) : parts_(std::move(parts)), self_(std::make_shared<Capture*>(this)) {}
+Capture::Capture(Parts parts)
+    : parts_(std::move(parts)),
+      self_(std::make_shared<Capture*>(this)),
+      preview_(std::make_shared<PreviewFeed>(parts_.platform.streams)) {}
 
 Capture::~Capture() {
     self_.reset();  // callbacks already posted find nothing to touch
@@ -140,7 +143,8 @@ asio::awaitable<void> Capture::start(CaptureSource source, std::filesystem::path
         ~Starting() { flag = false; }
     } starting{starting_};
 
-    auto read = [content = parts_.content, file] {
+    auto read = [content = parts_.content, file, preview = preview_] {
+        preview->hideAndWait();  // no preview stream runs beside a recording
         auto snapshot = content->current();
         return std::make_pair(std::move(snapshot), std::filesystem::exists(file));
     };
@@ -495,24 +499,19 @@ asio::awaitable<std::vector<std::uint8_t>> Capture::still(CaptureSource source) 
     co_return co_await offload(*parts_.pool, take);
 }
 
-asio::awaitable<VideoFrame> Capture::picture(CaptureSource source, int maxWidth, int maxHeight) {
-    if (running()) {
-        throw PavixError("Preview is available after recording stops.");
+void Capture::preview(const std::optional<CaptureSource>& source, int maxWidth, int maxHeight,
+                      PreviewFeed::Sink sink) {
+    std::optional<CaptureGeometry> size;
+    if (source && !running()) {
+        size = CaptureGeometry::make(static_cast<double>(source->width),
+                                     static_cast<double>(source->height), 1.0, maxWidth, maxHeight);
     }
-    if (!parts_.platform.streams || parts_.pool == nullptr) {
-        throw PavixError("Screenshot unavailable");
-    }
-    auto size = CaptureGeometry::make(static_cast<double>(source.width),
-                                      static_cast<double>(source.height), 1.0, maxWidth, maxHeight);
     if (!size) {
-        throw PavixError("Screenshot unavailable");
+        preview_->hide();
+        return;
     }
-    auto take = [streams = parts_.platform.streams, filter = stillFilter(source),
-                 width = static_cast<int>(size->width), height = static_cast<int>(size->height)] {
-        auto stream = streams();
-        return CaptureStill::first(*stream, filter, width, height, stillTimeout);
-    };
-    co_return co_await offload(*parts_.pool, take);
+    preview_->show(stillFilter(*source), static_cast<int>(size->width),
+                   static_cast<int>(size->height), std::move(sink));
 }
 
 CaptureFilter Capture::stillFilter(const CaptureSource& source) {

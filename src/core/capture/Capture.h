@@ -20,6 +20,7 @@
 #include "core/capture/CapturePlatform.h"
 #include "core/capture/CaptureRect.h"
 #include "core/capture/CaptureSource.h"
+#include "core/capture/PreviewFeed.h"
 #include "core/runtime/Log.h"
 #include "core/runtime/SharedOutcome.h"
 #include "core/runtime/Task.h"
@@ -104,9 +105,11 @@ class Capture {
     // One PNG picture of `source` at its own size, from a stream of its own. Throws when the
     // source cannot be captured.
     asio::awaitable<std::vector<std::uint8_t>> still(CaptureSource source);
-    // One picture of `source` shrunk to fit `maxWidth` × `maxHeight` pixels, for a preview.
-    // Throws like `still`, and PavixError while a capture runs.
-    asio::awaitable<VideoFrame> picture(CaptureSource source, int maxWidth, int maxHeight);
+    // The window's live preview of `source`, fitted into `maxWidth` × `maxHeight` pixels, its
+    // new pictures sent to `sink` on the stream's thread; none ends it. A capture that starts
+    // ends the preview before its own stream starts, and none is shown while a capture runs.
+    void preview(const std::optional<CaptureSource>& source, int maxWidth, int maxHeight,
+                 PreviewFeed::Sink sink);
 
     // How a source is recorded, given the current windows and displays: a window that is on
     // screen and belongs to an application is recorded with that application's pop-ups in a
@@ -160,6 +163,8 @@ class Capture {
     std::optional<CaptureEncoding> encoding_;
     // Posted callbacks check this before touching the capture.
     std::shared_ptr<Capture*> self_;
+    // Shared with the pool job that waits for it to stop before a capture starts.
+    std::shared_ptr<PreviewFeed> preview_;
 };
 
 }  // namespace pavix

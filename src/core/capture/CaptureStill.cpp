@@ -19,25 +19,26 @@ struct FirstFrame {
 
 }  // namespace
 
-VideoFrame first(CaptureStream& stream, const CaptureFilter& filter, int width, int height,
-                 std::chrono::milliseconds timeout) {
-    FirstFrame arrival;
+std::vector<std::uint8_t> take(CaptureStream& stream, StillEncoder& encoder,
+                               const CaptureFilter& filter, int width, int height,
+                               std::chrono::milliseconds timeout) {
+    FirstFrame first;
     CaptureStreamHandlers handlers;
-    handlers.frame = [&arrival](const VideoFrame& frame) {
+    handlers.frame = [&first](const VideoFrame& frame) {
         if (!frame.complete) {
             return;
         }
-        std::lock_guard lock(arrival.mutex);
-        if (!arrival.frame) {
-            arrival.frame = frame;
-            arrival.arrived.notify_all();
+        std::lock_guard lock(first.mutex);
+        if (!first.frame) {
+            first.frame = frame;
+            first.arrived.notify_all();
         }
     };
-    handlers.error = [&arrival](const CaptureError& error) {
-        std::lock_guard lock(arrival.mutex);
-        if (!arrival.error) {
-            arrival.error = error;
-            arrival.arrived.notify_all();
+    handlers.error = [&first](const CaptureError& error) {
+        std::lock_guard lock(first.mutex);
+        if (!first.error) {
+            first.error = error;
+            first.arrived.notify_all();
         }
     };
     CaptureStreamConfig config;
@@ -49,25 +50,19 @@ VideoFrame first(CaptureStream& stream, const CaptureFilter& filter, int width, 
     std::optional<VideoFrame> frame;
     std::optional<CaptureError> error;
     {
-        std::unique_lock lock(arrival.mutex);
-        arrival.arrived.wait_for(lock, timeout, [&] { return arrival.frame || arrival.error; });
-        frame = arrival.frame;
-        error = arrival.error;
+        std::unique_lock lock(first.mutex);
+        first.arrived.wait_for(lock, timeout, [&] { return first.frame || first.error; });
+        frame = first.frame;
+        error = first.error;
     }
-    stream.stop();  // no handler runs after this, so `arrival` may go
+    stream.stop();  // no handler runs after this, so `first` may go
     if (frame) {
-        return *frame;
+        return encoder.png(*frame);
     }
     if (error) {
         throw *error;
     }
     throw CaptureError(CaptureError::kFailedToStart, "No picture arrived from the source.");
-}
-
-std::vector<std::uint8_t> take(CaptureStream& stream, StillEncoder& encoder,
-                               const CaptureFilter& filter, int width, int height,
-                               std::chrono::milliseconds timeout) {
-    return encoder.png(first(stream, filter, width, height, timeout));
 }
 
 }  // namespace pavix::CaptureStill

@@ -11,12 +11,9 @@
 namespace pavix::CaptureStill {
 
 // Starts `stream` on `filter` at `width` × `height` pixels (even), takes its first complete
-// frame and stops it. Blocking: call it off the model executor. Throws the stream's
-// CaptureError, or CaptureError -3802 when no frame arrives within `timeout`.
-VideoFrame first(CaptureStream& stream, const CaptureFilter& filter, int width, int height,
-                 std::chrono::milliseconds timeout);
-
-// The first frame as above, encoded as PNG.
+// frame, stops it and encodes the frame as PNG. Blocking: call it off the model executor.
+// Throws the stream's CaptureError, or CaptureError -3802 when no frame arrives within
+// `timeout`.
 std::vector<std::uint8_t> take(CaptureStream& stream, StillEncoder& encoder,
                                const CaptureFilter& filter, int width, int height,
                                std::chrono::milliseconds timeout);

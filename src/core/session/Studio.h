@@ -145,10 +145,16 @@ class Studio {
     asio::awaitable<void> stopAnyRecording();
     // When the recording in progress started; nothing while none runs.
     std::optional<std::chrono::steady_clock::time_point> recordingSince() const;
-    // A small picture of the selected source, at most `maxWidth` × `maxHeight` pixels, for the
-    // window's preview. Nothing while a recording starts, runs or stops (a preview never takes
-    // from a recording), when nothing is selected, or when the source cannot be pictured now.
-    asio::awaitable<std::optional<VideoFrame>> preview(int maxWidth, int maxHeight);
+    // The window's live preview of the selected source: while asked for, `sink` gets its new
+    // pictures, at most `maxWidth` × `maxHeight` pixels, on the preview stream's thread. It
+    // follows the selection, and pauses while a recording starts, runs or stops: a preview
+    // never takes from a recording. Nothing ends it.
+    struct PreviewRequest {
+        int maxWidth = 0;
+        int maxHeight = 0;
+        PreviewFeed::Sink sink;
+    };
+    void setPreview(std::optional<PreviewRequest> request);
 
     // Read-only views for the application and tests.
     const std::optional<DeviceIdentity>& identity() const { return identity_; }
@@ -169,7 +175,10 @@ class Studio {
         for (auto& observer : observers_) {
             observer(state_);
         }
+        followPreview();
     }
+    // Starts, moves or ends the preview as the request, the selection and the recording say.
+    void followPreview();
     // Applies one step of the recording's lifecycle and publishes the flags it decides.
     // Returns whether the step was allowed; a refused step changes nothing.
     template <class F>
@@ -271,6 +280,7 @@ class Studio {
     std::string connectionGeneration_;
     std::optional<std::string> lastSourceTitle_;
     std::unique_ptr<Capture> capture_;
+    std::optional<PreviewRequest> previewRequest_;
     std::optional<LocalCapture> current_;
     RecordingLifecycle lifecycle_;
     ChangeSignal lifecycleChanged_;

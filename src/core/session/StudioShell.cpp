@@ -42,22 +42,22 @@ std::optional<std::chrono::steady_clock::time_point> Studio::recordingSince() co
     return recordingStarted_;
 }
 
-asio::awaitable<std::optional<VideoFrame>> Studio::preview(int maxWidth, int maxHeight) {
-    auto source = selectedSource();
-    if (!source || lifecycle_.capturing() || capture_->running()) {
-        co_return std::nullopt;
+void Studio::setPreview(std::optional<PreviewRequest> request) {
+    previewRequest_ = std::move(request);
+    followPreview();
+}
+
+void Studio::followPreview() {
+    if (!capture_) {
+        return;  // still being made
     }
-    std::optional<VideoFrame> picture;
-    try {
-        picture = co_await capture_->picture(*source, maxWidth, maxHeight);
-    } catch (const std::exception&) {
-        // A window that is minimised, closing or unmapped has no picture; the preview says so
-        // and asks again later. Not worth a log line several times a second.
+    std::optional<CaptureSource> source;
+    if (previewRequest_ && !lifecycle_.capturing()) {
+        source = selectedSource();
     }
-    if (lifecycle_.capturing()) {
-        co_return std::nullopt;  // a recording began while the picture was taken
-    }
-    co_return picture;
+    capture_->preview(source, previewRequest_ ? previewRequest_->maxWidth : 0,
+                      previewRequest_ ? previewRequest_->maxHeight : 0,
+                      previewRequest_ ? previewRequest_->sink : PreviewFeed::Sink());
 }
 
 }  // namespace pavix
