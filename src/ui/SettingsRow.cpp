@@ -14,6 +14,7 @@ SettingsRow::SettingsRow(const QString& title, const QString& explanation, QWidg
     auto* name = new QLabel(title);
     name->setBuddy(control);
     control->setAccessibleName(title);
+    control->setAccessibleDescription(explanation);
     auto* text = new QVBoxLayout;
     text->setSpacing(2);
     text->addWidget(name);

@@ -105,12 +105,14 @@ void StudioView::build() {
 
     server_ = new QLineEdit;
     server_->setPlaceholderText("https://…");
+    server_->setAccessibleName("Server");
     connect(server_, &QLineEdit::editingFinished, this, [this] {
         auto server = server_->text().trimmed().toStdString();
         bridge_.call([server](Studio& studio) { studio.setServer(server); });
     });
     code_ = new QLineEdit;
     code_->setPlaceholderText("From your agent or the console");
+    code_->setAccessibleName("One-time code");
     connect(code_, &QLineEdit::textEdited, this, [this](const QString& text) {
         auto code = text.toStdString();
         bridge_.call([code](Studio& studio) { studio.setCode(code); });

@@ -201,6 +201,54 @@ TEST_F(StudioViewTest, ThePreviewShowsTheSourceAndGivesWayToARecording) {
     EXPECT_TRUE(QTest::qWaitFor([&] { return script([](auto& s) { return s.live; }) == 0; }));
 }
 
+// Tab reaches every control in reading order, and the keyboard works them.
+TEST_F(StudioViewTest, TheKeyboardReachesAndWorksEveryControl) {
+    recordAndStop();
+    recordAndStop();  // the first is no longer the latest: all its actions are on
+    view->activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(view.get()));
+    QStringList order;
+    QWidget* first = nullptr;
+    for (int i = 0; i < 40; ++i) {
+        QTest::keyClick(QApplication::focusWidget() ? QApplication::focusWidget() : view.get(),
+                        Qt::Key_Tab);
+        auto* focused = QApplication::focusWidget();
+        if (!focused || focused == first) {
+            break;
+        }
+        first = first ? first : focused;
+        auto* button = qobject_cast<QAbstractButton*>(focused);
+        QString name = !focused->accessibleName().isEmpty() ? focused->accessibleName()
+                       : button                             ? button->text()
+                                                            : focused->metaObject()->className();
+        order << name;
+    }
+    const QStringList expected = {"Settings…",
+                                  "Sources",
+                                  "Refresh",
+                                  "Pick a window…",
+                                  "Server",
+                                  "One-time code",
+                                  "Approve recording and upload of the selected source",
+                                  "Share with agent",
+                                  "Record it yourself",
+                                  "On this computer"};
+    int at = 0;
+    for (const auto& name : order) {
+        if (at < expected.size() && name == expected[at]) {
+            ++at;
+        }
+    }
+    EXPECT_EQ(at, expected.size()) << order.join(" | ").toStdString();
+    EXPECT_TRUE(order.contains("Move to Trash")) << order.join(" | ").toStdString();
+
+    // Space on the focused approval box gives the approval.
+    auto* consent = view->findChild<QCheckBox*>();
+    consent->setFocus();
+    QTest::keyClick(consent, Qt::Key_Space);
+    EXPECT_TRUE(until([](const StudioState& s) { return s.consent; }));
+}
+
 TEST_F(StudioViewTest, AFailedUploadIsRetriedFromItsRowWithProgress) {
     uploads.fault(ScriptedUploads::Fault::badGateway);
     auto id = recordAndStop();
