@@ -18,11 +18,8 @@ void AccountPopover::fill() {
     addAction(s.paired ? "Paired with " + server : "Not paired")->setEnabled(false);
     addSeparator();
     if (s.connected) {
-        connect(addAction("Stop sharing"), &QAction::triggered, this, [this] {
-            bridge_.spawn([](Studio& studio) {
-                return studio.disconnect("Disconnected. Local videos remain on this computer.");
-            });
-        });
+        connect(addAction("Stop sharing"), &QAction::triggered, this,
+                [this] { bridge_.spawn([](Studio& studio) { return studio.stopSharing(); }); });
     } else {
         auto* share = addAction("Share with agent");
         share->setEnabled(!snapshot.shareBlocker);

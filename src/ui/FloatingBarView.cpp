@@ -8,19 +8,6 @@
 #include "ui/Theme.h"
 
 namespace pavix {
-namespace {
-
-QToolButton* barButton(const QString& icon, const QString& name) {
-    auto* button = new QToolButton;
-    button->setIcon(Theme::icon(icon));
-    button->setToolTip(name);
-    button->setAccessibleName(name);
-    button->setAutoRaise(true);
-    button->setIconSize(QSize(18, 18));
-    return button;
-}
-
-}  // namespace
 
 FloatingBarView::FloatingBarView(QWidget* parent) : QWidget(parent) {
     setObjectName("bar");
@@ -40,9 +27,9 @@ FloatingBarView::FloatingBarView(QWidget* parent) : QWidget(parent) {
     auto font = elapsed_->font();
     font.setBold(true);
     elapsed_->setFont(font);
-    source_ = barButton("window", "Source");
+    source_ = Theme::iconButton("window", "Source");
     source_->setPopupMode(QToolButton::InstantPopup);
-    record_ = barButton("record", "Record it yourself");
+    record_ = Theme::iconButton("record", "Record it yourself");
     connect(record_, &QToolButton::clicked, this, [this] {
         if (snapshot_.state.recording) {
             Q_EMIT stopPressed();
@@ -50,7 +37,7 @@ FloatingBarView::FloatingBarView(QWidget* parent) : QWidget(parent) {
             Q_EMIT recordPressed();
         }
     });
-    account_ = barButton("pavix", "Account");
+    account_ = Theme::iconButton("pavix", "Account");
     account_->setPopupMode(QToolButton::InstantPopup);
 
     auto* row = new QHBoxLayout(this);
@@ -59,9 +46,10 @@ FloatingBarView::FloatingBarView(QWidget* parent) : QWidget(parent) {
     row->addWidget(dot_);
     row->addWidget(state_, 1);
     row->addWidget(elapsed_);
-    row->addWidget(source_);
-    row->addWidget(record_);
-    row->addWidget(account_);
+    for (auto* button : {source_, record_, account_}) {
+        button->setIconSize(QSize(18, 18));
+        row->addWidget(button);
+    }
 
     auto* clock = new QTimer(this);
     clock->setInterval(500);

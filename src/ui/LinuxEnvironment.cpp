@@ -39,22 +39,15 @@ std::unique_ptr<ShareableContent> shareableContent(Log& log) {
     }
 }
 
-// The layer track needs the window system; without it recordings go on without layers.
-std::unique_ptr<WindowLayers> windowLayers(Log& log) {
+// A part that needs the window system, or none when there is none; the log says what is
+// missing then. Without a window list recordings go on without layers; without a clipboard
+// the support summary cannot be copied.
+template <class Made>
+std::unique_ptr<Made> ifDisplay(Log& log, const char* missing) {
     try {
-        return std::make_unique<X11WindowLayers>();
+        return std::make_unique<Made>();
     } catch (const std::exception& e) {
-        log.line(std::string("no window list for layers: ") + e.what());
-        return nullptr;
-    }
-}
-
-// The clipboard needs the window system; without it the support summary cannot be copied.
-std::unique_ptr<Clipboard> clipboard(Log& log) {
-    try {
-        return std::make_unique<X11Clipboard>();
-    } catch (const std::exception& e) {
-        log.line(std::string("no clipboard: ") + e.what());
+        log.line(std::string(missing) + ": " + e.what());
         return nullptr;
     }
 }
@@ -85,8 +78,8 @@ LinuxEnvironment::LinuxEnvironment() {
         std::make_unique<FileSecretStore>(stateFolder / "credentials"),
         (stateFolder / "credentials").string(), log_);
     content_ = shareableContent(log_);
-    layers_ = windowLayers(log_);
-    clipboard_ = clipboard(log_);
+    layers_ = ifDisplay<X11WindowLayers>(log_, "no window list for layers");
+    clipboard_ = ifDisplay<X11Clipboard>(log_, "no clipboard");
 }
 
 LinuxEnvironment::~LinuxEnvironment() {

@@ -11,19 +11,6 @@
 #include "ui/Theme.h"
 
 namespace pavix {
-namespace {
-
-QToolButton* action(const QString& icon, const QString& name) {
-    auto* button = new QToolButton;
-    button->setIcon(Theme::icon(icon));
-    button->setToolTip(name);
-    button->setAccessibleName(name);
-    button->setAutoRaise(true);
-    button->setFocusPolicy(Qt::StrongFocus);
-    return button;
-}
-
-}  // namespace
 
 RecordingRow::RecordingRow(QWidget* parent) : QWidget(parent) {
     date_ = new QLabel;
@@ -37,10 +24,10 @@ RecordingRow::RecordingRow(QWidget* parent) : QWidget(parent) {
     progress_->setFixedHeight(6);
     progress_->hide();
 
-    play_ = action("play", tr("Play"));
-    folder_ = action("folder", tr("Show in folder"));
-    retry_ = action("retry", tr("Retry upload"));
-    remove_ = action("trash", tr("Move to Trash"));
+    play_ = Theme::iconButton("play", tr("Play"));
+    folder_ = Theme::iconButton("folder", tr("Show in folder"));
+    retry_ = Theme::iconButton("retry", tr("Retry upload"));
+    remove_ = Theme::iconButton("trash", tr("Move to Trash"));
     // A row without a retry keeps its place: the actions line up from row to row.
     auto policy = retry_->sizePolicy();
     policy.setRetainSizeWhenHidden(true);

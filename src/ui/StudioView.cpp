@@ -25,8 +25,6 @@
 namespace pavix {
 namespace {
 
-constexpr const char* kDisconnected = "Disconnected. Local videos remain on this computer.";
-
 QLabel* section(const QString& text) {
     auto* label = new QLabel(text);
     Theme::setRole(label, "section");
@@ -129,7 +127,7 @@ void StudioView::build() {
     Theme::setRole(share_, "primary");
     connect(share_, &QPushButton::clicked, this, [this] {
         if (bridge_.snapshot().state.connected) {
-            bridge_.spawn([](Studio& studio) { return studio.disconnect(kDisconnected); });
+            bridge_.spawn([](Studio& studio) { return studio.stopSharing(); });
         } else {
             bridge_.spawn([](Studio& studio) { return studio.pair(); });
         }

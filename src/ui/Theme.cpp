@@ -4,6 +4,7 @@
 #include <QPalette>
 #include <QStyle>
 #include <QStyleFactory>
+#include <QToolButton>
 #include <QVariant>
 #include <QWidget>
 
@@ -71,6 +72,16 @@ void apply(QApplication& app) {
 
 QIcon icon(const QString& name) {
     return QIcon(":/icons/" + name + ".svg");
+}
+
+QToolButton* iconButton(const QString& name, const QString& text) {
+    auto* button = new QToolButton;
+    button->setIcon(icon(name));
+    button->setToolTip(text);
+    button->setAccessibleName(text);
+    button->setAutoRaise(true);
+    button->setFocusPolicy(Qt::StrongFocus);
+    return button;
 }
 
 void setRole(QWidget* widget, const char* role) {

@@ -4,6 +4,7 @@
 #include <QString>
 
 class QApplication;
+class QToolButton;
 class QWidget;
 
 namespace pavix::Theme {
@@ -15,6 +16,10 @@ void apply(QApplication& app);
 
 // One of our own icons by name ("record", "stop", "window", …).
 QIcon icon(const QString& name);
+
+// A flat button that shows one of our icons, named by `name` for its tool tip and for screen
+// readers, and reachable with the keyboard.
+QToolButton* iconButton(const QString& icon, const QString& name);
 
 // Marks a widget for one of the styles: "primary", "section", "secondary", "status", "badge".
 void setRole(QWidget* widget, const char* role);

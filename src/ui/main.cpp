@@ -186,8 +186,7 @@ int main(int argc, char** argv) {
             asio::co_spawn(
                 io,
                 [&]() -> asio::awaitable<void> {
-                    co_await studio.disconnect(
-                        "Disconnected. Local videos remain on this computer.");
+                    co_await studio.quit();
                     io.stop();
                 },
                 asio::detached);

@@ -503,7 +503,7 @@ TEST(Interleaving, EverySequenceKeepsTheLibraryTheFlagsAndTheStatusLineRight) {
                 if (report.empty()) {
                     continue;
                 }
-                // Printed at once, so that a run that dies later still names the seed.
+                // Printed straight away: if the process dies later, this seed is still known.
                 std::cerr << "seed " << seed << ": " << report.substr(0, report.find('\n'))
                           << std::endl;
                 std::lock_guard lock(mutex);

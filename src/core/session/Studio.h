@@ -135,6 +135,11 @@ class Studio {
     void setAutoTrashUploaded(bool on);
 
     // --- shell
+    static constexpr const char* disconnectedMessage =
+        "Disconnected. Local videos remain on this computer.";
+    // The user's "Stop sharing": the session ends, and a recording in progress is finished and
+    // kept on this computer.
+    asio::awaitable<void> stopSharing();
     // Sleep, a screen lock or a switch to another user: a connected session or a running
     // recording ends with the sentence that says so; an idle computer changes nothing.
     asio::awaitable<void> systemSessionEnding();

@@ -291,7 +291,7 @@ asio::awaitable<void> Studio::disconnect(std::string message) {
 }
 
 asio::awaitable<void> Studio::forgetDevice() {
-    const std::string message = "Disconnected. Local videos remain on this computer.";
+    const std::string message = disconnectedMessage;
     // No pairing may run beside it: one that finished later would bring the credential back.
     while (!transition([](RecordingLifecycle& l) { return l.beginForgetting(); })) {
         co_await lifecycleChanged_.wait();

@@ -9,7 +9,6 @@ namespace {
 constexpr const char* kSessionEnded =
     "Computer went to sleep, locked or switched user. Recording stopped and any local capture "
     "was saved. Approve a new recording to continue.";
-constexpr const char* kDisconnected = "Disconnected. Local videos remain on this computer.";
 
 }  // namespace
 
@@ -20,8 +19,12 @@ asio::awaitable<void> Studio::systemSessionEnding() {
     co_await disconnect(kSessionEnded);
 }
 
+asio::awaitable<void> Studio::stopSharing() {
+    co_await disconnect(disconnectedMessage);
+}
+
 asio::awaitable<void> Studio::quit() {
-    co_await disconnect(kDisconnected);
+    co_await disconnect(disconnectedMessage);
 }
 
 asio::awaitable<void> Studio::stopAnyRecording() {
@@ -31,7 +34,7 @@ asio::awaitable<void> Studio::stopAnyRecording() {
     if (lifecycle_.manual()) {
         co_await stopManual();
     } else {
-        co_await disconnect(kDisconnected);
+        co_await disconnect(disconnectedMessage);
     }
 }
 
