@@ -1,0 +1,100 @@
+#include "core/app/UpdatePolicy.h"
+
+#include <gtest/gtest.h>
+
+#include "core/app/AppVersion.h"
+
+namespace pavix {
+namespace {
+
+using Kind = UpdateDecision::Kind;
+
+TEST(AppVersion, OrdersPartByPartWithMissingPartsAsZero) {
+    struct Case {
+        const char* left;
+        const char* right;
+        int order;  // -1: left below right, 0: equal, 1: above
+    };
+    const Case cases[] = {
+        {"1.10", "1.9", 1},     {"1.2", "1.2.0", 0},
+        {"1.2", "1.2.1", -1},   {"1.2.0.0", "1.2", 0},
+        {"2", "1.99.99", 1},    {"0.1.0", "0.1", 0},
+        {"1..2", "1.2", 0},     {".1.", "1", 0},
+        {"1.2beta", "1.2", 0},  {"1.x", "1.0", 0},
+        {"", "0", 0},           {"1.2", "1.2.-1", 0},
+        {"1.-1", "1", 0},       {"99999999999999999999", "9223372036854775807", 0},
+        {"10.0", "9.99999", 1},
+    };
+    for (const auto& c : cases) {
+        const AppVersion left(c.left), right(c.right);
+        SCOPED_TRACE(std::string(c.left) + " vs " + c.right);
+        EXPECT_EQ(left < right, c.order < 0);
+        EXPECT_EQ(left > right, c.order > 0);
+        EXPECT_EQ(left == right, c.order == 0);
+    }
+    EXPECT_EQ(AppVersion("1..2.").parts, (std::vector<std::int64_t>{1, 2}));
+}
+
+TEST(UpdatePolicy, ReadsTheLatestVersionOnlyFromAWellFormedManifest) {
+    const std::pair<const char*, std::optional<std::string>> cases[] = {
+        {R"({"latest": {"version": "1.4.2"}})", "1.4.2"},
+        {R"({"latest": {"version": "1.4"}, "other": 1})", "1.4"},
+        {R"({"latest": {"version": "1.2.3.4"}})", "1.2.3.4"},
+        {R"({"latest": {"version": "2"}})", std::nullopt},          // one part
+        {R"({"latest": {"version": "1.2.3.4.5"}})", std::nullopt},  // five parts
+        {R"({"latest": {"version": "1.2-beta"}})", std::nullopt},
+        {R"({"latest": {"version": " 1.2"}})", std::nullopt},
+        {R"({"latest": {"version": 1.2}})", std::nullopt},  // not a string
+        {R"({"latest": "1.2"})", std::nullopt},
+        {R"({"version": "1.2"})", std::nullopt},
+        {R"(["latest"])", std::nullopt},
+        {"not json", std::nullopt},
+        {"", std::nullopt},
+    };
+    for (const auto& [manifest, expected] : cases) {
+        EXPECT_EQ(UpdatePolicy::latestVersion(manifest), expected) << manifest;
+    }
+}
+
+TEST(UpdatePolicy, DecidesInItsOrder) {
+    using V = std::optional<std::string>;
+    struct Case {
+        V latest, minimum;
+        bool recording;
+        UpdateDecision expected;
+    };
+    const Case cases[] = {
+        {"1.5", "1.4", true, UpdateDecision::deferred()},  // even below the minimum
+        {"1.5", "1.4", false, UpdateDecision::required("1.5")},
+        {std::nullopt, "1.4", false, UpdateDecision::required("1.4")},
+        {"1.5", "1.3", false, UpdateDecision::available("1.5")},
+        {"1.3.0", std::nullopt, false, UpdateDecision::none()},  // the same version
+        {"1.2", std::nullopt, false, UpdateDecision::none()},
+        {std::nullopt, std::nullopt, false, UpdateDecision::none()},
+        {"1.10", std::nullopt, false, UpdateDecision::available("1.10")},
+    };
+    for (const auto& c : cases) {
+        auto decided = UpdatePolicy::decision("1.3", c.latest, c.minimum, c.recording);
+        EXPECT_EQ(decided, c.expected)
+            << c.latest.value_or("-") << " " << c.minimum.value_or("-") << " " << c.recording;
+    }
+    // A manifest without a version and no minimum: nothing to do.
+    EXPECT_EQ(
+        UpdatePolicy::decision("1.3", UpdatePolicy::latestVersion("{}"), std::nullopt, false).kind,
+        Kind::none);
+}
+
+TEST(UpdatePolicy, ChecksOnceADayAndNeverWhileRecording) {
+    const auto now = UpdatePolicy::Clock::now();
+    using std::chrono::seconds;
+    EXPECT_TRUE(UpdatePolicy::shouldCheck(std::nullopt, now, false));
+    EXPECT_FALSE(UpdatePolicy::shouldCheck(std::nullopt, now, true));
+    EXPECT_FALSE(UpdatePolicy::shouldCheck(now - seconds(86'399), now, false));
+    EXPECT_TRUE(UpdatePolicy::shouldCheck(now - seconds(86'400), now, false));
+    EXPECT_FALSE(UpdatePolicy::shouldCheck(now - seconds(86'400), now, true));
+    // A clock set back since the last check waits for the day to pass again.
+    EXPECT_FALSE(UpdatePolicy::shouldCheck(now + seconds(60), now, false));
+}
+
+}  // namespace
+}  // namespace pavix
