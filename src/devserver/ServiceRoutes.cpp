@@ -59,6 +59,12 @@ void ServiceRoutes::install(httplib::Server& http) {
                  HttpSupport::send(res, Reply::ok({{"minimumAppVersion", st.minimumAppVersion},
                                                    {"latestAppVersion", st.latestAppVersion}}));
              }));
+    // The update manifest of the Linux build, as the download host would publish it.
+    http.Get("/downloads/pavix-linux.json", s_.guarded([this](const httplib::Request&,
+                                                              httplib::Response& res) {
+        auto st = s_.settings();
+        HttpSupport::send(res, Reply::ok({{"latest", {{"version", st.latestAppVersion}}}}));
+    }));
     http.Get(R"(/local-browser(/.*)?)",
              s_.guarded([](const httplib::Request&, httplib::Response& res) {
                  HttpSupport::send(res, Reply::error(405, "method_not_allowed",

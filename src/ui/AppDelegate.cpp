@@ -4,6 +4,7 @@
 #include <QApplication>
 #include <QDesktopServices>
 #include <QStandardPaths>
+#include <QTimer>
 #include <QUrl>
 #include <csignal>
 
@@ -125,6 +126,22 @@ void AppDelegate::startLaunchTasks(const CommandLine&) {
             studio.selectDefaultSource();
         }
         co_await studio.autoShare();
+        co_await studio.checkForUpdate(false);
+    });
+    // Once a day for a session that stays open, and after every recording.
+    auto* daily = new QTimer(this);
+    daily->setInterval(std::chrono::hours(1));
+    connect(daily, &QTimer::timeout, this, [this] {
+        bridge_->spawn([](Studio& studio) { return studio.checkForUpdate(false); });
+    });
+    daily->start();
+    connect(bridge_.get(), &StudioBridge::changed, this, [this] {
+        const bool capturing = bridge_->snapshot().phase != RecordingLifecycle::Phase::idle &&
+                               bridge_->snapshot().phase != RecordingLifecycle::Phase::uploading;
+        if (wasCapturing_ && !capturing) {
+            bridge_->spawn([](Studio& studio) { return studio.checkForUpdate(true); });
+        }
+        wasCapturing_ = capturing;
     });
 }
 

@@ -66,6 +66,7 @@ class AppDelegate : public QObject {
     std::unique_ptr<WindowPicker> picker_;
     std::unique_ptr<SystemEvents> systemEvents_;
     bool quitting_ = false;
+    bool wasCapturing_ = false;  // to check for an update once a recording has ended
 };
 
 }  // namespace pavix

@@ -1,4 +1,5 @@
-// The session protocol (pairing, credentials, command loop, version check) against the service in-process.
+// The session protocol (pairing, credentials, command loop, version check) against the service
+// in-process.
 #include "DevServerFixture.h"
 
 #include <chrono>
@@ -272,6 +273,9 @@ TEST_F(ProtocolTest, OldAppVersionsAreToldToUpdate) {
     auto v = toAnswer(c.Get("/local-browser/version"));
     EXPECT_EQ(v.status, 200);
     EXPECT_EQ(v.body, json({{"minimumAppVersion", "1.2"}, {"latestAppVersion", "1.4.0"}}));
+    auto m = toAnswer(c.Get("/downloads/pavix-linux.json"));
+    EXPECT_EQ(m.status, 200);
+    EXPECT_EQ(m.body, json({{"latest", {{"version", "1.4.0"}}}}));
 }
 
 TEST_F(ProtocolTest, EveryRefusalIsJsonWithAnErrorCode) {

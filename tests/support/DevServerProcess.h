@@ -62,10 +62,14 @@ class DevServerProcess {
 
     // The envelope the agent command line printed after its own lines; null when it printed
     // none.
+    // The JSON envelope the agent command line printed; what it printed instead, under
+    // "unparsed", so that a failing test shows it.
     static nlohmann::json envelope(const std::string& output) {
         auto at = output.find('{');
-        return at == std::string::npos ? nlohmann::json()
-                                       : nlohmann::json::parse(output.substr(at), nullptr, false);
+        auto parsed = at == std::string::npos
+                          ? nlohmann::json()
+                          : nlohmann::json::parse(output.substr(at), nullptr, false);
+        return parsed.is_object() ? parsed : nlohmann::json{{"unparsed", output}};
     }
 
     static std::string scratch(const std::string& name) {

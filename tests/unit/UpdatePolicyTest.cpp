@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "core/app/AppVersion.h"
+#include "core/session/Studio.h"
+#include "support/StudioHarness.h"
 
 namespace pavix {
 namespace {
@@ -94,6 +96,72 @@ TEST(UpdatePolicy, ChecksOnceADayAndNeverWhileRecording) {
     EXPECT_FALSE(UpdatePolicy::shouldCheck(now - seconds(86'400), now, true));
     // A clock set back since the last check waits for the day to pass again.
     EXPECT_FALSE(UpdatePolicy::shouldCheck(now + seconds(60), now, false));
+}
+
+// The check against a scripted service on loopback: its manifest on the download path and its
+// version answer, each of which may be missing or broken.
+TEST(UpdateCheck, DecidesFromTheManifestAndTheServicesVersionAnswer) {
+    const std::string manifest = "/downloads/pavix-linux.json";
+    const std::string version = "/local-browser/version";
+    struct Case {
+        const char* name;
+        int manifestStatus;
+        const char* manifestBody;
+        int versionStatus;
+        const char* versionBody;
+        UpdateDecision expected;
+    };
+    const Case cases[] = {
+        {"the manifest's newer version", 200, R"({"latest":{"version":"1.5.0"}})", 200,
+         R"({"minimumAppVersion":"1.0","latestAppVersion":"1.4"})",
+         UpdateDecision::available("1.5.0")},
+        {"the service's newer version", 200, R"({"latest":{"version":"1.4"}})", 200,
+         R"({"minimumAppVersion":"1.0","latestAppVersion":"1.6"})",
+         UpdateDecision::available("1.6")},
+        {"below the minimum", 200, R"({"latest":{"version":"1.5"}})", 200,
+         R"({"minimumAppVersion":"1.3","latestAppVersion":"1.4"})",
+         UpdateDecision::required("1.5")},
+        {"nothing newer", 200, R"({"latest":{"version":"1.2.3"}})", 200,
+         R"({"minimumAppVersion":"0.1","latestAppVersion":"1.2"})", UpdateDecision::none()},
+        {"no manifest", 404, R"({"error":"not_found"})", 200,
+         R"({"minimumAppVersion":"1.0","latestAppVersion":"1.3"})",
+         UpdateDecision::available("1.3")},
+        {"broken replies", 200, "<html>", 500, "{", UpdateDecision::none()},
+        {"values of the wrong kind", 200, R"({"latest":{"version":2}})", 200,
+         R"({"minimumAppVersion":9,"latestAppVersion":["2.0"]})", UpdateDecision::none()},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        test::StudioHarness h;  // version 1.2.3
+        h.server.reply(manifest, c.manifestStatus, c.manifestBody);
+        h.server.reply(version, c.versionStatus, c.versionBody);
+        h.await(h.studio().checkForUpdate(false));
+        EXPECT_EQ(h.studio().state().update, c.expected);
+        EXPECT_TRUE(h.defaults.integer("lastUpdateCheck").has_value());
+        for (const auto& seen : h.server.requests()) {
+            EXPECT_EQ(seen.method, "GET") << seen.path;
+            EXPECT_FALSE(seen.hasHeader("Authorization")) << seen.path;
+        }
+    }
+}
+
+TEST(UpdateCheck, RunsOnceADayUnlessForcedAndNeverTellsADevelopmentBuild) {
+    test::StudioHarness h;
+    h.server.reply("/downloads/pavix-linux.json", 200, R"({"latest":{"version":"1.5"}})");
+    h.server.reply("/local-browser/version", 200, R"({"minimumAppVersion":"1.3"})");
+    h.await(h.studio().checkForUpdate(false));
+    EXPECT_EQ(h.studio().state().update, UpdateDecision::required("1.5"));
+    const auto asked = h.server.requests().size();
+    h.await(h.studio().checkForUpdate(false));  // the same day
+    EXPECT_EQ(h.server.requests().size(), asked);
+    h.studio().environment().appVersion = "dev";
+    h.await(h.studio().checkForUpdate(true));
+    EXPECT_EQ(h.server.requests().size(), asked * 2);
+    EXPECT_EQ(h.studio().state().update, UpdateDecision::none());
+
+    EXPECT_EQ(Studio::manifestURL("https://agent.example.com/"),
+              "https://agent.example.com/downloads/pavix-linux.json");
+    EXPECT_EQ(Studio::manifestURL("ftp://agent.example.com"), std::nullopt);
 }
 
 }  // namespace

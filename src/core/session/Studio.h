@@ -134,6 +134,15 @@ class Studio {
     asio::awaitable<void> copySupportBundle();
     void setAutoTrashUploaded(bool on);
 
+    // --- updates
+    // Where the update manifest of this build lives for the service at `server`: its download
+    // path. Nothing when `server` is not a service address.
+    static std::optional<std::string> manifestURL(const std::string& server);
+    // Reads the manifest and the service's version answer, decides with the update policy,
+    // stores the time under "lastUpdateCheck" and publishes the decision. Once a day at most
+    // (never while recording) unless `force`d. A failed read counts as no answer.
+    asio::awaitable<void> checkForUpdate(bool force);
+
     // --- shell
     static constexpr const char* disconnectedMessage =
         "Disconnected. Local videos remain on this computer.";
