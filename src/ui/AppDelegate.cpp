@@ -8,6 +8,7 @@
 #include <QUrl>
 #include <csignal>
 
+#include "core/app/ServiceAddresses.h"
 #include "core/session/Studio.h"
 #include "linux/X11WindowPicker.h"
 #include "ui/AccountPopover.h"
@@ -61,6 +62,9 @@ AppDelegate::AppDelegate(const CommandLine& options) {
         }
     });
     connect(window_.get(), &StudioView::pickRequested, this, &AppDelegate::pickWindow);
+    // Updates come from the download page, in whatever form the user installed Pavix.
+    connect(window_.get(), &StudioView::downloadRequested, this,
+            [] { QDesktopServices::openUrl(QUrl(ServiceAddresses::kDownloadPage)); });
     connect(window_.get(), &StudioView::settingsRequested, this, &AppDelegate::showSettings);
     tray_ = std::make_unique<RecorderMenu>(*bridge_, stopRecording_);
     connect(tray_.get(), &RecorderMenu::openRequested, this, &AppDelegate::showWindow);

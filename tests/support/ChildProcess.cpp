@@ -122,6 +122,11 @@ std::optional<int> ChildProcess::wait(std::chrono::milliseconds limit) {
         pid_t done = ::waitpid(pid_, &status, WNOHANG);
         if (done == pid_) {
             status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            // The readers may not have taken the last lines yet: without this, a caller that
+            // reads the output right after the exit could miss them. A descendant that keeps
+            // the streams open is given a few seconds, not the whole limit.
+            std::unique_lock lock(mutex_);
+            changed_.wait_for(lock, std::chrono::seconds(5), [this] { return openStreams_ == 0; });
             return status_;
         }
         if (std::chrono::steady_clock::now() >= deadline) {
