@@ -249,6 +249,34 @@ TEST_F(StudioViewTest, TheKeyboardReachesAndWorksEveryControl) {
     EXPECT_TRUE(until([](const StudioState& s) { return s.consent; }));
 }
 
+// The update check's decision in the window: a banner with "Download" for a newer version; for
+// a required one, its sentence, and recording refused with the reason beside the buttons.
+TEST_F(StudioViewTest, TheUpdateBannerAndTheRequiredUpdateFollowTheCheck) {
+    h.server.reply("/downloads/pavix-linux.json", 200, R"({"latest":{"version":"1.4"}})");
+    h.server.reply("/local-browser/version", 200, R"({"minimumAppVersion":"1.0"})");
+    bool checked = false;
+    m.bridge->spawn([](Studio& studio) { return studio.checkForUpdate(true); },
+                    [&] { checked = true; });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return checked; }));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return find<QLabel>("Pavix 1.4 is available."); }));
+    EXPECT_TRUE(find<QLabel>("Pavix 1.4 is available.")->isVisible());
+    EXPECT_TRUE(find<QPushButton>("Download")->isVisible());
+    EXPECT_TRUE(find<QPushButton>("Record it yourself")->isEnabled());
+
+    h.server.reply("/local-browser/version", 200, R"({"minimumAppVersion":"1.3"})");
+    checked = false;
+    m.bridge->spawn([](Studio& studio) { return studio.checkForUpdate(true); },
+                    [&] { checked = true; });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return checked; }));
+    const QString required =
+        "Update to Pavix 1.4 to start new recordings. Current uploads continue.";
+    ASSERT_TRUE(QTest::qWaitFor([&] { return find<QLabel>(required); }));
+    EXPECT_TRUE(find<QLabel>(required)->isVisible());
+    EXPECT_FALSE(find<QPushButton>("Record it yourself")->isEnabled());
+    EXPECT_FALSE(find<QPushButton>("Share with agent")->isEnabled());
+    EXPECT_NE(find<QLabel>("Update Pavix to keep recording."), nullptr);
+}
+
 TEST_F(StudioViewTest, AFailedUploadIsRetriedFromItsRowWithProgress) {
     uploads.fault(ScriptedUploads::Fault::badGateway);
     auto id = recordAndStop();
