@@ -14,6 +14,7 @@
 #include "ui/AccountPopover.h"
 #include "ui/CaptureIndicator.h"
 #include "ui/DemoView.h"
+#include "ui/DesktopActions.h"
 #include "ui/FloatingBar.h"
 #include "ui/RecorderMenu.h"
 #include "ui/SettingsView.h"
@@ -25,7 +26,7 @@
 
 namespace pavix {
 
-AppDelegate::AppDelegate(const CommandLine& options) {
+AppDelegate::AppDelegate(const CommandLine& options, DesktopActions& actions) {
     // The model, in the order of its rules: initial values and settings, the capture session
     // and the library (recovered and published), then the switches.
     studio_ = std::make_unique<Studio>(platform_.studio(model_.executor()));
@@ -96,10 +97,14 @@ AppDelegate::AppDelegate(const CommandLine& options) {
         }
     });
 
+    // Scripts, shortcuts and later launches reach the model through the actions.
+    actions.attach(*bridge_);
+    connect(&actions, &DesktopActions::windowRequested, this, &AppDelegate::showWindow);
+
     watchSignals();
     model_.start();
     startLaunchTasks(options);
-    if (!bridge_->snapshot().state.showHUD) {
+    if (!bridge_->snapshot().state.showHUD || options.link) {
         showWindow();
     }
 }
@@ -120,16 +125,21 @@ AppDelegate::~AppDelegate() {
     studio_.reset();
 }
 
-void AppDelegate::startLaunchTasks(const CommandLine&) {
-    // Retention, and the source refresh followed by resuming a saved pairing, side by side.
+void AppDelegate::startLaunchTasks(const CommandLine& options) {
+    // Retention, and the source refresh followed by resuming a saved pairing (or following
+    // the setup link the launch came with), side by side.
     bridge_->spawn([](Studio& studio) { return studio.applyRetention(); });
-    bridge_->spawn([](Studio& studio) -> asio::awaitable<void> {
+    bridge_->spawn([link = options.link](Studio& studio) -> asio::awaitable<void> {
         co_await studio.loadSavedIdentity();
         co_await studio.refreshSources();
         if (studio.state().selection.empty()) {
             studio.selectDefaultSource();
         }
-        co_await studio.autoShare();
+        if (link) {
+            studio.applySetupLink(*link);
+        } else {
+            co_await studio.autoShare();
+        }
         co_await studio.checkForUpdate(false);
     });
     // Once a day for a session that stays open, and after every recording.

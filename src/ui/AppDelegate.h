@@ -15,6 +15,7 @@ namespace pavix {
 class FloatingBar;
 class CaptureIndicator;
 class DemoView;
+class DesktopActions;
 class RecorderMenu;
 class SettingsView;
 class WindowPicker;
@@ -31,7 +32,9 @@ class AppDelegate : public QObject {
     Q_OBJECT
 
   public:
-    explicit AppDelegate(const CommandLine& options);
+    // `actions` (on the session bus, or not) are attached to the model and may bring the
+    // window forward; they outlive the delegate.
+    AppDelegate(const CommandLine& options, DesktopActions& actions);
     ~AppDelegate() override;
 
     StudioBridge& bridge() { return *bridge_; }

@@ -70,7 +70,7 @@ void FloatingBarView::render(const StudioSnapshot& snapshot) {
     record_->setToolTip(s.recording ? "Stop" : "Record it yourself");
     record_->setAccessibleName(record_->toolTip());
     record_->setEnabled(s.recording ? snapshot.phase == RecordingLifecycle::Phase::recording
-                                    : !s.connected && s.paired && !s.selection.empty() && !s.busy);
+                                    : !snapshot.recordBlocker);
     source_->setEnabled(!s.recording && !s.busy);
     tick();
 }

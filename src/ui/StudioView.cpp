@@ -223,10 +223,10 @@ void StudioView::render() {
 
     record_->setText(s.recording ? "Stop" : "Record it yourself");
     record_->setIcon(Theme::icon(s.recording ? "stop" : "record"));
-    const bool canRecord = !s.connected && s.paired && !s.selection.empty() && idle &&
-                           s.update.kind != UpdateDecision::Kind::required;
     record_->setEnabled(s.recording ? snapshot.phase == RecordingLifecycle::Phase::recording
-                                    : canRecord);
+                                    : !snapshot.recordBlocker);
+    record_->setToolTip(
+        QString::fromStdString(s.recording ? std::string() : snapshot.recordBlocker.value_or("")));
 
     status_->setText(QString::fromStdString(s.status));
     renderLibrary(snapshot);

@@ -2,8 +2,10 @@
 #include <QApplication>
 
 #include "ui/AppDelegate.h"
+#include "ui/DesktopActions.h"
 #include "ui/LaunchSwitches.h"
 #include "ui/LinuxEnvironment.h"
+#include "ui/SingleInstance.h"
 #include "ui/Theme.h"
 
 #include <unistd.h>
@@ -110,8 +112,24 @@ int runApplication(int argc, char** argv, const CommandLine& options) {
     QApplication app(argc, argv);
     QApplication::setApplicationName("Pavix");
     QApplication::setDesktopFileName("pavix");
+    DesktopActions actions;
+    auto claim = SingleInstance::claim(QDBusConnection::sessionBus(), actions, options.link);
+    switch (claim.outcome) {
+        case SingleInstance::Outcome::handedOver:
+            return 0;
+        case SingleInstance::Outcome::failed:
+            std::cerr << "pavix: Pavix is already running but did not answer: " << claim.detail
+                      << "\n";
+            return 1;
+        case SingleInstance::Outcome::first:
+            if (!claim.detail.empty()) {
+                std::cerr << "pavix: a second launch will not find this one: " << claim.detail
+                          << "\n";
+            }
+            break;
+    }
     Theme::apply(app);
-    AppDelegate delegate(options);
+    AppDelegate delegate(options, actions);
     return app.exec();
 }
 

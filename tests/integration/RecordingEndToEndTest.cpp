@@ -15,6 +15,7 @@
 
 #include "core/runtime/Uuid.h"
 #include "linux/FfmpegMediaReader.h"
+#include "linux/X11ShareableContent.h"
 #include "support/ChildProcess.h"
 #include "support/DesktopBusMocks.h"
 #include "support/DevServerProcess.h"
@@ -51,7 +52,13 @@ class RecordingEndToEnd : public ::testing::Test {
     }
     std::unique_ptr<ChildProcess> pavix(std::vector<std::string> arguments,
                                         std::map<std::string, std::string> environment = {}) {
-        arguments.insert(arguments.begin(), {PAVIX_BINARY, "--server", service.server()});
+        arguments.insert(arguments.begin(), {"--server", service.server()});
+        return launch(std::move(arguments), std::move(environment));
+    }
+    // pavix as the desktop starts it: with the arguments alone.
+    std::unique_ptr<ChildProcess> launch(std::vector<std::string> arguments,
+                                         std::map<std::string, std::string> environment = {}) {
+        arguments.insert(arguments.begin(), PAVIX_BINARY);
         environment["XDG_CONFIG_HOME"] = (home / "config").string();
         environment["XDG_STATE_HOME"] = (home / "state").string();
         return std::make_unique<ChildProcess>(arguments, environment);
@@ -401,6 +408,112 @@ INSTANTIATE_TEST_SUITE_P(, ApplicationEnding,
                          testing::Values(Ending::sigterm, Ending::trayQuit, Ending::trayStop,
                                          Ending::sleep, Ending::screenLock),
                          testing::PrintToStringParamName());
+
+// The running application's actions on the session bus, as a script calls them.
+std::string actions(const std::string& method, const std::vector<std::string>& arguments = {}) {
+    return gdbusCall(Bus{}, "app.pavix.Pavix", "/app/pavix/Pavix", "app.pavix.Pavix." + method,
+                     arguments);
+}
+
+// The error a call of the actions is answered with; empty when it succeeded.
+std::string refusal(const std::string& method, const std::vector<std::string>& arguments = {}) {
+    try {
+        actions(method, arguments);
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "";
+}
+
+// Whether `pid` shows its main window "Pavix" (the floating bar has that title too, but is
+// far smaller).
+bool showsItsWindow(pid_t pid) {
+    for (const auto& window : X11ShareableContent().current().windows) {
+        if (window.pid == pid && window.title == "Pavix" && window.onScreen &&
+            window.height > 200) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// One Pavix per session: a later launch, plain or with a setup link from the browser, is taken
+// by the running one and ends with 0. Scripts approve, record, stop and read the status over
+// D-Bus; what the rules refuse, or what is not a call of the interface, is a D-Bus error, and
+// the application goes on.
+TEST_F(RecordingEndToEnd, LaterLaunchesAndScriptsReachTheRunningApplication) {
+    auto app = pavix({});
+    ASSERT_TRUE(eventually([] { return refusal("Status").empty(); }, seconds(30))) << app->output();
+    EXPECT_NE(actions("Status").find("'paired': <false>"), std::string::npos);
+    EXPECT_NE(refusal("Record").find("Pair this computer with your agent first."),
+              std::string::npos);
+    EXPECT_NE(refusal("Stop").find("Nothing is recording."), std::string::npos);
+    EXPECT_NE(refusal("OpenLink", {"https://a.example/pair"}).find("Not a Pavix setup link"),
+              std::string::npos);
+    EXPECT_NE(refusal("Explode"), "");
+    EXPECT_NE(refusal("Approve", {"'extra'"}), "");
+    EXPECT_FALSE(app->wait(std::chrono::milliseconds(0))) << app->output();
+
+    // A plain launch brings the window forward (the application starts in the bar alone).
+    EXPECT_FALSE(showsItsWindow(app->pid()));
+    auto second = launch({});
+    ASSERT_EQ(second->wait(seconds(20)), 0) << second->output();
+    EXPECT_TRUE(eventually([&] { return showsItsWindow(app->pid()); }, seconds(10)));
+
+    // The browser opens a setup link: the running application pairs with its code.
+    auto issued = service.agent({"pair-code"});
+    auto at = issued.find("link ");
+    ASSERT_NE(at, std::string::npos) << issued;
+    auto link = issued.substr(at + 5, issued.find('\n', at) - at - 5);
+    auto browser = launch({link});
+    ASSERT_EQ(browser->wait(seconds(20)), 0) << browser->output();
+    ASSERT_TRUE(eventually(
+        [] { return actions("Status").find("'connected': <true>") != std::string::npos; },
+        seconds(30)))
+        << actions("Status") << app->output();
+
+    // The agent records under the approval given from a script; a script stops it.
+    auto listed = envelope(service.agent({"send", "listSources", "--timeout", "20"}));
+    for (const auto& source : listed["value"]["sources"]) {
+        if (source["title"].get<std::string>().find("Recorded end to end") != std::string::npos) {
+            service.agent(
+                {"send", "selectSource", json::array({{{"sourceId", source["id"]}}}).dump()});
+        }
+    }
+    actions("Approve");
+    EXPECT_NE(actions("Status").find("'consent': <true>"), std::string::npos);
+    auto [started, agentCapture] = startRecording();
+    ASSERT_TRUE(started.contains("value")) << started.dump() << app->output();
+    EXPECT_NE(refusal("Record").find("Stop sharing with the agent"), std::string::npos);
+    std::this_thread::sleep_for(seconds(1));  // the length of the recording
+    actions("Stop");
+    ASSERT_TRUE(eventually(
+        [] { return actions("Status").find("'connected': <false>") != std::string::npos; },
+        seconds(30)));
+
+    // With the agent gone, a script records the window itself, stops, and the video is
+    // uploaded.
+    actions("Record");
+    ASSERT_TRUE(eventually(
+        [] { return actions("Status").find("'phase': <'recording'>") != std::string::npos; },
+        seconds(30)))
+        << actions("Status") << app->output();
+    std::this_thread::sleep_for(seconds(1));
+    actions("Stop");
+    ASSERT_TRUE(eventually(
+        [] { return actions("Status").find("'status': <'Uploaded.") != std::string::npos; },
+        seconds(60)))
+        << actions("Status") << app->output();
+    std::size_t videos = 0;
+    for (const auto& entry : fs::directory_iterator(library())) {
+        videos += entry.path().extension() == ".mp4";
+    }
+    EXPECT_EQ(videos, 2u);
+    EXPECT_TRUE(fs::exists(library() / ("Pavix-" + Uuid::upper(agentCapture) + ".mp4")));
+
+    app->signal(SIGTERM);
+    EXPECT_EQ(app->wait(seconds(30)), 0) << app->output();
+}
 
 }  // namespace
 }  // namespace pavix::test

@@ -33,6 +33,13 @@ TEST(CommandLineSwitches, ActionsTakeTheirValuesAndOnlyOneRuns) {
     EXPECT_EQ(refusal({"--retry"}), "--retry needs a value.");
     EXPECT_EQ(refusal({"--delete", "--library"}), "--delete needs a value.");
     EXPECT_EQ(refusal({"--recrod"}), "Unknown option --recrod.");
+
+    // A browser passes a setup link as the one argument; only the window takes it.
+    const std::string link = "pavix-mac://pair?server=https%3A%2F%2Fa.example&code=AB-12";
+    EXPECT_EQ(CommandLine::parse({link}).link, link);
+    EXPECT_EQ(refusal({link, link}), "Give one setup link at a time.");
+    EXPECT_EQ(refusal({"https://a.example"}), "Not a Pavix setup link: https://a.example.");
+    EXPECT_EQ(refusal({"--pair", link}).rfind("A setup link opens in the window", 0), 0u);
 }
 
 }  // namespace

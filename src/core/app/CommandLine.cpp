@@ -42,8 +42,15 @@ CommandLine CommandLine::parse(const std::vector<std::string>& arguments) {
             line.help = true;
         } else if (argument == "--version") {
             line.version = true;
-        } else {
+        } else if (argument.rfind("pavix-mac:", 0) == 0) {
+            if (line.link) {
+                throw std::invalid_argument("Give one setup link at a time.");
+            }
+            line.link = argument;
+        } else if (argument.rfind("-", 0) == 0) {
             throw std::invalid_argument("Unknown option " + argument + ".");
+        } else {
+            throw std::invalid_argument("Not a Pavix setup link: " + argument + ".");
         }
     }
     int actions = int(line.pair) + int(line.record) + int(line.library) + int(line.support) +
@@ -52,18 +59,24 @@ CommandLine CommandLine::parse(const std::vector<std::string>& arguments) {
         throw std::invalid_argument(
             "Choose one of --pair, --record, --library, --retry, --delete and --support.");
     }
+    if (line.link && actions > 0) {
+        throw std::invalid_argument(
+            "A setup link opens in the window; leave out --pair, --record "
+            "and the library switches.");
+    }
     return line;
 }
 
 std::string CommandLine::usage() {
-    return "usage: pavix [--server URL] [--code CODE] [--approve]\n"
+    return "usage: pavix [--server URL] [--code CODE] [--approve] [SETUP-LINK]\n"
            "       pavix [--server URL] [--code CODE] --pair [--approve]\n"
            "       pavix [--server URL] --record | --library | --retry ID | --delete ID | "
            "--support\n"
            "       pavix --check-permission | --list-sources | --snapshot PATH\n"
            "\n"
            "Without --pair, --record or a library switch, pavix opens its window and the\n"
-           "floating bar.\n"
+           "floating bar. When Pavix already runs, it shows that window instead and hands it\n"
+           "the setup link (pavix-mac://pair?server=…&code=…), if one is given.\n"
            "\n"
            "  --server URL   the Pavix service to pair with (https, or http on localhost)\n"
            "  --code CODE    the pairing code your agent gave you\n"

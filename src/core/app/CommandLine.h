@@ -15,6 +15,7 @@ struct CommandLine {
     bool listSources = false;             // --list-sources
     bool checkPermission = false;         // --check-permission
     std::optional<std::string> snapshot;  // --snapshot PATH
+    std::optional<std::string> link;      // a setup link (pavix-mac:…), as a browser passes it
     bool record = false;                  // --record: the user's own recording, until Ctrl-C
     bool library = false;                 // --library: list the local library
     std::optional<std::string> retry;     // --retry ID: upload a saved recording again

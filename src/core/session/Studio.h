@@ -102,8 +102,10 @@ class Studio {
     const Capture& capture() const { return *capture_; }
 
     // --- recording
-    // Why sharing or recording cannot begin now; none when it can.
+    // Why sharing with the agent cannot begin now; none when it can.
     std::optional<std::string> shareBlocker() const;
+    // Why the user's own recording cannot begin now; none when it can.
+    std::optional<std::string> recordBlocker() const;
     // Starts the user's own recording of the selected source (not while an agent session runs).
     asio::awaitable<void> recordNow();
     // Stops the user's recording, finishes the video and uploads it. A second stop while one

@@ -46,6 +46,28 @@ std::optional<std::string> Studio::shareBlocker() const {
     return "Enter the one-time code from your agent or the console, or open the setup link.";
 }
 
+std::optional<std::string> Studio::recordBlocker() const {
+    if (state_.connected) {
+        return "Stop sharing with the agent to record it yourself.";
+    }
+    if (state_.busy) {
+        return "Working…";
+    }
+    if (state_.recording) {
+        return "Stop the current recording first.";
+    }
+    if (state_.update.kind == UpdateDecision::Kind::required) {
+        return "Update Pavix to keep recording.";
+    }
+    if (!state_.paired) {
+        return "Pair this computer with your agent first.";
+    }
+    if (!selectedSource()) {
+        return "Choose a window or display first.";
+    }
+    return std::nullopt;
+}
+
 LocalCapture Studio::newRecord(const std::string& id, const CaptureSource& source) const {
     LocalCapture record;
     record.id = Uuid::upper(id);
@@ -134,7 +156,7 @@ asio::awaitable<void> Studio::endRecording(std::string record, std::string messa
 
 asio::awaitable<void> Studio::recordNow() {
     auto source = selectedSource();
-    if (state_.connected || !state_.paired || !source) {
+    if (recordBlocker() || !source) {
         co_return;
     }
     if (!transition([](RecordingLifecycle& l) { return l.beginStart(Owner::user); })) {

@@ -8,6 +8,7 @@ StudioSnapshot StudioSnapshot::of(const Studio& studio) {
     StudioSnapshot snapshot;
     snapshot.state = studio.state();
     snapshot.shareBlocker = studio.shareBlocker();
+    snapshot.recordBlocker = studio.recordBlocker();
     for (const auto& record : snapshot.state.recent) {
         snapshot.actions[record.id] = {studio.canRetry(record), studio.canManageLocal(record)};
     }

@@ -24,6 +24,7 @@ struct RecordActions {
 struct StudioSnapshot {
     StudioState state;
     std::optional<std::string> shareBlocker;       // why sharing cannot begin; none when it can
+    std::optional<std::string> recordBlocker;      // why "Record it yourself" cannot begin
     std::map<std::string, RecordActions> actions;  // by record id
     RecordingLifecycle::Phase phase = RecordingLifecycle::Phase::idle;
     std::optional<std::chrono::steady_clock::time_point> recordingSince;
