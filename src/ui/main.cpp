@@ -109,7 +109,7 @@ int runApplication(int argc, char** argv, const CommandLine& options) {
     }
     QApplication app(argc, argv);
     QApplication::setApplicationName("Pavix");
-    QApplication::setDesktopFileName("pavix");
+    QApplication::setDesktopFileName("app.pavix.Pavix");
     Theme::apply(app);
     AppDelegate delegate(options);
     return app.exec();
