@@ -52,7 +52,7 @@ void AutostartEntry::setEnabled(bool on, const std::string& executable) {
                "Exec="
             << quoted(executable)
             << "\n"
-               "Icon=pavix\n"
+               "Icon=app.pavix.Pavix\n"
                "Terminal=false\n"
                "X-GNOME-Autostart-enabled=true\n";
         if (!out.flush()) {

@@ -111,7 +111,7 @@ int runApplication(int argc, char** argv, const CommandLine& options) {
     }
     QApplication app(argc, argv);
     QApplication::setApplicationName("Pavix");
-    QApplication::setDesktopFileName("pavix");
+    QApplication::setDesktopFileName("app.pavix.Pavix");
     DesktopActions actions;
     auto claim = SingleInstance::claim(QDBusConnection::sessionBus(), actions, options.link);
     switch (claim.outcome) {
