@@ -148,6 +148,13 @@ inline json okReply(json value) {
               {"identitySightings", json::array()}}}};
 }
 
+// `text` in capitals, as a client that does not keep ids in their lower-case form sends them.
+inline std::string upper(std::string text) {
+    for (auto& ch : text)
+        ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
+    return text;
+}
+
 // A service in-process on a free port.
 class ServiceTest : public ::testing::Test {
   protected:
@@ -170,6 +177,12 @@ class ServiceTest : public ::testing::Test {
     void restart() {
         server.reset();
         start();
+    }
+
+    void setPollHold(int ms) {
+        auto s = server->settings();
+        s.pollHoldMs = ms;
+        server->setSettings(s);
     }
 
     // A fake app paired with a fresh code.

@@ -11,7 +11,18 @@ namespace {
 
 using namespace std::chrono_literals;
 
-class ProtocolTest : public ServiceTest {};
+class ProtocolTest : public ServiceTest {
+  protected:
+    // Polls until the agent's command arrives.
+    static json takeCommand(const FakeApp& app) {
+        for (int i = 0; i < 20; ++i) {
+            auto p = app.post("poll");
+            if (p.body.contains("command"))
+                return p.body["command"];
+        }
+        return nullptr;
+    }
+};
 
 TEST_F(ProtocolTest, PairingAnswersTheIdentityAndTheCodeWorksOnce) {
     Agent agent(base);
@@ -25,10 +36,8 @@ TEST_F(ProtocolTest, PairingAnswersTheIdentityAndTheCodeWorksOnce) {
     auto a = app.pair(code.body["code"]);
     ASSERT_EQ(a.status, 200) << a.raw;
     EXPECT_EQ(a.body["mode"], "desktop");
-    EXPECT_TRUE(a.body["token"].is_string());
-    EXPECT_TRUE(a.body["deviceId"].is_string());
-    EXPECT_TRUE(a.body["accessToken"].is_string());
-    EXPECT_TRUE(a.body["refreshToken"].is_string());
+    for (auto key : {"token", "deviceId", "accessToken", "refreshToken"})
+        EXPECT_TRUE(a.body[key].is_string()) << key;
     auto now = ds::nowMs();
     EXPECT_GT(a.body["accessExpiresAt"].get<double>(), now);
     EXPECT_GT(a.body["refreshExpiresAt"].get<double>(), a.body["accessExpiresAt"].get<double>());
@@ -130,11 +139,7 @@ TEST_F(ProtocolTest, DisconnectEndsTheSessionAndResumeOpensANewOne) {
 }
 
 TEST_F(ProtocolTest, HeldPollIsEndedByDisconnectFromTheAgent) {
-    server->setSettings([&] {
-        auto s = server->settings();
-        s.pollHoldMs = 10000;
-        return s;
-    }());
+    setPollHold(10000);
     FakeApp app = paired();
     auto start = std::chrono::steady_clock::now();
     auto held = std::async(std::launch::async, [&] { return app.post("poll"); });
@@ -146,11 +151,7 @@ TEST_F(ProtocolTest, HeldPollIsEndedByDisconnectFromTheAgent) {
 }
 
 TEST_F(ProtocolTest, LongPollIsAnsweredByAQueuedCommandAndTheResultIsAcceptedOnce) {
-    server->setSettings([&] {
-        auto s = server->settings();
-        s.pollHoldMs = 10000;
-        return s;
-    }());
+    setPollHold(10000);
     FakeApp app = paired();
     Agent agent(base);
     auto start = std::chrono::steady_clock::now();
@@ -180,11 +181,7 @@ TEST_F(ProtocolTest, LongPollIsAnsweredByAQueuedCommandAndTheResultIsAcceptedOnc
     EXPECT_EQ(app.post("result/" + ds::Ids::uuid(), okReply(1)).body["error"], "command_not_found");
     EXPECT_EQ(app.post("result/abc", okReply(1)).body["error"], "invalid_command_id");
     // Nothing else is queued: the next poll is empty.
-    server->setSettings([&] {
-        auto s = server->settings();
-        s.pollHoldMs = 100;
-        return s;
-    }());
+    setPollHold(100);
     EXPECT_EQ(app.post("poll").body, json::object());
 }
 
@@ -193,12 +190,7 @@ TEST_F(ProtocolTest, ResultEnvelopesAreCheckedStrictly) {
     Agent agent(base);
     auto sent = std::async(std::launch::async,
                            [&] { return agent.send(app.deviceId(), "pressKey", {"Return"}); });
-    json cmd;
-    for (int i = 0; i < 20 && cmd.is_null(); ++i) {
-        auto p = app.post("poll");
-        if (p.body.contains("command"))
-            cmd = p.body["command"];
-    }
+    json cmd = takeCommand(app);
     ASSERT_FALSE(cmd.is_null());
     std::string path = "result/" + cmd["id"].get<std::string>();
     EXPECT_EQ(app.post(path, {{"value", 1}}).body["error"], "invalid_result");  // no meta
@@ -217,12 +209,7 @@ TEST_F(ProtocolTest, ACommandDroppedByTheDeviceIsAbandonedWhenItPollsAgain) {
     Agent agent(base);
     auto sent =
         std::async(std::launch::async, [&] { return agent.send(app.deviceId(), "screenshot"); });
-    json cmd;
-    for (int i = 0; i < 20 && cmd.is_null(); ++i) {
-        auto p = app.post("poll");
-        if (p.body.contains("command"))
-            cmd = p.body["command"];
-    }
+    json cmd = takeCommand(app);
     ASSERT_FALSE(cmd.is_null());
     app.post("poll");  // a new connection generation polls without answering
     auto result = sent.get();
@@ -345,10 +332,8 @@ TEST_F(CaptureLimit, RecordingBeginIssuesOneCaptureIdPerRequest) {
               a.body["id"]);
     EXPECT_NE(app.post("desktop-recording/begin", {{"requestId", ds::Ids::uuid()}}).body["id"],
               a.body["id"]);
-    std::string upper = ds::Ids::uuid();
-    for (auto& ch : upper)
-        ch = static_cast<char>(std::toupper(ch));
-    EXPECT_EQ(app.post("desktop-recording/begin", {{"requestId", upper}}).status, 400);
+    EXPECT_EQ(app.post("desktop-recording/begin", {{"requestId", upper(ds::Ids::uuid())}}).status,
+              400);
 }
 
 TEST_F(ProtocolTest, DisabledSessionsRefuseNewOnesButNotUploads) {

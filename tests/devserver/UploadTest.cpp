@@ -39,6 +39,8 @@ class UploadTest : public ServiceTest {
             "desktop-upload/" + id + "/begin",
             {{"bytes", data.size()}, {"sha256", ds::Digest::sha256(data)}, {"media", media()}});
     }
+    // The upload's complete or publish.
+    Answer step(const std::string& name) { return app.post("desktop-upload/" + id + "/" + name); }
     std::string download() {
         httplib::Client c(base);
         auto r = c.Get("/agent/recordings/" + id + "/video");
@@ -102,9 +104,9 @@ TEST_F(UploadTest, InterruptedAtEveryChunkBoundaryAndResumedEndsByteIdentical) {
         }
     }
     EXPECT_EQ(boundaries, 6u);
-    auto done = app.post("desktop-upload/" + id + "/complete");
+    auto done = step("complete");
     ASSERT_EQ(done.status, 200) << done.raw;
-    ASSERT_EQ(app.post("desktop-upload/" + id + "/publish").status, 200);
+    ASSERT_EQ(step("publish").status, 200);
     EXPECT_EQ(download(), data);
 
     auto list = Agent(base).get("/agent/recordings").body["recordings"];
@@ -114,8 +116,8 @@ TEST_F(UploadTest, InterruptedAtEveryChunkBoundaryAndResumedEndsByteIdentical) {
     EXPECT_EQ(list[0]["media"], media());
     // Everything is held: a repeated begin, complete and publish change nothing.
     EXPECT_EQ(begin(data).body["received"], data.size());
-    EXPECT_EQ(app.post("desktop-upload/" + id + "/complete").status, 200);
-    EXPECT_EQ(app.post("desktop-upload/" + id + "/publish").status, 200);
+    EXPECT_EQ(step("complete").status, 200);
+    EXPECT_EQ(step("publish").status, 200);
 }
 
 TEST_F(UploadTest, AChunkDroppedByTheFaultSwitchIsNotCounted) {
@@ -150,10 +152,10 @@ TEST_F(UploadTest, WrongOffsetsSizesAndOrderAreRefused) {
     EXPECT_EQ(tooFar.body["error"], "upload_exceeds_size");
     EXPECT_EQ(app.chunk(id, 4000, "").body["error"], "empty_chunk");
 
-    auto incomplete = app.post("desktop-upload/" + id + "/complete");
+    auto incomplete = step("complete");
     EXPECT_EQ(incomplete.status, 409);
     EXPECT_EQ(incomplete.body["error"], "upload_incomplete");
-    EXPECT_EQ(app.post("desktop-upload/" + id + "/publish").body["error"], "upload_not_complete");
+    EXPECT_EQ(step("publish").body["error"], "upload_not_complete");
 
     // Headers and body kinds.
     auto c = app.client();
@@ -173,7 +175,7 @@ TEST_F(UploadTest, WrongOffsetsSizesAndOrderAreRefused) {
     // Nothing of the refused chunks was taken.
     EXPECT_EQ(begin(data).body["received"], 4000);
     ASSERT_EQ(app.chunk(id, 4000, data.substr(4000)).body["received"], 10000);
-    EXPECT_EQ(app.post("desktop-upload/" + id + "/complete").status, 200);
+    EXPECT_EQ(step("complete").status, 200);
 }
 
 TEST_F(UploadTest, AWrongDigestIsRefusedAndTheBytesAreDiscarded) {
@@ -183,12 +185,12 @@ TEST_F(UploadTest, AWrongDigestIsRefusedAndTheBytesAreDiscarded) {
     other[2500] ^= 0x55;
     ASSERT_EQ(begin(data).status, 200);
     ASSERT_EQ(app.chunk(id, 0, other).status, 200);
-    auto done = app.post("desktop-upload/" + id + "/complete");
+    auto done = step("complete");
     EXPECT_EQ(done.status, 422);
     EXPECT_EQ(done.body["error"], "upload_digest_mismatch");
     EXPECT_EQ(begin(data).body["received"], 0);
     ASSERT_EQ(app.chunk(id, 0, data).status, 200);
-    EXPECT_EQ(app.post("desktop-upload/" + id + "/complete").status, 200);
+    EXPECT_EQ(step("complete").status, 200);
     // A different file under the same capture id once bytes are held is refused.
     std::string third = randomBytes(5000, 5);
     EXPECT_EQ(begin(third).body["error"], "upload_mismatch");
@@ -219,10 +221,7 @@ TEST_F(UploadTest, BeginChecksTheFingerprintMediaAndCapture) {
                             {{"bytes", 1}, {"sha256", sha}, {"media", media()}});
     EXPECT_EQ(unknown.status, 404);
     EXPECT_EQ(unknown.body["error"], "capture_not_found");
-    std::string upper = id;
-    for (auto& ch : upper)
-        ch = static_cast<char>(std::toupper(ch));
-    EXPECT_EQ(app.post("desktop-upload/" + upper + "/begin",
+    EXPECT_EQ(app.post("desktop-upload/" + upper(id) + "/begin",
                        {{"bytes", 1}, {"sha256", sha}, {"media", media()}})
                   .body["error"],
               "invalid_capture_id");
@@ -266,8 +265,8 @@ TEST_F(UploadTest, APartialUploadSurvivesARestartOfTheService) {
     ASSERT_EQ(b.status, 200) << b.raw;
     EXPECT_EQ(b.body["received"], 131072);
     ASSERT_EQ(app.chunk(id, 131072, data.substr(131072)).status, 200);
-    ASSERT_EQ(app.post("desktop-upload/" + id + "/complete").status, 200);
-    ASSERT_EQ(app.post("desktop-upload/" + id + "/publish").status, 200);
+    ASSERT_EQ(step("complete").status, 200);
+    ASSERT_EQ(step("publish").status, 200);
     EXPECT_EQ(download(), data);
 }
 

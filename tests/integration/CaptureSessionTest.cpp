@@ -4,10 +4,7 @@
 #include "support/StudioHarness.h"
 
 #include <openssl/evp.h>
-#include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <asio/co_spawn.hpp>
 #include <asio/detached.hpp>
@@ -17,7 +14,6 @@
 #include <fstream>
 
 #include "core/capture/Capture.h"
-#include "core/capture/CaptureGuards.h"
 #include "core/capture/CaptureSources.h"
 #include "core/session/PavixError.h"
 #include "linux/FfmpegEncoderProbe.h"
@@ -98,16 +94,6 @@ bool near(const std::vector<std::uint8_t>& rgb, int width, int x, int y, std::ui
 
 class CaptureSessionTest : public ::testing::Test {
   protected:
-    CaptureSessionTest() {
-        folder = fs::temp_directory_path() /
-                 ("pavix-session-" + std::to_string(::getpid()) + "-" +
-                  ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(folder);
-        fs::create_directories(folder);
-        file = folder / "Pavix-recording.mp4";
-    }
-    ~CaptureSessionTest() override { fs::remove_all(folder); }
-
     Capture& capture() { return harness.studio().capture(); }
 
     // The source for a window as the source list makes it, with the snapshot the capture reads.
@@ -140,8 +126,8 @@ class CaptureSessionTest : public ::testing::Test {
     RealParts parts;
     X11ShareableContent content;
     StudioHarness harness{captureTiming(), parts.platform()};
-    fs::path folder;
-    fs::path file;
+    fs::path folder = harness.library.parent_path();  // removed with the harness
+    fs::path file = folder / "Pavix-recording.mp4";
 };
 
 TEST_F(CaptureSessionTest, MovingWindowIsRecordedAndReadsBackAsH264HighWithoutBFrames) {
@@ -193,15 +179,7 @@ TEST_F(CaptureSessionTest, CoveredWindowIsRecordedWithItsOwnContent) {
     auto source = sourceFor(window);
     auto [x, y] = display.position(window.id());
     harness.await(capture().start(source, file), 20s);
-    X11TestWindow cover(display, {.title = "Cover",
-                                  .x = x - 20,
-                                  .y = y - 40,
-                                  .width = 500,
-                                  .height = 400,
-                                  .colour = blue,
-                                  .instance = "cover",
-                                  .className = "Cover",
-                                  .pid = 1});
+    X11TestWindow cover(display, test::otherApplication(x - 20, y - 40, 500, 400, blue));
     harness.runFor(300ms);
     window.fill(green);  // changed while covered
     harness.runFor(700ms);
@@ -232,41 +210,12 @@ TEST_F(CaptureSessionTest, ClosedWindowReportsItsAbsenceAndLeavesAValidFile) {
     EXPECT_EQ(sentences.front(),
               "The selected source is no longer available. Recording stopped; any saved capture "
               "remains in Videos/Pavix.");
-    auto snapshot = content.current();
-    std::vector<std::pair<std::uint32_t, bool>> windows;
-    std::vector<std::uint32_t> displays;
-    for (const auto& w : snapshot.windows) {
-        windows.emplace_back(w.id, w.onScreen);
-    }
-    for (const auto& d : snapshot.displays) {
-        displays.push_back(d.id);
-    }
-    auto presence = CaptureGuards::presence(source.windowIDs, source.displayIDs, windows, displays);
-    EXPECT_EQ(presence, SourcePresence::windowClosed);
 
     EXPECT_EQ(stop(), file);
     auto duration = MediaProbe::duration(file.string());
     ASSERT_TRUE(duration);
     EXPECT_GT(*duration, 1.0);
     EXPECT_EQ(capture().durationMs(), std::int64_t(*duration * 1000));
-}
-
-TEST_F(CaptureSessionTest, UserWidthCapRefusesTheLargestSizeAndTheNextOneIsRecorded) {
-    X11TestWindow window(display,
-                         {.title = "Wide", .x = 300, .y = 150, .width = 1000, .height = 600});
-    auto source = sourceFor(window);
-    auto largest = Capture::withPopups(source, content.current());
-    auto candidates = CaptureEncoding::candidates(largest.width, largest.height, 1.0);
-    ASSERT_GE(candidates.size(), 2u);
-    harness.defaults.set("captureMaxWidth", static_cast<long long>(candidates[0].size.width - 2));
-    harness.await(capture().start(source, file), 20s);
-    EXPECT_EQ(*capture().encoding(), candidates[1]);
-    animate(window, 800ms);
-    stop();
-    auto info = MediaProbe::read(file.string(), {false, 0});
-    ASSERT_TRUE(info);
-    EXPECT_EQ(info->width, candidates[1].size.width);
-    EXPECT_EQ(info->height, candidates[1].size.height);
 }
 
 TEST_F(CaptureSessionTest, PopupOfTheApplicationAppearsInTheLayerTrack) {
@@ -277,14 +226,8 @@ TEST_F(CaptureSessionTest, PopupOfTheApplicationAppearsInTheLayerTrack) {
     auto started = std::chrono::steady_clock::now();
     harness.runFor(300ms);
     auto [x, y] = display.position(window.id());
-    auto popup = std::make_unique<X11TestWindow>(
-        display, X11TestWindowOptions{.title = "",
-                                      .x = x + 40,
-                                      .y = y + 30,
-                                      .width = 160,
-                                      .height = 220,
-                                      .overrideRedirect = true,
-                                      .type = "_NET_WM_WINDOW_TYPE_POPUP_MENU"});
+    auto popup =
+        std::make_unique<X11TestWindow>(display, test::popupMenu(x + 40, y + 30, 160, 220));
     harness.runFor(400ms);
     popup.reset();
     auto closedAt = std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -360,63 +303,6 @@ TEST_F(CaptureSessionTest, ScreenshotIsAPngOfTheSelectedWindow) {
         EXPECT_EQ(error.message(), "Preview is available after recording stops.");
     }
     stop();
-}
-
-// Outside the fixture: the recording runs in a child forked before any thread of the test
-// exists there, and is killed mid-recording.
-TEST(CaptureSessionKill, AKilledRecordingLeavesAFileWithAPositiveDuration) {
-    fs::path folder = fs::temp_directory_path() / ("pavix-killed-" + std::to_string(::getpid()));
-    fs::remove_all(folder);
-    fs::create_directories(folder);
-    fs::path file = folder / "Pavix-killed.mp4";
-    X11TestDisplay display;
-    X11TestWindow window(display,
-                         {.title = "Killed", .x = 300, .y = 200, .width = 480, .height = 320});
-    X11ShareableContent content;
-    CaptureSource source;
-    for (const auto& listed : content.current().windows) {
-        if (listed.id == window.id()) {
-            source = CaptureSources::windowSource(listed);
-        }
-    }
-    ASSERT_FALSE(source.id.empty());
-
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        ::close(ready[0]);
-        RealParts parts;
-        StudioHarness harness{captureTiming(), parts.platform()};
-        harness.content.set(X11ShareableContent().current());
-        harness.await(harness.studio().capture().start(source, file), 20s);
-        (void)!::write(ready[1], "r", 1);
-        harness.runFor(std::chrono::hours(1));  // recording until killed
-        ::_exit(0);
-    }
-    ::close(ready[1]);
-    char byte = 0;
-    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    ::close(ready[0]);
-    auto end = std::chrono::steady_clock::now() + 2600ms;
-    for (int frame = 0; std::chrono::steady_clock::now() < end; ++frame) {
-        window.fill((frame * 0x050301u) & 0xffffff);
-        std::this_thread::sleep_for(16ms);  // the picture source's pace
-    }
-    ::kill(child, SIGKILL);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    ASSERT_TRUE(WIFSIGNALED(status));
-
-    auto duration = MediaProbe::duration(file.string());
-    ASSERT_TRUE(duration);
-    EXPECT_GT(*duration, 0.0);
-    auto info = MediaProbe::read(file.string(), {true, 0});
-    ASSERT_TRUE(info);
-    EXPECT_GT(info->frameCount, 0);
-    EXPECT_EQ(info->codec, "h264");
-    fs::remove_all(folder);
 }
 
 }  // namespace

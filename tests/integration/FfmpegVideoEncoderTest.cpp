@@ -17,6 +17,7 @@
 #include "core/capture/CaptureWriter.h"
 #include "linux/FfmpegEncoderProbe.h"
 #include "linux/MediaProbe.h"
+#include "support/LibraryRecords.h"
 
 namespace pavix {
 namespace {
@@ -93,6 +94,13 @@ std::vector<std::string> topLevelBoxes(const std::string& path) {
     return boxes;
 }
 
+// Hands `count` moving 640×360 frames, a 60th of a second apart from `first`, to the writer.
+void appendMoving(CaptureWriter& writer, int first, int count) {
+    for (int i = first; i < first + count; ++i) {
+        appendAndWait(writer, movingFrame(640, 360, i, kT0 + i * kFrameNs));
+    }
+}
+
 class FfmpegVideoEncoderTest : public ::testing::Test {
   protected:
     fs::path dir;
@@ -102,6 +110,11 @@ class FfmpegVideoEncoderTest : public ::testing::Test {
         dir = pattern;
     }
     void TearDown() override { fs::remove_all(dir); }
+    // A 640×360 recording into `path` with the real encoder.
+    static std::unique_ptr<CaptureWriter> writerFor(const std::string& path) {
+        return std::make_unique<CaptureWriter>(path, encodingOf(640, 360),
+                                               std::make_unique<FfmpegVideoEncoder>());
+    }
 };
 
 TEST_F(FfmpegVideoEncoderTest, ThreeSecondsOfMovingContentReadBackAsSpecified) {
@@ -162,16 +175,13 @@ TEST_F(FfmpegVideoEncoderTest, ThreeSecondsOfMovingContentReadBackAsSpecified) {
 
 TEST_F(FfmpegVideoEncoderTest, StaticContentEndsAtTheStopTimeAndKeyFramesFollowTime) {
     const std::string path = dir / "Pavix-b.mp4";
-    CaptureWriter writer(path, encodingOf(640, 360), std::make_unique<FfmpegVideoEncoder>());
+    auto writer = writerFor(path);
     // Half a second of frames, three seconds without a change, then a few irregular frames.
-    int i = 0;
-    for (; i < 30; ++i)
-        appendAndWait(writer, movingFrame(640, 360, i, kT0 + i * kFrameNs));
-    const std::int64_t later = kT0 + 3'500'000'000;
-    for (int k = 0; k < 5; ++k, ++i) {
-        appendAndWait(writer, movingFrame(640, 360, i, later + k * 23'000'000));
+    appendMoving(*writer, 0, 30);
+    for (int k = 0; k < 5; ++k) {
+        appendAndWait(*writer, movingFrame(640, 360, 30 + k, kT0 + 3'500'000'000 + k * 23'000'000));
     }
-    writer.finish(kT0 + 6'000'000'000);
+    writer->finish(kT0 + 6'000'000'000);
 
     auto info = MediaProbe::read(path);
     ASSERT_TRUE(info);
@@ -187,13 +197,13 @@ TEST_F(FfmpegVideoEncoderTest, StaticContentEndsAtTheStopTimeAndKeyFramesFollowT
 
 TEST_F(FfmpegVideoEncoderTest, FramesOfAnotherSizeAreScaledToFit) {
     const std::string path = dir / "Pavix-c.mp4";
-    CaptureWriter writer(path, encodingOf(640, 360), std::make_unique<FfmpegVideoEncoder>());
-    appendAndWait(writer, movingFrame(640, 360, 0, kT0));
-    appendAndWait(writer, movingFrame(500, 500, 1, kT0 + kFrameNs));
-    appendAndWait(writer, movingFrame(1281, 721, 2, kT0 + 2 * kFrameNs));
-    appendAndWait(writer, movingFrame(3, 2, 3, kT0 + 3 * kFrameNs));
-    writer.finish(kT0 + 4 * kFrameNs);
-    EXPECT_EQ(writer.counters().framesAppended, 4);
+    auto writer = writerFor(path);
+    appendAndWait(*writer, movingFrame(640, 360, 0, kT0));
+    appendAndWait(*writer, movingFrame(500, 500, 1, kT0 + kFrameNs));
+    appendAndWait(*writer, movingFrame(1281, 721, 2, kT0 + 2 * kFrameNs));
+    appendAndWait(*writer, movingFrame(3, 2, 3, kT0 + 3 * kFrameNs));
+    writer->finish(kT0 + 4 * kFrameNs);
+    EXPECT_EQ(writer->counters().framesAppended, 4);
     auto info = MediaProbe::read(path);
     ASSERT_TRUE(info);
     EXPECT_EQ(info->width, 640);
@@ -205,14 +215,12 @@ TEST_F(FfmpegVideoEncoderTest, NeverOverwritesAnExistingFile) {
     const std::string path = dir / "Pavix-d.mp4";
     { std::ofstream(path) << "an earlier video"; }
     try {
-        CaptureWriter writer(path, encodingOf(640, 360), std::make_unique<FfmpegVideoEncoder>());
+        writerFor(path);
         FAIL() << "opened over an existing file";
     } catch (const std::system_error& error) {
         EXPECT_EQ(error.code().value(), EEXIST);
     }
-    std::ifstream in(path);
-    std::string text((std::istreambuf_iterator<char>(in)), {});
-    EXPECT_EQ(text, "an earlier video");
+    EXPECT_EQ(test::readBytes(path), "an earlier video");
 }
 
 TEST_F(FfmpegVideoEncoderTest, AKilledRecordingLeavesAPlayableFileUpToItsLastFragment) {
@@ -224,10 +232,8 @@ TEST_F(FfmpegVideoEncoderTest, AKilledRecordingLeavesAPlayableFileUpToItsLastFra
     if (child == 0) {
         // The recording process: five seconds of content, then it hangs until killed.
         close(ready[0]);
-        CaptureWriter writer(path, encodingOf(640, 360), std::make_unique<FfmpegVideoEncoder>());
-        for (int i = 0; i < 300; ++i) {
-            appendAndWait(writer, movingFrame(640, 360, i, kT0 + i * kFrameNs));
-        }
+        auto writer = writerFor(path);
+        appendMoving(*writer, 0, 300);
         (void)!write(ready[1], "r", 1);
         for (;;)
             pause();
@@ -259,10 +265,9 @@ TEST_F(FfmpegVideoEncoderTest, AKilledRecordingLeavesAPlayableFileUpToItsLastFra
 
 TEST_F(FfmpegVideoEncoderTest, CancelLeavesThePartialFileToTheCaller) {
     const std::string path = dir / "Pavix-e.mp4";
-    CaptureWriter writer(path, encodingOf(640, 360), std::make_unique<FfmpegVideoEncoder>());
-    for (int i = 0; i < 10; ++i)
-        appendAndWait(writer, movingFrame(640, 360, i, kT0 + i * kFrameNs));
-    writer.cancel();
+    auto writer = writerFor(path);
+    appendMoving(*writer, 0, 10);
+    writer->cancel();
     EXPECT_TRUE(fs::exists(path));
 }
 

@@ -8,19 +8,17 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <iterator>
 #include <set>
 #include <sstream>
+
+#include "support/LibraryRecords.h"
 
 namespace pavix {
 namespace {
 
 namespace fs = std::filesystem;
 
-std::string readAll(const fs::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
+using test::readBytes;
 
 void writeAll(const fs::path& file, const std::string& bytes) {
     std::ofstream out(file, std::ios::binary | std::ios::trunc);
@@ -53,7 +51,7 @@ std::vector<TrashEntry> entriesFrom(const fs::path& folder) {
         if (item.path().extension() != ".trashinfo") {
             continue;
         }
-        TrashEntry entry{homeTrash() / "files" / item.path().stem(), "", readAll(item.path())};
+        TrashEntry entry{homeTrash() / "files" / item.path().stem(), "", readBytes(item.path())};
         std::istringstream lines(entry.info);
         for (std::string line; std::getline(lines, line);) {
             if (line.rfind("Path=", 0) == 0) {
@@ -110,11 +108,11 @@ TEST_F(GioTrashTest, MovesTheFileIntoTheTrashWithItsOriginalPath) {
     trash_.moveToTrash(video);
 
     EXPECT_FALSE(fs::exists(video));
-    EXPECT_EQ(readAll(neighbour), "kept");
+    EXPECT_EQ(readBytes(neighbour), "kept");
     auto entries = entriesFrom(folder_);
     ASSERT_EQ(entries.size(), 1u);
     EXPECT_EQ(entries[0].originalPath, video.string());
-    EXPECT_EQ(readAll(entries[0].stored), bytes);
+    EXPECT_EQ(readBytes(entries[0].stored), bytes);
     EXPECT_NE(entries[0].info.find("[Trash Info]"), std::string::npos);
     EXPECT_NE(entries[0].info.find("DeletionDate="), std::string::npos);
 }
@@ -132,7 +130,7 @@ TEST_F(GioTrashTest, ASecondFileOfTheSameNameKeepsTheFirstInTheTrash) {
     std::set<std::string> contents;
     for (const auto& entry : entries) {
         EXPECT_EQ(entry.originalPath, video.string());
-        contents.insert(readAll(entry.stored));
+        contents.insert(readBytes(entry.stored));
     }
     EXPECT_EQ(contents, (std::set<std::string>{"first take", "second take"}));
     EXPECT_NE(entries[0].stored, entries[1].stored);
@@ -180,7 +178,7 @@ TEST(GioTrash, AVolumeWithoutTrashLeavesTheFileWhereItIs) {
     } catch (const Trash::NotSupported& error) {
         EXPECT_STREQ(error.what(), "This volume has no Trash. The file stays where it is.");
     }
-    EXPECT_EQ(readAll(name), "still here");
+    EXPECT_EQ(readBytes(name), "still here");
 }
 
 }  // namespace

@@ -54,15 +54,6 @@ TEST_F(MediaProbeTest, SeesBFramesProfileAndColourTagsOfAReferenceFile) {
     EXPECT_EQ(MediaProbe::duration(path).value_or(0), *info->durationSeconds);
 }
 
-TEST_F(MediaProbeTest, WithoutBFramesSaysSo) {
-    const auto path = make("p.mp4", "-c:v libx264 -bf 0 -pix_fmt yuv420p");
-    if (path.empty())
-        GTEST_SKIP() << "the ffmpeg tool is not available";
-    auto info = MediaProbe::read(path, {true, 60});
-    ASSERT_TRUE(info);
-    EXPECT_FALSE(info->hasBFrames);
-}
-
 TEST_F(MediaProbeTest, NothingForAFileThatIsNotAVideo) {
     const std::string path = dir / "not-a-video.mp4";
     std::ofstream(path) << "hello";

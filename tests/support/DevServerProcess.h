@@ -60,8 +60,6 @@ class DevServerProcess {
         return cli.output();
     }
 
-    // The envelope the agent command line printed after its own lines; null when it printed
-    // none.
     // The JSON envelope the agent command line printed; what it printed instead, under
     // "unparsed", so that a failing test shows it.
     static nlohmann::json envelope(const std::string& output) {

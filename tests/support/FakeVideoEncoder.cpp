@@ -36,7 +36,7 @@ bool FakeVideoEncoder::open(const std::string& path, const VideoEncoderSettings&
     return log_->openResult;
 }
 
-bool FakeVideoEncoder::append(const VideoFrame& frame, std::int64_t ptsNs) {
+bool FakeVideoEncoder::append(const VideoFrame&, std::int64_t ptsNs) {
     std::unique_lock lock(log_->mutex);
     ++log_->inAppend;
     log_->changed.notify_all();
@@ -44,7 +44,6 @@ bool FakeVideoEncoder::append(const VideoFrame& frame, std::int64_t ptsNs) {
     --log_->inAppend;
     const auto index = static_cast<std::int64_t>(log_->appendedPts.size());
     log_->appendedPts.push_back(ptsNs);
-    log_->appendedCaptureNs.push_back(frame.captureTimeNs);
     log_->changed.notify_all();
     if (log_->appendThrows) {
         log_->appendThrows(index);

@@ -32,8 +32,7 @@ struct FakeVideoEncoderLog {
     // Record.
     std::string path;
     std::optional<VideoEncoderSettings> settings;
-    std::vector<std::int64_t> appendedPts;        // ptsNs of each append call
-    std::vector<std::int64_t> appendedCaptureNs;  // captureTimeNs of each append call
+    std::vector<std::int64_t> appendedPts;  // ptsNs of each append call
     std::optional<std::int64_t> finishedAt;
     int cancels = 0;
     int inAppend = 0;  // appends waiting behind `blocked`

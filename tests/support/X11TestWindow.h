@@ -71,6 +71,34 @@ struct X11TestWindowOptions {
     Window transientFor = None;
 };
 
+// A window of another application: a class of its own, and not this process's pid.
+inline X11TestWindowOptions otherApplication(int x, int y, int width, int height,
+                                             std::uint32_t colour) {
+    return {.title = "Other application",
+            .x = x,
+            .y = y,
+            .width = width,
+            .height = height,
+            .colour = colour,
+            .instance = "other",
+            .className = "Other",
+            .pid = 1};
+}
+
+// A pop-up menu, placed without the window manager as toolkits place them.
+inline X11TestWindowOptions popupMenu(int x, int y, int width, int height,
+                                      std::uint32_t colour = 0xff0000,
+                                      const char* type = "_NET_WM_WINDOW_TYPE_POPUP_MENU") {
+    return {.title = "",
+            .x = x,
+            .y = y,
+            .width = width,
+            .height = height,
+            .colour = colour,
+            .overrideRedirect = true,
+            .type = type};
+}
+
 class X11TestWindow {
   public:
     X11TestWindow(X11TestDisplay& display, X11TestWindowOptions options)

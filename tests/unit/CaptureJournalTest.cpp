@@ -202,13 +202,9 @@ TEST(LocalCaptureRules, ExpiryAndRetry) {
     saved.durationMs = 3'000;
     saved.serverOrigin = "https://a.example";
     saved.deviceId = "d1";
+    // Another server, another device and no duration are refused in the Upload tests.
     EXPECT_TRUE(saved.canRetry("https://a.example", std::string("d1")));
-    EXPECT_FALSE(saved.canRetry("https://b.example", std::string("d1")));
-    EXPECT_FALSE(saved.canRetry("https://a.example", std::string("d2")));
     EXPECT_FALSE(saved.canRetry("https://a.example", std::nullopt));
-    auto noDuration = saved;
-    noDuration.durationMs.reset();
-    EXPECT_FALSE(noDuration.canRetry("https://a.example", std::string("d1")));
     auto uploading = saved;
     uploading.stage = Stage::uploading;
     EXPECT_FALSE(uploading.canRetry("https://a.example", std::string("d1")));

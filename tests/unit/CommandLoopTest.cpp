@@ -2,14 +2,11 @@
 // error reduction, generation retirement, reconnects and the recording watchdog.
 #include <gtest/gtest.h>
 
-#include <iostream>
-
 #include <future>
 
 #include "core/runtime/Uuid.h"
 #include "core/session/CommandEnvelope.h"
-#include "support/EditorDesktop.h"
-#include "support/StudioHarness.h"
+#include "support/StudioTest.h"
 #include "support/StudioTestAccess.h"
 
 namespace pavix::test {
@@ -40,33 +37,13 @@ const std::vector<json> kMalformed{
     json::parse(R"({"command":{"id":12,"method":"listSources"}})"),
     json::parse(R"({"command":{"id":"0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F00"}})")};
 
-class CommandLoop : public ::testing::Test {
+class CommandLoop : public StudioTest {
   protected:
-    // A failure shows what the model logged, which is most of the story of a timing fault.
-    void TearDown() override {
-        if (HasFailure()) {
-            for (const auto& line : h.log.lines()) {
-                std::cerr << "  log: " << line << "\n";
-            }
-        }
-    }
     void SetUp() override {
-        h.content.set(desktop());
-        h.await(h.studio().refreshSources());
+        show(desktop());
         h.pairWithCode();
     }
-    std::string path(const std::string& name) { return ScriptedService::path(name); }
-    // Sends a command and waits for its reply.
-    json call(const std::string& method, json args = json::array()) {
-        auto id = h.service.queueCommand(method, std::move(args));
-        if (!h.runUntil([&] { return h.service.result(id).has_value(); })) {
-            throw std::runtime_error("no reply to " + method);
-        }
-        return *h.service.result(id);
-    }
     std::size_t polls() { return h.server.count(path("poll")); }
-
-    StudioHarness h;
 };
 
 TEST_F(CommandLoop, SourcesAreListedAndSelectedWithMeta) {

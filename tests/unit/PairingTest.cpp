@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "core/session/KeychainError.h"
-#include "support/StudioHarness.h"
+#include "support/StudioTest.h"
 
 namespace pavix::test {
 namespace {
@@ -11,9 +11,8 @@ namespace {
 using nlohmann::json;
 using std::chrono::milliseconds;
 
-class Pairing : public ::testing::Test {
+class Pairing : public StudioTest {
   protected:
-    std::string path(const std::string& name) { return ScriptedService::path(name); }
     std::string savedSecret() {
         std::lock_guard lock(h.secrets.mutex);
         auto found = h.secrets.items.find({DeviceKeychain::service(), h.server.base()});
@@ -36,8 +35,6 @@ class Pairing : public ::testing::Test {
             }
         }
     }
-
-    StudioHarness h;
 };
 
 TEST_F(Pairing, CodeIsTrimmedAndTheCredentialIsKeptPerServer) {
@@ -155,8 +152,7 @@ TEST_F(Pairing, SavedCredentialResumesWithRefreshThenResume) {
 }
 
 TEST_F(Pairing, RejectedSavedCredentialFallsBackToTheCodeOrAsksForOne) {
-    h.pairWithCode();
-    h.await(h.studio().disconnect("Bye."));
+    pairAndLeave();
     h.server.reply(path("device/refresh"), 401, R"({"error":"device_credentials_expired"})");
 
     // Without a code: unpaired, with the sentence, and the saved item is gone.
@@ -171,8 +167,7 @@ TEST_F(Pairing, RejectedSavedCredentialFallsBackToTheCodeOrAsksForOne) {
         "saved pairing rejected by server; discarding it (code device_credentials_expired)"));
 
     // Paired again, then rejected again, but this time a fresh code was typed: it pairs.
-    h.pairWithCode();
-    h.await(h.studio().disconnect("Bye."));
+    pairAndLeave();
     h.studio().setCode("NEW-CODE");
     h.server.clear();
     h.await(h.studio().pair());

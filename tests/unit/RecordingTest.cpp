@@ -4,17 +4,12 @@
 
 #include <asio/co_spawn.hpp>
 #include <atomic>
-#include <fstream>
 #include <future>
-#include <iostream>
 
 #include "core/capture/CaptureError.h"
 #include "core/runtime/Uuid.h"
-#include "support/EditorDesktop.h"
-#include "support/FakeCapturePlatform.h"
 #include "support/LibraryRecords.h"
-#include "support/ScriptedUploads.h"
-#include "support/StudioHarness.h"
+#include "support/StudioTest.h"
 
 namespace pavix::test {
 namespace {
@@ -29,20 +24,11 @@ Timing recordingTiming() {
     return timing;
 }
 
-class Recording : public ::testing::Test {
+class Recording : public StudioTest {
   protected:
-    // A failure shows what the model logged, which is most of the story of a timing fault.
-    void TearDown() override {
-        if (HasFailure()) {
-            for (const auto& line : h.log.lines()) {
-                std::cerr << "  log: " << line << "\n";
-            }
-        }
-    }
     Recording() : Recording(recordingTiming()) {}
-    explicit Recording(Timing timing) : h(timing, capture.platform()) {
-        h.content.set(editorDesktop());
-        h.await(h.studio().refreshSources());
+    explicit Recording(Timing timing) : StudioTest(timing) {
+        show();
         h.studio().observe([this](const StudioState&) {
             const auto& current = h.studio().current();
             if (current && (stages.empty() || stages.back() != current->stage)) {
@@ -54,15 +40,7 @@ class Recording : public ::testing::Test {
         h.pairWithCode();
         h.studio().selectSource("window-4242");
     }
-    json call(const std::string& method, json args = json::array()) {
-        auto id = h.service.queueCommand(method, std::move(args));
-        if (!h.runUntil([&] { return h.service.result(id).has_value(); })) {
-            throw std::runtime_error("no reply to " + method);
-        }
-        return *h.service.result(id);
-    }
     static json withCapture(const std::string& id) { return json::array({{{"captureId", id}}}); }
-    std::string path(const std::string& name) { return ScriptedService::path(name); }
     // The state's flags that are set, in a fixed order, so that one expectation covers them all.
     std::string flags() {
         const auto& s = h.studio().state();
@@ -73,9 +51,6 @@ class Recording : public ::testing::Test {
         return set.empty() ? set : set.substr(1);
     }
 
-    testing::FakeCaptureParts capture;
-    StudioHarness h;
-    ScriptedUploads uploads{h.server};
     std::vector<Stage> stages;
 };
 
@@ -314,7 +289,7 @@ TEST_F(Recording, ShareBlockerNamesTheFirstObstacle) {
 // The user's own recording: paired, not sharing with the agent.
 class ManualRecording : public Recording {
   protected:
-    void pairAndLeave() {
+    void pairAndLeaveSelected() {
         connectAndSelect();
         h.await(h.studio().disconnect("Bye."));
         h.server.clear();
@@ -322,7 +297,7 @@ class ManualRecording : public Recording {
 };
 
 TEST_F(ManualRecording, RecordNowRegistersRecordsAndStopUploadsOnce) {
-    pairAndLeave();
+    pairAndLeaveSelected();
     auto id = Uuid::make();
     uploads.issue(id);
     h.await(h.studio().recordNow());
@@ -357,7 +332,7 @@ TEST_F(ManualRecording, RecordNowRegistersRecordsAndStopUploadsOnce) {
 }
 
 TEST_F(ManualRecording, TheServiceNamesTheLengthWhenItGivesWholeMilliseconds) {
-    pairAndLeave();
+    pairAndLeaveSelected();
     auto id = Uuid::make();
     uploads.issue(id, json(1.5));  // not whole milliseconds: the five-minute default
     h.await(h.studio().recordNow());
@@ -375,7 +350,7 @@ TEST_F(ManualRecording, TheServiceNamesTheLengthWhenItGivesWholeMilliseconds) {
 }
 
 TEST_F(ManualRecording, AStartThatFailsLeavesFlagsClearAndSaysWhy) {
-    pairAndLeave();
+    pairAndLeaveSelected();
     h.server.reply(path("desktop-recording/begin"), 200, R"({"id":"42"})");
     h.await(h.studio().recordNow());
     EXPECT_EQ(h.studio().state().status, "Invalid capture response");
@@ -415,7 +390,7 @@ TEST_F(ManualRecording, AStartThatFailsLeavesFlagsClearAndSaysWhy) {
 }
 
 TEST_F(ManualRecording, AHandOverThatCannotBeginSaysWhyAndKeepsTheVideoSaved) {
-    pairAndLeave();
+    pairAndLeaveSelected();
     h.studio().setDiagnosticsOptIn(true);
     const std::string failed = "Upload did not finish. Local video saved; use Retry upload. ";
     // A video the reader measures as zero long: the duration is stored as absent, and an
@@ -450,7 +425,7 @@ TEST_F(ManualRecording, AHandOverThatCannotBeginSaysWhyAndKeepsTheVideoSaved) {
 }
 
 TEST_F(ManualRecording, WhileItRunsNothingElseOfTheLibraryOrTheSessionMayStart) {
-    pairAndLeave();
+    pairAndLeaveSelected();
     auto earlier = Uuid::make();
     uploads.issue(earlier);
     h.await(h.studio().recordNow());

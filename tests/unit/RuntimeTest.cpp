@@ -1,5 +1,5 @@
 // The async runtime the model runs on: tasks and their cancellation, work offloaded to the
-// pool, cancellable HTTP, and state change notification.
+// pool, and cancellable HTTP.
 #include <gtest/gtest.h>
 
 #include "core/net/TransportError.h"
@@ -167,21 +167,6 @@ TEST(Runtime, TimeOutsAndUnreachableHostsAreTransportErrors) {
     }
     request.url = "ftp://127.0.0.1/file";
     EXPECT_THROW(h.await(http.send(request)), TransportError);
-}
-
-TEST(Runtime, ObserversSeeEveryPublishedChange) {
-    StudioHarness h;
-    std::vector<std::string> statuses;
-    std::vector<bool> connected;
-    h.studio().observe([&](const StudioState& state) {
-        statuses.push_back(state.status);
-        connected.push_back(state.connected);
-    });
-    h.pairWithCode();
-    ASSERT_FALSE(statuses.empty());
-    EXPECT_TRUE(connected.back());
-    EXPECT_EQ(statuses.back(), h.studio().state().status);
-    EXPECT_NE(std::find(connected.begin(), connected.end(), false), connected.end());
 }
 
 }  // namespace

@@ -4,16 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <unistd.h>
-#include <iostream>
 
 #include <future>
 
 #include "core/library/CaptureTransfer.h"
 #include "core/session/PavixError.h"
-#include "support/FakeCapturePlatform.h"
 #include "support/LibraryRecords.h"
-#include "support/ScriptedUploads.h"
-#include "support/StudioHarness.h"
+#include "support/StudioTest.h"
 
 namespace pavix::test {
 namespace {
@@ -86,20 +83,9 @@ TEST_F(TransferFiles, PiecesAreReadExactlyOrTheFileChanged) {
 }
 
 // A paired computer, not sharing, with recordings in its library to retry.
-class Upload : public ::testing::Test {
+class Upload : public StudioTest {
   protected:
-    // A failure shows what the model logged, which is most of the story of a timing fault.
-    void TearDown() override {
-        if (HasFailure()) {
-            for (const auto& line : h.log.lines()) {
-                std::cerr << "  log: " << line << "\n";
-            }
-        }
-    }
-    Upload() : h(fastTiming(), capture.platform()) {
-        h.pairWithCode();
-        h.await(h.studio().disconnect("Bye."));
-    }
+    Upload() { pairAndLeave(); }
     LocalCapture record(const std::string& bytes, Stage stage = Stage::saved) {
         auto made = addRecord(h.studio().journal(), stage, h.server.base(), bytes);
         uploads.expect(Uuid::lower(made.id));
@@ -123,16 +109,12 @@ class Upload : public ::testing::Test {
     }
     std::vector<std::int64_t> chunkOffsets(const LocalCapture& capture) {
         std::vector<std::int64_t> offsets;
-        auto path = ScriptedService::path("desktop-upload/" + Uuid::lower(capture.id) + "/chunk");
-        for (const auto& seen : h.server.requests(path)) {
+        auto chunks = path("desktop-upload/" + Uuid::lower(capture.id) + "/chunk");
+        for (const auto& seen : h.server.requests(chunks)) {
             offsets.push_back(std::stoll(seen.header("X-Pavix-Offset")));
         }
         return offsets;
     }
-
-    testing::FakeCaptureParts capture;
-    StudioHarness h;
-    ScriptedUploads uploads{h.server};
 };
 
 TEST_F(Upload, EveryFaultFailsWithItsSentenceAndTheNextRetryResumesByteIdentical) {
@@ -238,7 +220,7 @@ TEST_F(Upload, ARetryThatCannotSendSaysWhyAndSendsNoPiece) {
         SCOPED_TRACE(cases[i].reason + " #" + std::to_string(i));
         auto made = record(bytes);
         auto file = h.studio().journal().file(made.id);
-        auto begin = ScriptedService::path("desktop-upload/" + Uuid::lower(made.id) + "/begin");
+        auto begin = path("desktop-upload/" + Uuid::lower(made.id) + "/begin");
         cases[i].setup(file, begin);
         retry(made);
         uploads.onBegin({});
@@ -250,11 +232,10 @@ TEST_F(Upload, ARetryThatCannotSendSaysWhyAndSendsNoPiece) {
         EXPECT_EQ(h.server.count(begin), cases[i].begun ? 1u : 0u);
     }
     // Each retry renewed the credential first, and each failure was reported without its text.
-    EXPECT_EQ(h.server.count(ScriptedService::path("device/refresh")), cases.size());
-    ASSERT_TRUE(
-        h.runUntil([&] { return h.server.count("/local-browser/diagnostics") == cases.size(); }));
+    EXPECT_EQ(h.server.count(path("device/refresh")), cases.size());
+    ASSERT_TRUE(h.runUntil([&] { return h.server.count(path("diagnostics")) == cases.size(); }));
     EXPECT_EQ(
-        json::parse(h.server.requests("/local-browser/diagnostics")[0].body),
+        json::parse(h.server.requests(path("diagnostics"))[0].body),
         json({{"event", "retry_upload_failed"}, {"code", "app_rule"}, {"appVersion", "1.2.3"}}));
 }
 
@@ -292,7 +273,7 @@ TEST_F(Upload, RetryIsOnlyForThisPairingAndAReadableVideo) {
 
 TEST_F(Upload, CancellingStopsTheUploadAndKeepsTheVideoSaved) {
     auto made = record(patternedBytes(3 * CaptureTransfer::kChunkSize));
-    auto chunkPath = ScriptedService::path("desktop-upload/" + Uuid::lower(made.id) + "/chunk");
+    auto chunkPath = path("desktop-upload/" + Uuid::lower(made.id) + "/chunk");
     std::promise<void> release;
     auto released = release.get_future().share();
     h.server.on(chunkPath, [released](const httplib::Request&, httplib::Response& response) {
