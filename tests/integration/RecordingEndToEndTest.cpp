@@ -491,8 +491,12 @@ TEST_F(RecordingEndToEnd, LaterLaunchesAndScriptsReachTheRunningApplication) {
         [] { return actions("Status").find("'connected': <false>") != std::string::npos; },
         seconds(30)));
 
-    // With the agent gone, a script records the window itself, stops, and the video is
-    // uploaded.
+    // With the agent gone and its video kept, a script records the window itself, stops, and
+    // the video is uploaded.
+    ASSERT_TRUE(eventually(
+        [] { return actions("Status").find("'canRecord': <true>") != std::string::npos; },
+        seconds(30)))
+        << actions("Status");
     actions("Record");
     ASSERT_TRUE(eventually(
         [] { return actions("Status").find("'phase': <'recording'>") != std::string::npos; },
