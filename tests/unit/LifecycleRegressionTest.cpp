@@ -1,7 +1,8 @@
 // Interleavings that once went wrong, each pinned down on its own: an upload beside a
-// recording, a pairing cancelled by the session's end, a source that vanishes under the
-// user's recording, a session that ends for one server while a link names another, a
-// connection the service drops without answering, and a library folder that stops answering.
+// recording, a pairing cancelled by the session's end, a session that ends while a failed
+// upload puts its record back, a source that vanishes under the user's recording, a session
+// that ends for one server while a link names another, a connection the service drops without
+// answering, and a library folder that stops answering.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -85,6 +86,31 @@ TEST_F(Regression, TheAgentsUploadIsBusyAndARecordingCannotStartBesideIt) {
     EXPECT_EQ(h.studio().current()->stage, Stage::uploaded);
     EXPECT_FALSE(state.busy);
     EXPECT_TRUE(uploads.upload(id)->published);
+}
+
+// An upload that failed puts its record back while the disk is slow to answer; the session
+// that ends in that moment must not cut the clean-up short and leave the upload open for good.
+TEST_F(Regression, ASessionEndingWhileAFailedUploadPutsItsRecordBackStillEndsTheUpload) {
+    h.pairWithCode();
+    auto id = Uuid::make();
+    uploads.expect(id);
+    std::promise<void> disk;
+    auto released = disk.get_future().share();
+    uploads.onBegin([&, released] { StudioTestAccess::blockLibrary(h.studio(), released); });
+    uploads.fault(ScriptedUploads::Fault::badGateway);
+    h.studio().setConsent(true);
+    ASSERT_TRUE(call("startRecording", json::array({{{"captureId", id}}})).contains("value"));
+    ASSERT_TRUE(call("stopRecording").contains("value"));
+    const auto& state = h.studio().state();
+    ASSERT_TRUE(h.runUntil([&] { return state.status.rfind("Upload did not finish.", 0) == 0; }));
+
+    h.await(h.studio().disconnect("Bye."));
+    disk.set_value();
+    ASSERT_TRUE(h.runUntil([&] { return !state.busy; }))
+        << phaseText(h.studio().lifecycle().phase());
+    EXPECT_FALSE(state.uploading);
+    ASSERT_EQ(state.recent.size(), 1u);
+    EXPECT_EQ(state.recent[0].stage, Stage::saved);
 }
 
 TEST_F(Regression, ADisconnectThatCancelsAPendingPairingKeepsItsOwnSentence) {

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "core/net/Url.h"
+#include "core/runtime/CancellationHold.h"
 #include "core/runtime/Sleep.h"
 #include "core/runtime/Uuid.h"
 #include "core/session/ErrorText.h"
@@ -270,7 +271,8 @@ asio::awaitable<void> Studio::disconnect(std::string message) {
     retryTask_.cancel();
     // The caller may be one of the tasks just cancelled (the poll loop, the watchdog, the
     // limit timer); what follows must still finish the recording and reach the server.
-    co_await asio::this_coro::reset_cancellation_state();
+    CancellationHold hold;
+    co_await hold.begin();
     change([](StudioState& s) { s.connected = false; });
     transition([](RecordingLifecycle& l) { return l.approve(false); });
     co_await closeRecording();
@@ -280,14 +282,15 @@ asio::awaitable<void> Studio::disconnect(std::string message) {
     auto endpoint = std::exchange(endpoint_, std::nullopt);
     if (!token || !endpoint) {
         log("disconnect skipped: no session token");
-        co_return;
+    } else {
+        try {
+            co_await sendTo(*endpoint, token, "disconnect");
+            log("disconnect acknowledged by server");
+        } catch (...) {
+            log("disconnect not delivered: " + ErrorText::describe(std::current_exception()));
+        }
     }
-    try {
-        co_await sendTo(*endpoint, token, "disconnect");
-        log("disconnect acknowledged by server");
-    } catch (...) {
-        log("disconnect not delivered: " + ErrorText::describe(std::current_exception()));
-    }
+    co_await hold.release();
 }
 
 asio::awaitable<void> Studio::forgetDevice() {

@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "core/library/CaptureTransfer.h"
+#include "core/runtime/CancellationHold.h"
 #include "core/runtime/Offload.h"
 #include "core/runtime/Uuid.h"
 #include "core/session/ErrorText.h"
@@ -119,8 +120,7 @@ asio::awaitable<void> Studio::handOver(RecordingLifecycle::Owner owner,
     }
     if (failure) {
         // A cancelled upload (the session ended) still puts its record back.
-        co_await asio::this_coro::reset_cancellation_state();
-        co_await restageAfterFailedUpload();
+        co_await CancellationHold().begin();
         if (!ErrorText::isCancellation(failure)) {
             diagnose(owner == RecordingLifecycle::Owner::user ? "manual_stop_failed"
                                                               : "agent_upload_failed",
@@ -128,6 +128,7 @@ asio::awaitable<void> Studio::handOver(RecordingLifecycle::Owner owner,
             setStatus("Upload did not finish. Local video saved; use Retry upload. " +
                       describe(failure));
         }
+        co_await restageAfterFailedUpload();
     }
     transition([](RecordingLifecycle& l) { return l.uploadEnded(); });
     done->resolve(failure == nullptr);
@@ -207,7 +208,7 @@ asio::awaitable<void> Studio::retry(LocalCapture capture) {
         failure = std::current_exception();
     }
     if (failure) {
-        co_await asio::this_coro::reset_cancellation_state();
+        co_await CancellationHold().begin();
         capture.stage = LocalCapture::Stage::saved;
         try {
             co_await saveRecord(capture);
