@@ -34,6 +34,7 @@ QVariantMap DesktopActions::status() const {
         {"source", QString::fromStdString(s.recording ? s.recordingSource : s.selection)},
         {"canRecord", !snapshot.recordBlocker.has_value()},
         {"updateRequired", s.update.kind == UpdateDecision::Kind::required},
+        {"updateVersion", QString::fromStdString(s.update.version)},
     };
 }
 
@@ -110,6 +111,17 @@ void DesktopActions::Stop() {
         return;
     }
     bridge_->spawn([](Studio& studio) { return studio.stopAnyRecording(); });
+}
+
+void DesktopActions::StopSharing() {
+    if (!ready()) {
+        return;
+    }
+    if (!bridge_->snapshot().state.connected) {
+        refuse("Not sharing with the agent.");
+        return;
+    }
+    bridge_->spawn([](Studio& studio) { return studio.stopSharing(); });
 }
 
 QVariantMap DesktopActions::Status() {

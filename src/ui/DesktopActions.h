@@ -10,8 +10,8 @@ namespace pavix {
 class StudioBridge;
 
 // The application's actions on the session bus, for the user's scripts, desktop shortcuts and
-// a second launch of Pavix: show the window, follow a setup link, approve, record, stop and
-// read the status. A call that cannot be done now is answered with a D-Bus error that says
+// a second launch of Pavix: show the window, follow a setup link, approve, record, stop, end
+// the session with the agent and read the status. A call that cannot be done now is answered with a D-Bus error that says
 // why; nothing a caller sends can do more than that.
 //
 // Made before the bus name is claimed and attached to the model once it exists: calls are
@@ -39,6 +39,7 @@ class DesktopActions : public QObject, protected QDBusContext {
     Q_SCRIPTABLE void Approve();
     Q_SCRIPTABLE void Record();
     Q_SCRIPTABLE void Stop();
+    Q_SCRIPTABLE void StopSharing();
     Q_SCRIPTABLE QVariantMap Status();
 
   Q_SIGNALS:

@@ -425,6 +425,15 @@ std::string refusal(const std::string& method, const std::vector<std::string>& a
     return "";
 }
 
+// Whether the running application's status holds `text`; false while none answers.
+bool statusShows(const std::string& text) {
+    try {
+        return actions("Status").find(text) != std::string::npos;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
 // Whether `pid` shows its main window "Pavix" (the floating bar has that title too, but is
 // far smaller).
 bool showsItsWindow(pid_t pid) {
@@ -448,6 +457,7 @@ TEST_F(RecordingEndToEnd, LaterLaunchesAndScriptsReachTheRunningApplication) {
     EXPECT_NE(refusal("Record").find("Pair this computer with your agent first."),
               std::string::npos);
     EXPECT_NE(refusal("Stop").find("Nothing is recording."), std::string::npos);
+    EXPECT_NE(refusal("StopSharing").find("Not sharing with the agent."), std::string::npos);
     EXPECT_NE(refusal("OpenLink", {"https://a.example/pair"}).find("Not a Pavix setup link"),
               std::string::npos);
     EXPECT_NE(refusal("Explode"), "");
@@ -514,6 +524,51 @@ TEST_F(RecordingEndToEnd, LaterLaunchesAndScriptsReachTheRunningApplication) {
     }
     EXPECT_EQ(videos, 2u);
     EXPECT_TRUE(fs::exists(library() / ("Pavix-" + Uuid::upper(agentCapture) + ".mp4")));
+
+    app->signal(SIGTERM);
+    EXPECT_EQ(app->wait(seconds(30)), 0) << app->output();
+}
+
+// The service's version answers decide: a newer latest version is offered; a minimum above the
+// running version blocks new recordings with its sentence, while the upload already under way
+// goes on to be published.
+TEST_F(RecordingEndToEnd, ARequiredUpdateBlocksNewRecordingsWhileTheUploadGoesOn) {
+    ASSERT_NO_FATAL_FAILURE(pairAndSelectTheWindow());
+    service.agent({"settings", "latestAppVersion=9.0"});
+    auto app = pavix({});
+    ASSERT_TRUE(eventually([] { return statusShows("'updateVersion': <'9.0'>"); }, seconds(30)))
+        << app->output();
+    EXPECT_NE(actions("Status").find("'updateRequired': <false>"), std::string::npos);
+
+    // The user ends the agent's session, records the window and stops while the service
+    // raises its minimum. The first piece of the upload is held long enough to look.
+    ASSERT_TRUE(eventually([] { return statusShows("'connected': <true>"); }, seconds(30)))
+        << actions("Status") << app->output();
+    actions("StopSharing");
+    ASSERT_TRUE(eventually([] { return statusShows("'canRecord': <true>"); }, seconds(30)))
+        << actions("Status");
+    service.agent(
+        {"fault", "add", "path=/local-browser/desktop-upload/*/chunk,stall=4000,count=1"});
+    actions("Record");
+    ASSERT_TRUE(eventually([] { return statusShows("'phase': <'recording'>"); }, seconds(30)))
+        << actions("Status") << app->output();
+    std::this_thread::sleep_for(seconds(1));  // the length of the recording
+    service.agent({"settings", "minimumAppVersion=9.0"});
+    actions("Stop");
+    ASSERT_TRUE(eventually(
+        [] {
+            auto status = actions("Status");
+            return status.find("'updateRequired': <true>") != std::string::npos &&
+                   status.find("'uploading': <true>") != std::string::npos;
+        },
+        seconds(30)))
+        << actions("Status") << app->output();
+
+    ASSERT_TRUE(eventually([] { return statusShows("'status': <'Uploaded."); }, seconds(60)))
+        << actions("Status") << app->output();
+    EXPECT_NE(service.agent({"recordings"}).find("published"), std::string::npos);
+    EXPECT_NE(actions("Status").find("'canRecord': <false>"), std::string::npos);
+    EXPECT_NE(refusal("Record").find("Update Pavix to keep recording."), std::string::npos);
 
     app->signal(SIGTERM);
     EXPECT_EQ(app->wait(seconds(30)), 0) << app->output();
