@@ -21,6 +21,14 @@ QDBusMessage handOver(QDBusConnection& bus, const std::optional<std::string>& li
 
 }  // namespace
 
+bool running(QDBusConnection bus) {
+    if (!bus.isConnected()) {
+        return false;
+    }
+    auto owned = bus.interface()->isServiceRegistered(DesktopActions::kService);
+    return owned.isValid() && owned.value();
+}
+
 Result claim(QDBusConnection bus, DesktopActions& actions, const std::optional<std::string>& link) {
     if (!bus.isConnected()) {
         return {Outcome::first, "no session bus: " + bus.lastError().message().toStdString()};

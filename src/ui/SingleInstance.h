@@ -24,6 +24,9 @@ struct Result {
     std::string detail;  // for `first`, why the name is not owned, when it is not
 };
 
+// Whether a windowed Pavix owns the name on `bus` (false without a bus).
+bool running(QDBusConnection bus);
+
 // Exports `actions` on `bus` and claims the name, or hands `link` to the owner of the name.
 Result claim(QDBusConnection bus, DesktopActions& actions, const std::optional<std::string>& link);
 

@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstdio>
 #include <iostream>
+#include <optional>
 
 #include "core/app/CommandLine.h"
 #include "core/capture/CaptureSources.h"
@@ -172,6 +173,19 @@ int main(int argc, char** argv) {
     if (!options.pair && !options.record && !options.library && !options.support &&
         !options.retry && !options.remove) {
         return runApplication(argc, argv, options);
+    }
+
+    // The runs that change the pairing or the library would be a second model beside the
+    // running application's; only reading the library is safe beside it.
+    // QtDBus needs an application object; it lives as long as the run.
+    std::optional<QCoreApplication> qt;
+    if (options.pair || options.record || options.retry || options.remove) {
+        qt.emplace(argc, argv);
+        if (SingleInstance::running(QDBusConnection::sessionBus())) {
+            std::cerr << "pavix: Pavix is already running on this desktop. Use its window, or "
+                         "its actions on the session bus (app.pavix.Pavix).\n";
+            return 1;
+        }
     }
 
     // The scripted runs: the model on this thread, no window.

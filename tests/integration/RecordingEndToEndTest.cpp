@@ -458,6 +458,10 @@ TEST_F(RecordingEndToEnd, LaterLaunchesAndScriptsReachTheRunningApplication) {
               std::string::npos);
     EXPECT_NE(refusal("Stop").find("Nothing is recording."), std::string::npos);
     EXPECT_NE(refusal("StopSharing").find("Not sharing with the agent."), std::string::npos);
+    // A scripted run that would be a second model beside it is refused.
+    auto [refused, said] = run({"--record"});
+    EXPECT_EQ(refused, 1);
+    EXPECT_NE(said.find("Pavix is already running on this desktop."), std::string::npos) << said;
     EXPECT_NE(refusal("OpenLink", {"https://a.example/pair"}).find("Not a Pavix setup link"),
               std::string::npos);
     EXPECT_NE(refusal("Explode"), "");
