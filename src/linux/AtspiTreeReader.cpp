@@ -1,0 +1,313 @@
+#include "linux/AtspiTreeReader.h"
+
+#include <atspi/atspi.h>
+
+#include <cmath>
+#include <memory>
+
+#include "linux/AtspiRoles.h"
+
+namespace pavix {
+namespace {
+
+// An owned GObject reference.
+template <class T>
+struct Unref {
+    void operator()(T* object) const {
+        if (object) {
+            g_object_unref(object);
+        }
+    }
+};
+template <class T>
+using Ref = std::unique_ptr<T, Unref<T>>;
+
+// The text of a call that returns an owned string; empty when the call failed.
+std::string take(gchar* text, GError* error) {
+    if (error) {
+        g_error_free(error);
+    }
+    std::string out = text ? text : "";
+    g_free(text);
+    return out;
+}
+
+std::shared_ptr<const void> handleOf(AtspiAccessible* accessible) {
+    g_object_ref(accessible);
+    return std::shared_ptr<const void>(accessible,
+                                       [](const void* p) { g_object_unref(const_cast<void*>(p)); });
+}
+
+std::optional<CaptureRect> extents(AtspiAccessible* accessible) {
+    Ref<AtspiComponent> component(atspi_accessible_get_component_iface(accessible));
+    if (!component) {
+        return std::nullopt;
+    }
+    GError* error = nullptr;
+    AtspiRect* rect = atspi_component_get_extents(component.get(), ATSPI_COORD_TYPE_SCREEN, &error);
+    if (error) {
+        g_error_free(error);
+        g_free(rect);
+        return std::nullopt;
+    }
+    std::optional<CaptureRect> frame;
+    if (rect && rect->width > 0 && rect->height > 0) {
+        frame = CaptureRect{double(rect->x), double(rect->y), double(rect->width),
+                            double(rect->height)};
+    }
+    g_free(rect);
+    return frame;
+}
+
+std::string textOf(AtspiAccessible* accessible, int limit) {
+    Ref<AtspiText> text(atspi_accessible_get_text_iface(accessible));
+    if (!text) {
+        return {};
+    }
+    GError* error = nullptr;
+    int count = atspi_text_get_character_count(text.get(), &error);
+    if (error) {
+        g_error_free(error);
+        return {};
+    }
+    return take(atspi_text_get_text(text.get(), 0, std::min(count, limit), &error), error);
+}
+
+std::string numberOf(AtspiAccessible* accessible) {
+    Ref<AtspiValue> value(atspi_accessible_get_value_iface(accessible));
+    if (!value) {
+        return {};
+    }
+    GError* error = nullptr;
+    double current = atspi_value_get_current_value(value.get(), &error);
+    if (error) {
+        g_error_free(error);
+        return {};
+    }
+    char buffer[32];
+    std::snprintf(buffer, sizeof buffer, "%g", current);
+    return buffer;
+}
+
+bool hasAction(AtspiAccessible* accessible) {
+    Ref<AtspiAction> action(atspi_accessible_get_action_iface(accessible));
+    if (!action) {
+        return false;
+    }
+    GError* error = nullptr;
+    int count = atspi_action_get_n_actions(action.get(), &error);
+    if (error) {
+        g_error_free(error);
+        return false;
+    }
+    return count > 0;
+}
+
+AtspiRole roleOf(AtspiAccessible* accessible) {
+    GError* error = nullptr;
+    auto role = atspi_accessible_get_role(accessible, &error);
+    if (error) {
+        g_error_free(error);
+        return ATSPI_ROLE_INVALID;
+    }
+    return role;
+}
+
+int childCount(AtspiAccessible* accessible) {
+    GError* error = nullptr;
+    int count = atspi_accessible_get_child_count(accessible, &error);
+    if (error) {
+        g_error_free(error);
+        return 0;
+    }
+    return std::max(count, 0);
+}
+
+Ref<AtspiAccessible> childAt(AtspiAccessible* accessible, int index) {
+    GError* error = nullptr;
+    Ref<AtspiAccessible> child(atspi_accessible_get_child_at_index(accessible, index, &error));
+    if (error) {
+        g_error_free(error);
+        return nullptr;
+    }
+    return child;
+}
+
+// The titles of a combo box's options: the items of the menu it opens.
+std::vector<std::string> optionsOf(AtspiAccessible* combo) {
+    std::vector<std::string> options;
+    for (int i = 0, n = childCount(combo); i < n; ++i) {
+        auto menu = childAt(combo, i);
+        if (!menu || roleOf(menu.get()) != ATSPI_ROLE_MENU) {
+            continue;
+        }
+        for (int j = 0, items = std::min(childCount(menu.get()), 200); j < items; ++j) {
+            if (auto item = childAt(menu.get(), j)) {
+                GError* error = nullptr;
+                options.push_back(take(atspi_accessible_get_name(item.get(), &error), error));
+            }
+        }
+    }
+    return options;
+}
+
+class Walk {
+  public:
+    explicit Walk(const OutlineOptions& options) : options_(options) {}
+
+    AccessibleElement read(AtspiAccessible* accessible, int depth, bool parentIsMenuBar) {
+        ++visited_;
+        AccessibleElement element;
+        element.handle = handleOf(accessible);
+        auto& facts = element.facts;
+        const auto role = roleOf(accessible);
+        Ref<AtspiStateSet> states(atspi_accessible_get_state_set(accessible));
+        auto has = [&](AtspiStateType state) {
+            return states && atspi_state_set_contains(states.get(), state);
+        };
+        AtspiRoles::Context context;
+        context.editable = has(ATSPI_STATE_EDITABLE);
+        context.parentIsMenuBar = parentIsMenuBar;
+        if (AtspiRoles::needsActions(role)) {
+            context.hasAction = hasAction(accessible);
+        }
+        facts.kind = AtspiRoles::kind(role, context);
+        facts.roleWord = AtspiRoles::word(role, context);
+        facts.secure = role == ATSPI_ROLE_PASSWORD_TEXT;
+        facts.enabled = has(ATSPI_STATE_SENSITIVE) || has(ATSPI_STATE_ENABLED);
+        facts.focused = has(ATSPI_STATE_FOCUSED);
+        facts.selected = has(ATSPI_STATE_SELECTED) && role != ATSPI_ROLE_PAGE_TAB_LIST;
+        if (has(ATSPI_STATE_CHECKABLE) || role == ATSPI_ROLE_CHECK_BOX ||
+            role == ATSPI_ROLE_RADIO_BUTTON || role == ATSPI_ROLE_TOGGLE_BUTTON) {
+            facts.checked = has(ATSPI_STATE_CHECKED) || has(ATSPI_STATE_PRESSED);
+        }
+        GError* error = nullptr;
+        facts.title = take(atspi_accessible_get_name(accessible, &error), error);
+        error = nullptr;
+        facts.description = take(atspi_accessible_get_description(accessible, &error), error);
+        // A password field gives nothing but its role: not its text, not its length.
+        if (!facts.secure) {
+            if (AtspiRoles::showsText(role)) {
+                facts.value = textOf(accessible, 400);
+            } else if (role == ATSPI_ROLE_SLIDER || role == ATSPI_ROLE_SPIN_BUTTON) {
+                facts.value = numberOf(accessible);
+            } else if (role == ATSPI_ROLE_COMBO_BOX) {
+                facts.popup = true;
+                facts.value = facts.title;
+                facts.options = optionsOf(accessible);
+            }
+        }
+        // Only what shows has a place on screen; toolkits report stale or zero extents for
+        // the rest.
+        const bool showing = has(ATSPI_STATE_SHOWING);
+        if (showing) {
+            facts.frame = extents(accessible);
+        }
+        // What does not show (a closed menu's items, a hidden page) is not walked; a combo
+        // box's options are already on its line.
+        if ((!showing && depth > 0) || role == ATSPI_ROLE_COMBO_BOX) {
+            return element;
+        }
+        const bool menuBar = role == ATSPI_ROLE_MENU_BAR;
+        if (menuBar && facts.title.empty()) {
+            facts.title = "menu bar";
+        }
+        for (int i = 0, n = childCount(accessible); i < n; ++i) {
+            if (!options_.admits(visited_, depth + 1)) {
+                break;
+            }
+            if (auto child = childAt(accessible, i)) {
+                element.children.push_back(read(child.get(), depth + 1, menuBar));
+            }
+        }
+        return element;
+    }
+
+  private:
+    const OutlineOptions& options_;
+    int visited_ = 0;
+};
+
+// How far apart two frames are: the sum of the differences of their edges.
+double distance(const CaptureRect& a, const CaptureRect& b) {
+    return std::abs(a.x - b.x) + std::abs(a.y - b.y) + std::abs(a.maxX() - b.maxX()) +
+           std::abs(a.maxY() - b.maxY());
+}
+
+}  // namespace
+
+AtspiTreeReader::AtspiTreeReader(int timeoutMs) {
+    atspi_init();  // once per process; later calls only count
+    atspi_set_timeout(timeoutMs, timeoutMs);
+}
+
+bool AtspiTreeReader::reachable() const {
+    Ref<AtspiAccessible> desktop(atspi_get_desktop(0));
+    return desktop && childCount(desktop.get()) > 0;
+}
+
+std::optional<AccessibleElement> AtspiTreeReader::read(const Window& window,
+                                                       const OutlineOptions& options) const {
+    Ref<AtspiAccessible> desktop(atspi_get_desktop(0));
+    if (!desktop) {
+        return std::nullopt;
+    }
+    // The application of the window's process, then its frame that lies where the window
+    // does (or bears its title, or is active).
+    Ref<AtspiAccessible> best;
+    double bestScore = 0;
+    for (int i = 0, n = childCount(desktop.get()); i < n; ++i) {
+        auto app = childAt(desktop.get(), i);
+        if (!app) {
+            continue;
+        }
+        GError* error = nullptr;
+        auto pid = atspi_accessible_get_process_id(app.get(), &error);
+        if (error) {
+            g_error_free(error);
+            continue;
+        }
+        if (static_cast<pid_t>(pid) != window.pid) {
+            continue;
+        }
+        for (int j = 0, frames = childCount(app.get()); j < frames; ++j) {
+            auto frame = childAt(app.get(), j);
+            if (!frame) {
+                continue;
+            }
+            Ref<AtspiStateSet> states(atspi_accessible_get_state_set(frame.get()));
+            if (!states || !atspi_state_set_contains(states.get(), ATSPI_STATE_SHOWING)) {
+                continue;
+            }
+            error = nullptr;
+            auto name = take(atspi_accessible_get_name(frame.get(), &error), error);
+            double score = 1;
+            if (atspi_state_set_contains(states.get(), ATSPI_STATE_ACTIVE)) {
+                score += 1;
+            }
+            if (!window.title.empty() && name == window.title) {
+                score += 2;
+            }
+            // Some toolkits report window-relative positions: the size alone still counts.
+            if (auto at = extents(frame.get())) {
+                if (distance(*at, window.frame) < 4) {
+                    score += 8;
+                } else if (std::abs(at->width - window.frame.width) < 2 &&
+                           std::abs(at->height - window.frame.height) < 2) {
+                    score += 4;
+                }
+            }
+            if (score > bestScore) {
+                bestScore = score;
+                best = std::move(frame);
+            }
+        }
+    }
+    if (!best) {
+        return std::nullopt;
+    }
+    Walk walk(options);
+    return walk.read(best.get(), 0, false);
+}
+
+}  // namespace pavix
