@@ -51,7 +51,10 @@ std::optional<CaptureRect> extents(AtspiAccessible* accessible) {
         return std::nullopt;
     }
     std::optional<CaptureRect> frame;
-    if (rect && rect->width > 0 && rect->height > 0) {
+    // GTK answers a scrolled-away element with a position near the lowest integer.
+    constexpr int kFar = 1 << 24;
+    if (rect && rect->width > 0 && rect->height > 0 && std::abs(rect->x) < kFar &&
+        std::abs(rect->y) < kFar) {
         frame = CaptureRect{double(rect->x), double(rect->y), double(rect->width),
                             double(rect->height)};
     }
@@ -133,8 +136,8 @@ Ref<AtspiAccessible> childAt(AtspiAccessible* accessible, int index) {
     return child;
 }
 
-// The titles of a combo box's options: the items of the menu it opens.
-std::vector<std::string> optionsOf(AtspiAccessible* combo) {
+// The titles of a combo box's options, the items of the menu it opens, and the one chosen.
+std::vector<std::string> optionsOf(AtspiAccessible* combo, std::string& chosen) {
     std::vector<std::string> options;
     for (int i = 0, n = childCount(combo); i < n; ++i) {
         auto menu = childAt(combo, i);
@@ -145,17 +148,40 @@ std::vector<std::string> optionsOf(AtspiAccessible* combo) {
             if (auto item = childAt(menu.get(), j)) {
                 GError* error = nullptr;
                 options.push_back(take(atspi_accessible_get_name(item.get(), &error), error));
+                Ref<AtspiStateSet> states(atspi_accessible_get_state_set(item.get()));
+                if (states && atspi_state_set_contains(states.get(), ATSPI_STATE_SELECTED)) {
+                    chosen = options.back();
+                }
             }
         }
     }
     return options;
 }
 
+// The option a combo box holds, through its selection (GTK's way of saying it).
+std::string chosenOf(AtspiAccessible* combo) {
+    Ref<AtspiSelection> selection(atspi_accessible_get_selection_iface(combo));
+    if (!selection) {
+        return {};
+    }
+    GError* error = nullptr;
+    Ref<AtspiAccessible> chosen(atspi_selection_get_selected_child(selection.get(), 0, &error));
+    if (error) {
+        g_error_free(error);
+        return {};
+    }
+    if (!chosen) {
+        return {};
+    }
+    return take(atspi_accessible_get_name(chosen.get(), &error), error);
+}
+
 class Walk {
   public:
     explicit Walk(const OutlineOptions& options) : options_(options) {}
 
-    AccessibleElement read(AtspiAccessible* accessible, int depth, bool parentIsMenuBar) {
+    AccessibleElement read(AtspiAccessible* accessible, int depth, bool parentIsMenuBar,
+                           bool scrolled) {
         ++visited_;
         AccessibleElement element;
         element.handle = handleOf(accessible);
@@ -193,21 +219,29 @@ class Walk {
                 facts.value = numberOf(accessible);
             } else if (role == ATSPI_ROLE_COMBO_BOX) {
                 facts.popup = true;
-                facts.value = facts.title;
-                facts.options = optionsOf(accessible);
+                facts.options = optionsOf(accessible, facts.value);
+                if (facts.value.empty()) {
+                    facts.value = chosenOf(accessible);
+                }
+                if (facts.value.empty()) {
+                    facts.value = facts.title;  // some toolkits name the box by its choice
+                }
             }
         }
-        // Only what shows has a place on screen; toolkits report stale or zero extents for
-        // the rest.
+        // What shows has a place on screen, and so has what a scroll area holds beyond its
+        // visible part (GTK does not call a row showing once it is scrolled away). Anything
+        // else that does not show (a closed menu's items, a hidden page) has stale or zero
+        // extents and is not walked. A combo box's options are already on its line.
         const bool showing = has(ATSPI_STATE_SHOWING);
-        if (showing) {
+        const bool scrolledAway = !showing && scrolled && has(ATSPI_STATE_VISIBLE);
+        if (showing || scrolledAway) {
             facts.frame = extents(accessible);
         }
-        // What does not show (a closed menu's items, a hidden page) is not walked; a combo
-        // box's options are already on its line.
-        if ((!showing && depth > 0) || role == ATSPI_ROLE_COMBO_BOX) {
+        if ((!showing && !scrolledAway && depth > 0) || role == ATSPI_ROLE_COMBO_BOX) {
             return element;
         }
+        const bool scrolling =
+            scrolled || role == ATSPI_ROLE_SCROLL_PANE || role == ATSPI_ROLE_VIEWPORT;
         const bool menuBar = role == ATSPI_ROLE_MENU_BAR;
         if (menuBar && facts.title.empty()) {
             facts.title = "menu bar";
@@ -217,10 +251,39 @@ class Walk {
                 break;
             }
             if (auto child = childAt(accessible, i)) {
-                element.children.push_back(read(child.get(), depth + 1, menuBar));
+                element.children.push_back(read(child.get(), depth + 1, menuBar, scrolling));
             }
         }
+        if (scrolling) {
+            placeScrolledAway(element.children);
+        }
         return element;
+    }
+
+    // Gives the rows of a list that scrolled away (and so have no place of their own) a
+    // place in line with their siblings that show: after the last of them, or before the
+    // first. The outline then says in which direction they lie.
+    static void placeScrolledAway(std::vector<AccessibleElement>& rows) {
+        std::optional<std::size_t> first, last;
+        for (std::size_t i = 0; i < rows.size(); ++i) {
+            if (rows[i].facts.frame) {
+                first = first.value_or(i);
+                last = i;
+            }
+        }
+        if (!first) {
+            return;
+        }
+        for (std::size_t i = 0; i < rows.size(); ++i) {
+            auto& facts = rows[i].facts;
+            if (facts.frame || !facts.roleWord) {
+                continue;
+            }
+            const auto& anchor = *rows[i < *first ? *first : *last].facts.frame;
+            const double steps = i < *first ? -double(*first - i) : double(i - *last);
+            facts.frame = CaptureRect{anchor.x, anchor.y + steps * anchor.height, anchor.width,
+                                      anchor.height};
+        }
     }
 
   private:
@@ -307,7 +370,7 @@ std::optional<AccessibleElement> AtspiTreeReader::read(const Window& window,
         return std::nullopt;
     }
     Walk walk(options);
-    return walk.read(best.get(), 0, false);
+    return walk.read(best.get(), 0, false, false);
 }
 
 }  // namespace pavix

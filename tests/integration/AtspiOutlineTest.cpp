@@ -101,5 +101,73 @@ TEST_F(AtspiOutline, ReadsAQtWindowsControlsWithFreshReferences) {
     EXPECT_EQ(again.targets.at("ref_1").label, snapshot.targets.at("ref_1").label);
 }
 
+// The GTK fixture, read as the agent would see it.
+class GtkOutline : public ::testing::Test {
+  protected:
+    GtkOutline() {
+        if (!fixture.waitForLine("window 0x", seconds(20))) {
+            throw std::runtime_error("no fixture window: " + fixture.output());
+        }
+    }
+    ~GtkOutline() override {
+        fixture.signal(SIGTERM);
+        fixture.wait(seconds(10));
+    }
+    std::optional<OutlineSnapshot> read() {
+        for (const auto& window : X11ShareableContent().current().windows) {
+            if (window.pid == fixture.pid() && window.onScreen) {
+                AtspiTreeReader::Window target{
+                    fixture.pid(), {window.x, window.y, window.width, window.height}, window.title};
+                if (auto tree = reader.read(target, {})) {
+                    return OutlineBuilder::build(*tree, target.frame, {});
+                }
+            }
+        }
+        return std::nullopt;
+    }
+
+    ChildProcess fixture{{PAVIX_GTK_FIXTURE_BINARY}, {{"NO_AT_BRIDGE", "0"}}};
+    AtspiTreeReader reader;
+};
+
+TEST_F(GtkOutline, EachKindOfControlHasItsLine) {
+    std::optional<OutlineSnapshot> snapshot;
+    ASSERT_TRUE(eventually([&] { return (snapshot = read()).has_value(); }, seconds(20)));
+    const auto& outline = snapshot->outline;
+    // Each line as the agent reads it; only the places depend on the fonts.
+    auto target = [](const std::string& words, bool shows = true) {
+        return "  \\[ref_[0-9]+\\] " + words +
+               (shows ? " — visible at \\([0-9]+,[0-9]+\\) window points\n"
+                      : " — offscreen-below \\(scroll to reveal\\)\n");
+    };
+    for (const auto& line : {
+             target(R"(menubaritem "File" in "menu bar")"),
+             target(R"(menubaritem "Edit" in "menu bar")"),
+             target(R"(tab "Form" selected)"),
+             target(R"(tab "Other")"),
+             target(R"(button "Save")"),
+             target(R"(button "Locked" disabled)"),
+             target(R"(slider "Volume" value="40")"),
+             target(R"(switch "Wi-Fi" unchecked)"),
+             target(R"(combobox "Colour" value="Red" options=\["Red","Green","Blue"\])"),
+             target(R"(radio "Small" checked)"),
+             target(R"(radio "Large" unchecked)"),
+             target(R"(checkbox "Remember me" unchecked)"),
+             target(R"(textbox "Password" secure)"),
+             target(R"(textbox "Name" value="")"),
+             target(R"(row "Row 1")"),
+             target(R"(row "Row 60")", false),
+             std::string(R"(Scroll areas \(layout only; offscreen content is not visual )"
+                         R"(proof\): \{"regions":\[\{"kind":"panel","remainingPixels":)"
+                         R"(\{"down":[1-9][0-9]+,"left":0,"right":0\}\}\]\})"),
+         }) {
+        EXPECT_THAT(outline, ::testing::ContainsRegex(line)) << outline;
+    }
+    EXPECT_EQ(outline.rfind("  [ref_1] menubaritem \"File\"", 0), 0u) << outline;
+    // The hidden page is not read; the labels are the page's text.
+    EXPECT_EQ(outline.find("Nothing here yet"), std::string::npos);
+    EXPECT_NE(snapshot->text.find("Password"), std::string::npos);
+}
+
 }  // namespace
 }  // namespace pavix::test
