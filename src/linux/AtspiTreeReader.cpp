@@ -299,18 +299,23 @@ double distance(const CaptureRect& a, const CaptureRect& b) {
 
 }  // namespace
 
-AtspiTreeReader::AtspiTreeReader(int timeoutMs) {
-    atspi_init();  // once per process; later calls only count
-    atspi_set_timeout(timeoutMs, timeoutMs);
+void AtspiTreeReader::start() {
+    if (!started_) {
+        started_ = true;
+        atspi_init();  // once per process; a later call only counts
+        atspi_set_timeout(timeoutMs_, timeoutMs_);
+    }
 }
 
-bool AtspiTreeReader::reachable() const {
+bool AtspiTreeReader::reachable() {
+    start();
     Ref<AtspiAccessible> desktop(atspi_get_desktop(0));
     return desktop && childCount(desktop.get()) > 0;
 }
 
 std::optional<AccessibleElement> AtspiTreeReader::read(const Window& window,
-                                                       const OutlineOptions& options) const {
+                                                       const OutlineOptions& options) {
+    start();
     Ref<AtspiAccessible> desktop(atspi_get_desktop(0));
     if (!desktop) {
         return std::nullopt;

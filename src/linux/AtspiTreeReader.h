@@ -1,12 +1,6 @@
 #pragma once
 
-#include <sys/types.h>
-
-#include <optional>
-#include <string>
-
-#include "core/control/AccessibleElement.h"
-#include "core/control/OutlineBuilder.h"
+#include "platform/AccessibilityReader.h"
 
 namespace pavix {
 
@@ -17,25 +11,23 @@ namespace pavix {
 // call is bounded by the AT-SPI time-out, so a hung application costs a bounded wait.
 //
 // libatspi is not thread-safe: one thread owns the reader and makes every call.
-class AtspiTreeReader {
+class AtspiTreeReader : public AccessibilityReader {
   public:
-    // The window as the window system knows it.
-    struct Window {
-        pid_t pid = 0;
-        CaptureRect frame;  // screen points
-        std::string title;
-    };
+    using Window = ControlledWindow;
 
-    // Starts libatspi on this thread; `timeoutMs` bounds each call into an application.
-    explicit AtspiTreeReader(int timeoutMs = 1000);
+    // `timeoutMs` bounds each call into an application. libatspi starts on the thread of the
+    // first call.
+    explicit AtspiTreeReader(int timeoutMs = 1000) : timeoutMs_(timeoutMs) {}
 
-    // Whether the accessibility bus answers and lists applications.
-    bool reachable() const;
-
-    // The window's tree cut to the limits of `options`, or nothing when no application of the
-    // process shows a window.
+    bool reachable() override;
     std::optional<AccessibleElement> read(const Window& window,
-                                          const OutlineOptions& options) const;
+                                          const OutlineOptions& options) override;
+
+  private:
+    void start();
+
+    int timeoutMs_;
+    bool started_ = false;
 };
 
 }  // namespace pavix

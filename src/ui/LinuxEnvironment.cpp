@@ -83,7 +83,8 @@ LinuxEnvironment::LinuxEnvironment() {
 }
 
 LinuxEnvironment::~LinuxEnvironment() {
-    // Work still queued on the pool may use the parts below; it ends first.
+    // Work still queued on the pools may use the parts below; it ends first.
+    controlThread_.join();
     pool_.join();
 }
 
@@ -104,6 +105,8 @@ StudioEnvironment LinuxEnvironment::studio(asio::any_io_executor model) {
     env.capture.media = &mediaReader_;
     env.capture.layers = layers_.get();
     env.capture.stills = &pngEncoder_;
+    env.accessibility = &accessibility_;
+    env.controlThread = &controlThread_;
     env.log = &log_;
     env.timing = timing_;
     env.nowMs = [] {

@@ -7,6 +7,7 @@
 #include "core/net/HttpClient.h"
 #include "core/runtime/StreamLog.h"
 #include "core/session/StudioEnvironment.h"
+#include "linux/AtspiTreeReader.h"
 #include "linux/FallbackSecretStore.h"
 #include "linux/FfmpegEncoderProbe.h"
 #include "linux/FfmpegMediaReader.h"
@@ -19,7 +20,7 @@ namespace pavix {
 
 // The platform parts of this computer that the Studio is built from, owned in one place:
 // the worker pool, the network, the keyring, the settings, the window system's listings and
-// clipboard, the disk, the Trash and the video parts. Parts that need a display are absent
+// clipboard, the disk, the Trash, the video parts and the accessibility of other applications. Parts that need a display are absent
 // (or report why) when there is none.
 class LinuxEnvironment {
   public:
@@ -47,6 +48,9 @@ class LinuxEnvironment {
     std::unique_ptr<WindowLayers> layers_;
     GioTrash trash_;
     std::unique_ptr<Clipboard> clipboard_;
+    AtspiTreeReader accessibility_;
+    // The one thread that talks to the accessibility bus (its library is not thread-safe).
+    asio::thread_pool controlThread_{1};
 };
 
 }  // namespace pavix

@@ -7,6 +7,7 @@
 
 #include "core/runtime/Log.h"
 #include "core/session/KeychainError.h"
+#include "platform/AccessibilityReader.h"
 #include "platform/Clipboard.h"
 #include "platform/SecretStore.h"
 #include "platform/ShareableContent.h"
@@ -47,6 +48,25 @@ class FakeSecretStore : public SecretStore {
             throw KeychainError(failWith);
         }
     }
+};
+
+// An accessibility bus with one scripted tree for every window; it counts the reads.
+class FakeAccessibility : public AccessibilityReader {
+  public:
+    bool reachable() override { return on; }
+    std::optional<AccessibleElement> read(const ControlledWindow& window,
+                                          const OutlineOptions&) override {
+        std::lock_guard lock(mutex);
+        ++reads;
+        lastWindow = window;
+        return tree;
+    }
+
+    std::mutex mutex;
+    bool on = true;
+    std::optional<AccessibleElement> tree;
+    int reads = 0;
+    ControlledWindow lastWindow;
 };
 
 class FakeShareableContent : public ShareableContent {

@@ -26,6 +26,8 @@ StudioHarness::StudioHarness(Timing timing, CapturePlatform capture) {
     env.volume = &volume;
     env.trash = &trash;
     env.clipboard = &clipboard;
+    env.accessibility = &accessibility;
+    env.controlThread = &controlThread_;
     env.osVersion = "Test OS 1.0";
     env.capture = std::move(capture);
     env.log = &log;

@@ -65,6 +65,7 @@ class StudioHarness {
     asio::io_context io;
     FakeSecretStore secrets;
     FakeShareableContent content;
+    FakeAccessibility accessibility;
     FakeVolume volume;
     FakeTrash trash;
     FakeClipboard clipboard;
@@ -78,6 +79,7 @@ class StudioHarness {
 
     asio::executor_work_guard<asio::io_context::executor_type> guard_{io.get_executor()};
     asio::thread_pool pool_{2};
+    asio::thread_pool controlThread_{1};
     HttpClient http_;
     std::unique_ptr<Studio> studio_;
 };

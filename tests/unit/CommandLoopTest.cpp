@@ -97,6 +97,25 @@ TEST_F(CommandLoop, FailuresAreReducedForTheAgentAndLoggedInFull) {
               json({{"error", "local_method_forbidden: share a window, not a display"}}));
     EXPECT_EQ(h.studio().state().lastErrorCode, "app_rule");
 
+    // A window: the control session reads it on the control thread, once accessibility is on.
+    h.studio().selectSource("window-4242");
+    h.accessibility.on = false;
+    EXPECT_EQ(call("readPage"),
+              json({{"error", "local_method_forbidden: Accessibility permission is off"}}));
+    h.accessibility.on = true;
+    AccessibleElement tree;
+    ElementFacts save;
+    save.roleWord = "button";
+    save.title = "Save";
+    save.frame = CaptureRect{10, 10, 40, 20};
+    tree.children.push_back({save, {}, {}});
+    h.accessibility.tree = tree;
+    auto outline = call("readPage");
+    ASSERT_TRUE(outline.contains("value")) << outline.dump();
+    EXPECT_NE(outline["value"].get<std::string>().find("\n  [ref_1] button \"Save\" — visible at"),
+              std::string::npos)
+        << outline.dump();
+
     // currentUrl never fails.
     EXPECT_EQ(call("currentUrl")["value"], "https://app.pavix.app");
 }

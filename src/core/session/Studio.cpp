@@ -1,5 +1,7 @@
 #include "core/session/Studio.h"
 
+#include <asio/post.hpp>
+
 #include <algorithm>
 
 #include "core/app/ServiceAddresses.h"
@@ -41,7 +43,18 @@ Studio::Studio(StudioEnvironment environment)
     capture_->onFailure = [this](const std::string& message) { captureFailed(message); };
 }
 
-Studio::~Studio() = default;
+Studio::~Studio() {
+    releaseControl();
+}
+
+// The control session holds the platform's accessible elements, which belong to the control
+// thread: the last reference goes there.
+void Studio::releaseControl() {
+    if (control_ && env_.controlThread) {
+        asio::post(*env_.controlThread, [control = std::move(control_)] {});
+    }
+    control_.reset();
+}
 
 void Studio::observe(Observer observer) {
     observers_.push_back(std::move(observer));

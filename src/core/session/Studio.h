@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "core/capture/Capture.h"
+#include "core/control/DesktopControl.h"
 #include "core/library/CaptureJournal.h"
 #include "core/library/RecordingLifecycle.h"
 #include "core/net/Url.h"
@@ -223,6 +224,10 @@ class Studio {
     asio::awaitable<void> revokeCredential();
     asio::awaitable<void> discardSavedIdentity();
     nlohmann::json meta() const;
+    // The control session for the shared window, opened on the control thread when the
+    // agent first operates it or the shared window changed.
+    asio::awaitable<std::shared_ptr<DesktopControl>> desktopControl(std::uint32_t windowID);
+    void releaseControl();
     asio::awaitable<nlohmann::json> runSessionMethod(const std::string& method,
                                                      const nlohmann::json& args);
     asio::awaitable<nlohmann::json> screenshot();
@@ -306,6 +311,8 @@ class Studio {
     std::chrono::steady_clock::time_point recordingStarted_;
     std::optional<nlohmann::json> windowReport_;
     asio::strand<asio::thread_pool::executor_type> journalStrand_;
+    // Used only on the control thread; held here so that it lives across the agent's calls.
+    std::shared_ptr<DesktopControl> control_;
 
     Task loop_;
     Task reconnectTask_;

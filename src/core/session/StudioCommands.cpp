@@ -3,6 +3,7 @@
 
 #include "core/app/ServiceAddresses.h"
 #include "core/runtime/Base64.h"
+#include "core/runtime/Offload.h"
 #include "core/session/CommandEnvelope.h"
 #include "core/session/ErrorText.h"
 #include "core/session/PavixError.h"
@@ -10,16 +11,6 @@
 
 namespace pavix {
 namespace {
-
-// The methods that operate the shared window; they need a control session.
-constexpr std::array<const char*, 8> kControlMethods = {
-    "readPage", "pageText", "pointer",  "formInput",
-    "typeText", "pressKey", "scrollBy", "redactSensitiveText"};
-
-bool isControlMethod(const std::string& method) {
-    return std::any_of(kControlMethods.begin(), kControlMethods.end(),
-                       [&](const char* name) { return method == name; });
-}
 
 nlohmann::json describeSource(const CaptureSource& source) {
     return {{"id", source.id},
@@ -31,19 +22,35 @@ nlohmann::json describeSource(const CaptureSource& source) {
 }  // namespace
 
 asio::awaitable<nlohmann::json> Studio::run(std::string method, nlohmann::json args) {
-    if (isControlMethod(method)) {
+    if (DesktopControl::serves(method)) {
         if (!state_.allowControl) {
             throw PavixError(
                 "local_method_forbidden: turn on Let your agent operate the shared window in "
                 "Pavix Settings");
         }
         auto source = selectedSource();
-        if (!source || source->isDisplay()) {
+        if (!source || source->isDisplay() || source->windowIDs.empty()) {
             throw PavixError("local_method_forbidden: share a window, not a display");
         }
-        throw PavixError("Desktop control is not available in this version of Pavix.");
+        auto control = co_await desktopControl(source->windowIDs.front());
+        auto handle = [control, method, args] { return control->handle(method, args); };
+        co_return co_await offloadTo(env_.controlThread->get_executor(), std::move(handle));
     }
     co_return co_await runSessionMethod(method, args);
+}
+
+asio::awaitable<std::shared_ptr<DesktopControl>> Studio::desktopControl(std::uint32_t windowID) {
+    if (!env_.accessibility || !env_.controlThread) {
+        throw PavixError("local_method_forbidden: Accessibility permission is off");
+    }
+    if (!control_ || control_->windowID() != windowID) {
+        releaseControl();
+        auto open = [reader = env_.accessibility, content = env_.content, windowID] {
+            return std::make_shared<DesktopControl>(*reader, *content, windowID);
+        };
+        control_ = co_await offloadTo(env_.controlThread->get_executor(), std::move(open));
+    }
+    co_return control_;
 }
 
 asio::awaitable<nlohmann::json> Studio::runSessionMethod(const std::string& method,

@@ -11,6 +11,7 @@
 #include "core/net/HttpClient.h"
 #include "core/runtime/Log.h"
 #include "core/runtime/Timing.h"
+#include "platform/AccessibilityReader.h"
 #include "platform/Clipboard.h"
 #include "platform/SecretStore.h"
 #include "platform/ShareableContent.h"
@@ -32,6 +33,10 @@ struct StudioEnvironment {
     Trash* trash = nullptr;          // where the library's videos go when they are removed
     Clipboard* clipboard = nullptr;  // for the support summary; none on a headless machine
     CapturePlatform capture;         // streams, encoders and read-back for recordings and stills
+    // Desktop control: the accessibility of other applications, and the one thread that all
+    // its calls are made on. None: control methods are refused.
+    AccessibilityReader* accessibility = nullptr;
+    asio::thread_pool* controlThread = nullptr;
     Log* log = nullptr;
     Timing timing;
     // Milliseconds since 1970 on the wall clock (credential expiry times are in that unit).
