@@ -191,6 +191,15 @@ class Walk {
         auto has = [&](AtspiStateType state) {
             return states && atspi_state_set_contains(states.get(), state);
         };
+        // What shows has a place on screen, and so has what a scroll area holds beyond its
+        // visible part (GTK does not call a row showing once it is scrolled away). Anything
+        // else that does not show (a closed menu's items, a hidden page) has stale or zero
+        // extents: it says nothing and is not walked.
+        const bool showing = has(ATSPI_STATE_SHOWING);
+        const bool scrolledAway = !showing && scrolled && has(ATSPI_STATE_VISIBLE);
+        if (!showing && !scrolledAway && depth > 0) {
+            return element;
+        }
         AtspiRoles::Context context;
         context.editable = has(ATSPI_STATE_EDITABLE);
         context.parentIsMenuBar = parentIsMenuBar;
@@ -228,17 +237,11 @@ class Walk {
                 }
             }
         }
-        // What shows has a place on screen, and so has what a scroll area holds beyond its
-        // visible part (GTK does not call a row showing once it is scrolled away). Anything
-        // else that does not show (a closed menu's items, a hidden page) has stale or zero
-        // extents and is not walked. A combo box's options are already on its line.
-        const bool showing = has(ATSPI_STATE_SHOWING);
-        const bool scrolledAway = !showing && scrolled && has(ATSPI_STATE_VISIBLE);
         if (showing || scrolledAway) {
             facts.frame = extents(accessible);
         }
-        if ((!showing && !scrolledAway && depth > 0) || role == ATSPI_ROLE_COMBO_BOX) {
-            return element;
+        if (role == ATSPI_ROLE_COMBO_BOX) {
+            return element;  // its options are already on its line
         }
         const bool scrolling =
             scrolled || role == ATSPI_ROLE_SCROLL_PANE || role == ATSPI_ROLE_VIEWPORT;

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 #include <regex>
 
 #include "core/control/OutlineBuilder.h"
@@ -165,8 +166,45 @@ TEST_F(GtkOutline, EachKindOfControlHasItsLine) {
     }
     EXPECT_EQ(outline.rfind("  [ref_1] menubaritem \"File\"", 0), 0u) << outline;
     // The hidden page is not read; the labels are the page's text.
-    EXPECT_EQ(outline.find("Nothing here yet"), std::string::npos);
+    EXPECT_EQ(snapshot->text.find("Nothing here yet"), std::string::npos) << snapshot->text;
     EXPECT_NE(snapshot->text.find("Password"), std::string::npos);
+}
+
+// The agent reads the shared window through the development service: Pavix, paired from the
+// command line with control allowed, answers readPage and pageText for the fixture's window.
+TEST_F(GtkOutline, TheAgentReadsTheSharedWindowThroughTheService) {
+    DevServerProcess service;
+    fs::path home = DevServerProcess::scratch("control-home");
+    fs::create_directories(home / "config" / "pavix");
+    std::ofstream(home / "config" / "pavix" / "pavix.conf") << "[General]\nallowControl=true\n";
+    ChildProcess pavix(
+        {PAVIX_BINARY, "--server", service.server(), "--code", service.code(), "--pair"},
+        {{"XDG_CONFIG_HOME", (home / "config").string()},
+         {"XDG_STATE_HOME", (home / "state").string()}});
+    ASSERT_TRUE(pavix.waitForLine("pavix: connected true", seconds(30))) << pavix.output();
+    auto listed =
+        DevServerProcess::envelope(service.agent({"send", "listSources", "--timeout", "20"}));
+    std::string id;
+    for (const auto& source : listed["value"]["sources"]) {
+        if (source["title"].get<std::string>().find("Pavix GTK fixture") != std::string::npos) {
+            id = source["id"];
+        }
+    }
+    ASSERT_FALSE(id.empty()) << listed.dump();
+    service.agent({"send", "selectSource", nlohmann::json::array({{{"sourceId", id}}}).dump()});
+
+    auto page = DevServerProcess::envelope(service.agent({"send", "readPage", "--timeout", "20"}));
+    ASSERT_TRUE(page["value"].is_string()) << page.dump() << pavix.output();
+    const auto outline = page["value"].get<std::string>();
+    EXPECT_EQ(outline.rfind("Window \"Pavix GTK fixture\"\n  [ref_1] menubaritem \"File\"", 0), 0u)
+        << outline;
+    EXPECT_THAT(outline, ::testing::HasSubstr("] textbox \"Password\" secure — visible at"));
+    auto text = DevServerProcess::envelope(service.agent({"send", "pageText", "--timeout", "20"}));
+    EXPECT_THAT(text["value"].get<std::string>(), ::testing::HasSubstr("Password\nName\nRow 1\n"));
+
+    pavix.signal(SIGTERM);
+    EXPECT_EQ(pavix.wait(seconds(20)), 0) << pavix.output();
+    fs::remove_all(home);
 }
 
 }  // namespace
