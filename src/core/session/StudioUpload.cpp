@@ -121,14 +121,17 @@ asio::awaitable<void> Studio::handOver(RecordingLifecycle::Owner owner,
     if (failure) {
         // A cancelled upload (the session ended) still puts its record back.
         co_await CancellationHold().begin();
-        if (!ErrorText::isCancellation(failure)) {
+        const bool cancelled = ErrorText::isCancellation(failure);
+        if (!cancelled) {
             diagnose(owner == RecordingLifecycle::Owner::user ? "manual_stop_failed"
                                                               : "agent_upload_failed",
                      failure);
+        }
+        co_await restageAfterFailedUpload();
+        if (!cancelled) {
             setStatus("Upload did not finish. Local video saved; use Retry upload. " +
                       describe(failure));
         }
-        co_await restageAfterFailedUpload();
     }
     transition([](RecordingLifecycle& l) { return l.uploadEnded(); });
     done->resolve(failure == nullptr);
