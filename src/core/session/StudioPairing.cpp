@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "core/net/Url.h"
-#include "core/runtime/CancellationHold.h"
 #include "core/runtime/Sleep.h"
 #include "core/runtime/Uuid.h"
 #include "core/session/ErrorText.h"
@@ -271,8 +270,7 @@ asio::awaitable<void> Studio::disconnect(std::string message) {
     retryTask_.cancel();
     // The caller may be one of the tasks just cancelled (the poll loop, the watchdog, the
     // limit timer); what follows must still finish the recording and reach the server.
-    CancellationHold hold;
-    co_await hold.begin();
+    co_await asio::this_coro::reset_cancellation_state();
     change([](StudioState& s) { s.connected = false; });
     transition([](RecordingLifecycle& l) { return l.approve(false); });
     co_await closeRecording();
@@ -282,15 +280,14 @@ asio::awaitable<void> Studio::disconnect(std::string message) {
     auto endpoint = std::exchange(endpoint_, std::nullopt);
     if (!token || !endpoint) {
         log("disconnect skipped: no session token");
-    } else {
-        try {
-            co_await sendTo(*endpoint, token, "disconnect");
-            log("disconnect acknowledged by server");
-        } catch (...) {
-            log("disconnect not delivered: " + ErrorText::describe(std::current_exception()));
-        }
+        co_return;
     }
-    co_await hold.release();
+    try {
+        co_await sendTo(*endpoint, token, "disconnect");
+        log("disconnect acknowledged by server");
+    } catch (...) {
+        log("disconnect not delivered: " + ErrorText::describe(std::current_exception()));
+    }
 }
 
 asio::awaitable<void> Studio::forgetDevice() {

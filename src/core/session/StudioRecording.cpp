@@ -3,7 +3,6 @@
 #include <utility>
 
 #include "core/capture/CaptureGuards.h"
-#include "core/runtime/CancellationHold.h"
 #include "core/runtime/Offload.h"
 #include "core/runtime/Sleep.h"
 #include "core/runtime/Uuid.h"
@@ -120,10 +119,8 @@ asio::awaitable<void> Studio::beginRecording(std::string id, CaptureSource sourc
         failure = std::current_exception();
     }
     if (failure) {
-        CancellationHold hold;
-        co_await hold.begin();
+        co_await asio::this_coro::reset_cancellation_state();
         co_await stageOrLog(LocalCapture::Stage::interrupted);
-        co_await hold.release();
         std::rethrow_exception(failure);
     }
     recordingStarted_ = std::chrono::steady_clock::now();

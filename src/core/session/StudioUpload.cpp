@@ -1,9 +1,9 @@
 #include <algorithm>
+#include <asio/cancellation_state.hpp>
 #include <asio/this_coro.hpp>
 #include <cmath>
 
 #include "core/library/CaptureTransfer.h"
-#include "core/runtime/CancellationHold.h"
 #include "core/runtime/Offload.h"
 #include "core/runtime/Uuid.h"
 #include "core/session/ErrorText.h"
@@ -119,8 +119,10 @@ asio::awaitable<void> Studio::handOver(RecordingLifecycle::Owner owner,
         failure = std::current_exception();
     }
     if (failure) {
-        // A cancelled upload (the session ended) still puts its record back.
-        co_await CancellationHold().begin();
+        // A cancelled upload (the session ended) still puts its record back, and no cancel
+        // (the session ending while the disk is slow) may cut that short: the phase would
+        // stay open for good. Every wait below is bounded, and nothing follows in this task.
+        co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
         const bool cancelled = ErrorText::isCancellation(failure);
         if (!cancelled) {
             diagnose(owner == RecordingLifecycle::Owner::user ? "manual_stop_failed"
@@ -211,7 +213,8 @@ asio::awaitable<void> Studio::retry(LocalCapture capture) {
         failure = std::current_exception();
     }
     if (failure) {
-        co_await CancellationHold().begin();
+        // As for the hand-over: the record goes back to saved whatever is cancelled meanwhile.
+        co_await asio::this_coro::reset_cancellation_state(asio::disable_cancellation());
         capture.stage = LocalCapture::Stage::saved;
         try {
             co_await saveRecord(capture);
