@@ -478,6 +478,8 @@ std::string runSequence(int seed) {
         for (const auto& line : sequence.log()) {
             report << "  log: " << line << "\n";
         }
+        // Again at the end, where a report cut to its last lines still shows it.
+        report << "seed " << seed << " broke: " << violations.front() << "\n";
     } catch (...) {
         report << "the sequence threw: " << ErrorText::describe(std::current_exception()) << "\n";
     }

@@ -217,6 +217,33 @@ TEST_F(Regression, AConnectionDroppedWithoutAReplyIsOneFailedRequestNeverSentTwi
     EXPECT_FALSE(h.studio().state().connected);
 }
 
+// The device is forgotten while the user's start still waits for the service's capture id: the
+// start ends with the session and nothing is recorded for a computer that is no longer paired.
+TEST_F(Regression, AUsersStartThatOutlivesItsSessionRecordsNothing) {
+    pairAndLeave();
+    std::promise<void> answer;
+    auto answered = answer.get_future().share();
+    std::atomic<bool> asked{false};
+    const auto id = Uuid::make();
+    h.server.on(path("desktop-recording/begin"),
+                [&, answered](const httplib::Request&, httplib::Response& response) {
+                    asked = true;
+                    answered.wait();
+                    response.set_content(json{{"id", id}}.dump(), "application/json");
+                });
+    bool started = false;
+    asio::co_spawn(h.io, h.studio().recordNow(), [&](std::exception_ptr) { started = true; });
+    ASSERT_TRUE(h.runUntil([&] { return asked.load(); }));
+    h.await(h.studio().forgetDevice());
+    answer.set_value();
+    ASSERT_TRUE(h.runUntil([&] { return started; }));
+    const auto& s = h.studio().state();
+    EXPECT_FALSE(s.recording || s.busy || s.manual || s.paired);
+    EXPECT_EQ(capture.streams->starts, 0);
+    EXPECT_TRUE(s.recent.empty());
+    EXPECT_EQ(s.status, "Disconnected. Local videos remain on this computer.");
+}
+
 // Sleep, a lock or a switch of user ends what is open with its sentence, and leaves an idle
 // computer as it was.
 TEST_F(Regression, TheSystemTakingTheSessionEndsOnlyWhatIsOpen) {

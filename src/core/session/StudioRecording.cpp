@@ -162,6 +162,9 @@ asio::awaitable<void> Studio::recordNow() {
     if (!transition([](RecordingLifecycle& l) { return l.beginStart(Owner::user); })) {
         co_return;
     }
+    // A session that ends while the service is asked (the device forgotten, the computer
+    // asleep) ends this start too: nothing is recorded for it afterwards.
+    const auto generation = connectionGeneration_;
     std::exception_ptr failure;
     nlohmann::json begin;
     std::string id;
@@ -183,6 +186,11 @@ asio::awaitable<void> Studio::recordNow() {
         id = issued->get<std::string>();
     } catch (...) {
         failure = std::current_exception();
+    }
+    if (!failure && connectionGeneration_ != generation) {
+        log("manual start dropped: the session ended while it was asked for");
+        transition([](RecordingLifecycle& l) { return l.startFailed(); });
+        co_return;
     }
     if (failure) {
         startFailed(Owner::user, failure);
