@@ -42,6 +42,7 @@ void FakeCaptureStream::start(const CaptureFilter& filter, const CaptureStreamCo
             throw *script_->startError;
         }
         script_->running = handlers;
+        number_ = script_->runningStream = script_->starts;
         script_->mostLive = std::max(script_->mostLive, ++script_->live);
         deliver = script_->deliverFrames;
     }
@@ -51,15 +52,14 @@ void FakeCaptureStream::start(const CaptureFilter& filter, const CaptureStreamCo
     }
     auto pixels = std::make_shared<const std::vector<std::uint8_t>>(
         std::size_t(config.width) * config.height * 4, 0x80);
-    producer_ = std::thread([this, pixels, config] {
+    producer_ = std::thread([this, pixels, config, handlers] {
         while (!stopping_) {
-            CaptureStreamHandlers handlers;
             {
+                // A stream that failed, or that a later one replaced, delivers nothing more.
                 std::lock_guard lock(script_->mutex);
-                handlers = script_->running;
-            }
-            if (!handlers.frame) {
-                return;  // failed: no frame follows
+                if (script_->runningStream != number_ || !script_->running.frame) {
+                    return;
+                }
             }
             handlers.frame(
                 {config.width, config.height, config.width * 4, pixels, monotonicNs(), true});
@@ -91,7 +91,9 @@ void FakeCaptureStream::stop() {
         std::lock_guard lock(script_->mutex);
         ++script_->stops;
         --script_->live;
-        script_->running = {};
+        if (script_->runningStream == number_) {
+            script_->running = {};
+        }
     }
 }
 

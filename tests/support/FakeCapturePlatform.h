@@ -31,6 +31,7 @@ struct FakeStreamScript {
     int live = 0;                   // streams running now
     int mostLive = 0;               // the most that ever ran at once
     CaptureStreamHandlers running;  // handlers of the stream that runs now
+    int runningStream = 0;          // which stream that is (each start takes the next number)
 
     // Ends the running stream as the window system would: its error handler, then no frame.
     void fail(const CaptureError& error);
@@ -49,6 +50,7 @@ class FakeCaptureStream : public CaptureStream {
     std::shared_ptr<FakeStreamScript> script_;
     std::atomic<bool> stopping_{false};
     bool started_ = false;
+    int number_ = 0;
     std::thread producer_;
 };
 
