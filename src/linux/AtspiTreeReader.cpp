@@ -5,38 +5,13 @@
 #include <cmath>
 #include <memory>
 
+#include "linux/AtspiCalls.h"
 #include "linux/AtspiRoles.h"
 
 namespace pavix {
 namespace {
 
-// An owned GObject reference.
-template <class T>
-struct Unref {
-    void operator()(T* object) const {
-        if (object) {
-            g_object_unref(object);
-        }
-    }
-};
-template <class T>
-using Ref = std::unique_ptr<T, Unref<T>>;
-
-// The text of a call that returns an owned string; empty when the call failed.
-std::string take(gchar* text, GError* error) {
-    if (error) {
-        g_error_free(error);
-    }
-    std::string out = text ? text : "";
-    g_free(text);
-    return out;
-}
-
-std::shared_ptr<const void> handleOf(AtspiAccessible* accessible) {
-    g_object_ref(accessible);
-    return std::shared_ptr<const void>(accessible,
-                                       [](const void* p) { g_object_unref(const_cast<void*>(p)); });
-}
+using namespace AtspiCalls;
 
 std::optional<CaptureRect> extents(AtspiAccessible* accessible) {
     Ref<AtspiComponent> component(atspi_accessible_get_component_iface(accessible));
@@ -60,20 +35,6 @@ std::optional<CaptureRect> extents(AtspiAccessible* accessible) {
     }
     g_free(rect);
     return frame;
-}
-
-std::string textOf(AtspiAccessible* accessible, int limit) {
-    Ref<AtspiText> text(atspi_accessible_get_text_iface(accessible));
-    if (!text) {
-        return {};
-    }
-    GError* error = nullptr;
-    int count = atspi_text_get_character_count(text.get(), &error);
-    if (error) {
-        g_error_free(error);
-        return {};
-    }
-    return take(atspi_text_get_text(text.get(), 0, std::min(count, limit), &error), error);
 }
 
 std::string numberOf(AtspiAccessible* accessible) {
@@ -104,36 +65,6 @@ bool hasAction(AtspiAccessible* accessible) {
         return false;
     }
     return count > 0;
-}
-
-AtspiRole roleOf(AtspiAccessible* accessible) {
-    GError* error = nullptr;
-    auto role = atspi_accessible_get_role(accessible, &error);
-    if (error) {
-        g_error_free(error);
-        return ATSPI_ROLE_INVALID;
-    }
-    return role;
-}
-
-int childCount(AtspiAccessible* accessible) {
-    GError* error = nullptr;
-    int count = atspi_accessible_get_child_count(accessible, &error);
-    if (error) {
-        g_error_free(error);
-        return 0;
-    }
-    return std::max(count, 0);
-}
-
-Ref<AtspiAccessible> childAt(AtspiAccessible* accessible, int index) {
-    GError* error = nullptr;
-    Ref<AtspiAccessible> child(atspi_accessible_get_child_at_index(accessible, index, &error));
-    if (error) {
-        g_error_free(error);
-        return nullptr;
-    }
-    return child;
 }
 
 // The titles of a combo box's options, the items of the menu it opens, and the one chosen.
@@ -305,8 +236,7 @@ double distance(const CaptureRect& a, const CaptureRect& b) {
 void AtspiTreeReader::start() {
     if (!started_) {
         started_ = true;
-        atspi_init();  // once per process; a later call only counts
-        atspi_set_timeout(timeoutMs_, timeoutMs_);
+        AtspiCalls::start(timeoutMs_);
     }
 }
 

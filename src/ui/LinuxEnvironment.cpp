@@ -11,6 +11,7 @@
 #include "linux/LibsecretStore.h"
 #include "linux/X11CaptureStream.h"
 #include "linux/X11Clipboard.h"
+#include "linux/X11DesktopInput.h"
 #include "linux/X11ShareableContent.h"
 #include "linux/X11WindowLayers.h"
 #include "linux/XdgFolders.h"
@@ -80,6 +81,8 @@ LinuxEnvironment::LinuxEnvironment() {
     content_ = shareableContent(log_);
     layers_ = ifDisplay<X11WindowLayers>(log_, "no window list for layers");
     clipboard_ = ifDisplay<X11Clipboard>(log_, "no clipboard");
+    // Opens its connection on first use, on the control thread.
+    desktopInput_ = std::make_unique<X11DesktopInput>();
 }
 
 LinuxEnvironment::~LinuxEnvironment() {
@@ -106,6 +109,8 @@ StudioEnvironment LinuxEnvironment::studio(asio::any_io_executor model) {
     env.capture.layers = layers_.get();
     env.capture.stills = &pngEncoder_;
     env.accessibility = &accessibility_;
+    env.accessibleActions = &accessibleActions_;
+    env.desktopInput = desktopInput_.get();
     env.controlThread = &controlThread_;
     env.log = &log_;
     env.timing = timing_;

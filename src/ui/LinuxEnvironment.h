@@ -7,6 +7,7 @@
 #include "core/net/HttpClient.h"
 #include "core/runtime/StreamLog.h"
 #include "core/session/StudioEnvironment.h"
+#include "linux/AtspiActions.h"
 #include "linux/AtspiTreeReader.h"
 #include "linux/FallbackSecretStore.h"
 #include "linux/FfmpegEncoderProbe.h"
@@ -20,8 +21,8 @@ namespace pavix {
 
 // The platform parts of this computer that the Studio is built from, owned in one place:
 // the worker pool, the network, the keyring, the settings, the window system's listings and
-// clipboard, the disk, the Trash, the video parts and the accessibility of other applications. Parts that need a display are absent
-// (or report why) when there is none.
+// clipboard, the disk, the Trash, the video parts, and the accessibility of and input to other
+// applications. Parts that need a display are absent (or report why) when there is none.
 class LinuxEnvironment {
   public:
     LinuxEnvironment();
@@ -49,7 +50,10 @@ class LinuxEnvironment {
     GioTrash trash_;
     std::unique_ptr<Clipboard> clipboard_;
     AtspiTreeReader accessibility_;
-    // The one thread that talks to the accessibility bus (its library is not thread-safe).
+    AtspiActions accessibleActions_;
+    std::unique_ptr<DesktopInput> desktopInput_;
+    // The one thread that talks to the accessibility bus (its library is not thread-safe) and
+    // makes the synthetic input.
     asio::thread_pool controlThread_{1};
 };
 

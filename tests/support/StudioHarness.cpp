@@ -27,6 +27,8 @@ StudioHarness::StudioHarness(Timing timing, CapturePlatform capture) {
     env.trash = &trash;
     env.clipboard = &clipboard;
     env.accessibility = &accessibility;
+    env.accessibleActions = &actions;
+    env.desktopInput = &input;
     env.controlThread = &controlThread_;
     env.osVersion = "Test OS 1.0";
     env.capture = std::move(capture);

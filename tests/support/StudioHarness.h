@@ -11,6 +11,7 @@
 #include "core/app/Defaults.h"
 #include "core/net/HttpClient.h"
 #include "core/session/Studio.h"
+#include "support/FakeControl.h"
 #include "support/Fakes.h"
 #include "support/ScriptedService.h"
 #include "support/TestServer.h"
@@ -66,6 +67,8 @@ class StudioHarness {
     FakeSecretStore secrets;
     FakeShareableContent content;
     FakeAccessibility accessibility;
+    FakeActions actions;
+    FakeDesktopInput input;
     FakeVolume volume;
     FakeTrash trash;
     FakeClipboard clipboard;

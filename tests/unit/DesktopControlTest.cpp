@@ -5,6 +5,7 @@
 #include "core/control/ControlPolicy.h"
 #include "core/control/DesktopControl.h"
 #include "core/session/PavixError.h"
+#include "support/FakeControl.h"
 #include "support/Fakes.h"
 
 namespace pavix::test {
@@ -56,7 +57,13 @@ class Control : public ::testing::Test {
         ElementFacts text;
         text.kind = ElementFacts::Kind::staticText;
         text.value = "Hello";
-        tree.children = {{save, {}, {}}, {text, {}, {}}};
+        ElementFacts remember;
+        remember.roleWord = "checkbox";
+        remember.title = "Remember me";
+        remember.checked = false;
+        remember.frame = CaptureRect{110, 90, 120, 20};
+        tree.children = {
+            {save, {}, element("Save")}, {text, {}, {}}, {remember, {}, element("Remember me")}};
         accessibility.tree = tree;
     }
 
@@ -71,15 +78,20 @@ class Control : public ::testing::Test {
         return "";
     }
 
+    ControlParts parts() { return {accessibility, actions, input, content}; }
+
     FakeAccessibility accessibility;
+    FakeActions actions;
+    FakeDesktopInput input;
     FakeShareableContent content;
 };
 
 TEST_F(Control, ReadsTheSharedWindowAndKeepsItsLastOutline) {
-    DesktopControl control(accessibility, content, 4242);
+    DesktopControl control(parts(), 4242);
     EXPECT_EQ(control.handle("readPage", json::array()),
               "Window \"notes.txt\"\n"
               "  [ref_1] button \"Save\" — visible at (30,20) window points\n"
+              "  [ref_2] checkbox \"Remember me\" unchecked — visible at (70,50) window points\n"
               "Scroll areas (layout only; offscreen content is not visual proof): "
               "{\"regions\":[]}");
     EXPECT_EQ(accessibility.lastWindow.pid, 77);
@@ -99,17 +111,92 @@ TEST_F(Control, ReadsTheSharedWindowAndKeepsItsLastOutline) {
 
 TEST_F(Control, RefusesWithoutAccessibilityAndForAppsItNeverOperates) {
     accessibility.on = false;
-    EXPECT_EQ(failure([&] { DesktopControl(accessibility, content, 4242); }),
+    EXPECT_EQ(failure([&] { DesktopControl(parts(), 4242); }),
               "local_method_forbidden: Accessibility permission is off");
     accessibility.on = true;
     auto terminal = content.current();
     terminal.windows[0].appId = "org.gnome.Terminal";
     content.set(terminal);
-    EXPECT_EQ(failure([&] { DesktopControl(accessibility, content, 4242); }),
+    EXPECT_EQ(failure([&] { DesktopControl(parts(), 4242); }),
               "local_method_forbidden: Pavix does not operate this app");
-    EXPECT_EQ(failure([&] { DesktopControl(accessibility, content, 1); }),
+    EXPECT_EQ(failure([&] { DesktopControl(parts(), 1); }),
               "The shared window cannot be read. Bring it back on screen.");
     EXPECT_EQ(accessibility.reads, 0);
+}
+
+// The methods that operate the window read their positional arguments, name what they
+// refuse, and act only on references of the last read.
+TEST_F(Control, OperatesElementsOfTheLastReadByReferenceOrPoint) {
+    input.windows = {{{100, 50, 640, 480}, 77}};
+    input.front = 77;
+    actions.pressable = {"Save", "Remember me"};
+    DesktopControl control(parts(), 4242, {}, InputPacing::none());
+    auto run = [&](const std::string& method, json args) {
+        try {
+            return control.handle(method, args).dump();
+        } catch (const PavixError& e) {
+            return std::string(e.what());
+        }
+    };
+    EXPECT_EQ(run("pointer", json::array({"left_click", {{"ref", "ref_1"}}})),
+              "stale element reference");  // nothing read yet
+    run("readPage", json::array());
+    struct Case {
+        std::string method;
+        json args;
+        std::string reply;
+    };
+    for (const auto& c : std::vector<Case>{
+             {"pointer", json::array({"left_click", {{"ref", "ref_1"}}}),
+              R"({"action":"left_click","element":"button \"Save\""})"},
+             {"pointer", json::array({"left_click", "ref_1"}),
+              R"({"action":"left_click","element":"button \"Save\""})"},
+             {"pointer", json::array(), "local_method_forbidden: missing ref"},
+             {"pointer", json::array({"left_click", {{"note", 1}}}),
+              "local_method_forbidden: missing ref"},
+             {"pointer", json::array({"left_click", {{"ref", "ref_9"}}}),
+              "stale element reference"},
+             {"pointer", json::array({"left_click", {{"ref", 1}}}), "stale element reference"},
+             {"pointer", json::array({"left_click", {{"x", "ten"}, {"y", 5}}}),
+              "local_method_forbidden: invalid pointer target"},
+             {"pointer", json::array({"left_click", {{"x", 700}, {"y", 5}}}),
+              "local_method_forbidden: invalid pointer target"},
+             {"pointer", json::array({"double_click", {{"coordinate", {10, 20}}}}),
+              R"({"action":"double_click","at":[10.0,20.0]})"},
+             {"pointer", json::array({"drag", {{"ref", "ref_1"}}}),
+              "local_method_forbidden: unsupported: pointer action drag"},
+             {"formInput", json::array({"ref_2", "Yes"}),
+              R"({"checked":true,"element":"checkbox \"Remember me\""})"},
+             {"formInput", json::array({"ref_2", true}),
+              R"({"checked":true,"element":"checkbox \"Remember me\""})"},
+             {"formInput", json::array({"ref_2", "off"}),
+              R"({"checked":false,"element":"checkbox \"Remember me\""})"},
+             {"formInput", json::array(), "local_method_forbidden: missing ref"},
+             {"typeText", json::array({"hi"}), "No text field is focused"},
+             {"pressKey", json::array({"ctrl+s"}), R"({"keys":"ctrl+s"})"},
+             {"pressKey", json::array({"hyper+s"}),
+              "local_method_forbidden: unsupported: modifier hyper"},
+             {"scrollBy", json::array(), R"({"amount":3,"direction":"down"})"},
+             {"scrollBy", json::array({"up", 2, "ref_1"}), R"({"amount":2,"direction":"up"})"},
+             {"scrollBy", json::array({"sideways"}),
+              "local_method_forbidden: unsupported: scroll direction sideways"},
+             {"redactSensitiveText", json::array({"remember"}),
+              R"({"matches":1,"rects":[{"rect":[10.0,40.0,120.0,20.0],"ref":"ref_2"}]})"},
+         }) {
+        EXPECT_EQ(run(c.method, c.args), c.reply) << c.method << " " << c.args.dump();
+    }
+    EXPECT_EQ(input.events,
+              (std::vector<std::string>{"click 110,70 twice", "key ctrl+s", "scroll down 3 420,290",
+                                        "scroll up 2 130,70"}));
+    // The trail of what was done goes with the replies, once.
+    auto trail = control.takeTrail();
+    ASSERT_FALSE(trail.empty());
+    EXPECT_EQ(trail.back()["kind"], "scroll");
+    EXPECT_TRUE(control.takeTrail().empty());
+    // A new read starts the references again: the old ones still name the same places.
+    run("readPage", json::array());
+    EXPECT_EQ(run("pointer", json::array({"left_click", {{"ref", "ref_1"}}})),
+              R"({"action":"left_click","element":"button \"Save\""})");
 }
 
 }  // namespace

@@ -2,9 +2,13 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <chrono>
+#include <map>
 
 #include "core/control/ControlPolicy.h"
+#include "core/control/InputError.h"
+#include "core/control/OutlineText.h"
 #include "core/session/PavixError.h"
 
 namespace pavix {
@@ -23,20 +27,22 @@ bool DesktopControl::serves(const std::string& method) {
                        [&](const char* name) { return method == name; });
 }
 
-DesktopControl::DesktopControl(AccessibilityReader& reader, ShareableContent& content,
-                               std::uint32_t windowID, OutlineOptions options)
-    : reader_(reader), content_(content), windowID_(windowID), options_(std::move(options)) {
-    if (!reader_.reachable()) {
+DesktopControl::DesktopControl(ControlParts parts, std::uint32_t windowID, OutlineOptions options,
+                               InputPacing pacing)
+    : parts_(parts), windowID_(windowID), options_(std::move(options)) {
+    if (!parts_.reader.reachable()) {
         throw PavixError("local_method_forbidden: Accessibility permission is off");
     }
     auto window = locate();
     if (ControlPolicy::denied(window.appId, window.appName)) {
         throw PavixError("local_method_forbidden: Pavix does not operate this app");
     }
+    pid_ = window.pid;
+    driver_ = std::make_unique<InputDriver>(pid_, windowID_, parts_.actions, parts_.input, pacing);
 }
 
 ShareableWindow DesktopControl::locate() const {
-    for (auto& window : content_.current().windows) {
+    for (auto& window : parts_.content.current().windows) {
         if (window.id == windowID_ && window.onScreen) {
             return window;
         }
@@ -49,7 +55,7 @@ const OutlineSnapshot& DesktopControl::read() {
     auto window = locate();
     ControlledWindow target{
         window.pid, {window.x, window.y, window.width, window.height}, window.title};
-    auto tree = reader_.read(target, options_);
+    auto tree = parts_.reader.read(target, options_);
     if (!tree) {
         throw PavixError(kUnreadable);
     }
@@ -62,14 +68,259 @@ const OutlineSnapshot& DesktopControl::read() {
     return *snapshot_;
 }
 
-nlohmann::json DesktopControl::handle(const std::string& method, const nlohmann::json&) {
+// A reference of the last outline; one from an older read, or from none, is stale.
+const OutlineTarget& DesktopControl::target(const nlohmann::json& ref) const {
+    if (ref.is_null()) {
+        throw PavixError("local_method_forbidden: missing ref");
+    }
+    if (!ref.is_string() || !snapshot_) {
+        throw PavixError("stale element reference");
+    }
+    auto found = snapshot_->targets.find(ref.get<std::string>());
+    if (found == snapshot_->targets.end()) {
+        throw PavixError("stale element reference");
+    }
+    return found->second;
+}
+
+// A point the agent gives in window points, as {"x", "y"} or {"coordinate": [x, y]}, on the
+// screen.
+ScreenPoint DesktopControl::windowPoint(const nlohmann::json& options,
+                                        const CaptureRect& window) const {
+    nlohmann::json x, y;
+    if (auto c = options.find("coordinate");
+        c != options.end() && c->is_array() && c->size() == 2) {
+        x = (*c)[0], y = (*c)[1];
+    } else {
+        x = options.value("x", nlohmann::json()), y = options.value("y", nlohmann::json());
+    }
+    if (!x.is_number() || !y.is_number()) {
+        throw PavixError("local_method_forbidden: invalid pointer target");
+    }
+    ScreenPoint point{window.x + x.get<double>(), window.y + y.get<double>()};
+    if (!window.contains(point.x, point.y)) {
+        throw PavixError("local_method_forbidden: invalid pointer target");
+    }
+    return point;
+}
+
+namespace {
+
+std::string lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return text;
+}
+
+// Position `i` of the agent's argument list, or null.
+nlohmann::json at(const nlohmann::json& args, std::size_t i) {
+    return args.is_array() && i < args.size() ? args[i] : nlohmann::json();
+}
+
+std::string textOf(const nlohmann::json& value) {
+    if (value.is_string()) {
+        return value.get<std::string>();
+    }
+    if (value.is_null()) {
+        return "";
+    }
+    return value.dump();
+}
+
+bool checkedWord(const nlohmann::json& value) {
+    if (value.is_boolean()) {
+        return value.get<bool>();
+    }
+    auto word = textOf(value);
+    std::transform(word.begin(), word.end(), word.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return word == "true" || word == "on" || word == "yes" || word == "1" || word == "checked";
+}
+
+CaptureRect frameOf(const ShareableWindow& window) {
+    return {window.x, window.y, window.width, window.height};
+}
+
+}  // namespace
+
+nlohmann::json DesktopControl::pointer(const nlohmann::json& args) {
+    auto action = at(args, 0).is_string() ? at(args, 0).get<std::string>() : "left_click";
+    auto options = at(args, 1);
+    if (options.is_string()) {
+        options = {{"ref", options}};
+    }
+    const int count = action == "double_click" ? 2 : 1;
+    const bool hover = action == "move" || action == "hover" || action == "mouse_move";
+    if (!hover && action != "left_click" && action != "click" && count != 2) {
+        throw InputError::unsupported("pointer action " + action);
+    }
+    if (!options.is_object() ||
+        (!options.contains("ref") && !options.contains("x") && !options.contains("coordinate"))) {
+        throw PavixError("local_method_forbidden: missing ref");
+    }
+    const auto window = frameOf(locate());
+    nlohmann::json reply = {{"action", action}};
+    if (options.contains("ref")) {
+        const auto& element = target(options["ref"]);
+        reply["element"] = element.label;
+        if (hover) {
+            driver_->hover({element.frame.x + element.frame.width / 2,
+                            element.frame.y + element.frame.height / 2},
+                           window);
+        } else {
+            driver_->click(element, window, count);
+        }
+    } else {
+        auto point = windowPoint(options, window);
+        reply["at"] = {point.x - window.x, point.y - window.y};
+        if (hover) {
+            driver_->hover(point, window);
+        } else {
+            driver_->clickAt(point, window, count);
+        }
+    }
+    return reply;
+}
+
+nlohmann::json DesktopControl::formInput(const nlohmann::json& args) {
+    const auto& element = target(at(args, 0));
+    const auto value = at(args, 1);
+    const auto window = frameOf(locate());
+    const auto& role = element.role;
+    if (role == "checkbox" || role == "switch" || role == "radio" || role == "menuitemradio" ||
+        role == "menuitemcheckbox") {
+        driver_->setChecked(element, checkedWord(value), window);
+        return {{"element", element.label}, {"checked", checkedWord(value)}};
+    }
+    if (role == "combobox" && !element.secure && element.popup) {
+        driver_->choose(element, textOf(value), window);
+    } else {
+        driver_->fill(element, textOf(value), window);
+    }
+    return {{"element", element.label}, {"value", textOf(value)}};
+}
+
+nlohmann::json DesktopControl::typeText(const nlohmann::json& args) {
+    auto focused = driver_->focusedTextField();
+    if (!focused) {
+        throw PavixError("No text field is focused");
+    }
+    if (focused->secure) {
+        throw InputError::secureField();
+    }
+    const auto text = textOf(at(args, 0));
+    driver_->typeKeys(text);
+    return {{"typed", text.size()}};
+}
+
+nlohmann::json DesktopControl::scrollBy(const nlohmann::json& args) {
+    static const std::map<std::string, ScrollDirection> directions = {
+        {"up", ScrollDirection::up},
+        {"down", ScrollDirection::down},
+        {"left", ScrollDirection::left},
+        {"right", ScrollDirection::right}};
+    const auto word = at(args, 0).is_string() ? at(args, 0).get<std::string>() : "down";
+    auto direction = directions.find(word);
+    if (direction == directions.end()) {
+        throw InputError::unsupported("scroll direction " + word);
+    }
+    const int amount = at(args, 1).is_number() ? at(args, 1).get<int>() : 3;
+    const auto window = frameOf(locate());
+    auto place = at(args, 2);
+    if (place.is_string()) {
+        place = {{"ref", place}};
+    }
+    ScreenPoint point{window.x + window.width / 2, window.y + window.height / 2};
+    if (place.is_object() && place.contains("ref")) {
+        const auto& element = target(place["ref"]);
+        point = {element.frame.x + element.frame.width / 2,
+                 element.frame.y + element.frame.height / 2};
+    } else if (place.is_object()) {
+        point = windowPoint(place, window);
+    }
+    driver_->scroll(point, direction->second, amount, window);
+    return {{"direction", word}, {"amount", std::clamp(amount, 1, 50)}};
+}
+
+// Where the given texts show in the last outline, in window points, so that the agent can
+// hide them in what it renders. It changes nothing in the window.
+nlohmann::json DesktopControl::redact(const nlohmann::json& args) const {
+    std::vector<std::string> wanted;
+    auto first = at(args, 0);
+    for (const auto& item : first.is_array() ? first : nlohmann::json::array({first})) {
+        if (item.is_string() && !item.get<std::string>().empty()) {
+            wanted.push_back(lower(item.get<std::string>()));
+        }
+    }
+    if (wanted.empty()) {
+        throw InputError::unsupported("no text to redact");
+    }
+    if (!snapshot_) {
+        throw PavixError("stale element reference");
+    }
+    nlohmann::json rects = nlohmann::json::array();
+    for (const auto& [ref, element] : snapshot_->targets) {
+        const auto label = lower(element.label);
+        for (const auto& text : wanted) {
+            if (label.find(text) != std::string::npos) {
+                const auto& f = element.frame;
+                rects.push_back(
+                    {{"ref", ref},
+                     {"rect",
+                      {f.x - snapshot_->window.x, f.y - snapshot_->window.y, f.width, f.height}}});
+                break;
+            }
+        }
+    }
+    return {{"matches", rects.size()}, {"rects", rects}};
+}
+
+void DesktopControl::publishTrail() {
+    const auto& samples = driver_->telemetry();
+    std::lock_guard lock(trailMutex_);
+    for (; trailSent_ < samples.size(); ++trailSent_) {
+        const auto& s = samples[trailSent_];
+        trail_.push_back({{"x", s.x}, {"y", s.y}, {"atMs", s.atMs}, {"kind", s.kind}});
+    }
+}
+
+nlohmann::json DesktopControl::takeTrail() {
+    std::lock_guard lock(trailMutex_);
+    return std::exchange(trail_, nlohmann::json::array());
+}
+
+nlohmann::json DesktopControl::handle(const std::string& method, const nlohmann::json& args) {
+    struct Publish {
+        DesktopControl* self;
+        ~Publish() { self->publishTrail(); }
+    } publish{this};
     if (method == "readPage") {
         return read().outline;
     }
     if (method == "pageText") {
         return (snapshot_ ? *snapshot_ : read()).text;
     }
-    throw PavixError("Pavix cannot " + method + " in the shared window yet.");
+    if (method == "pointer") {
+        return pointer(args);
+    }
+    if (method == "formInput") {
+        return formInput(args);
+    }
+    if (method == "typeText") {
+        return typeText(args);
+    }
+    if (method == "pressKey") {
+        const auto keys = at(args, 0);
+        driver_->press(keys.is_string() ? keys.get<std::string>() : "");
+        return {{"keys", keys}};
+    }
+    if (method == "scrollBy") {
+        return scrollBy(args);
+    }
+    if (method == "redactSensitiveText") {
+        return redact(args);
+    }
+    throw InputError::unsupported(method);
 }
 
 }  // namespace pavix

@@ -5,16 +5,31 @@
 #include <optional>
 #include <string>
 
+#include <memory>
+#include <mutex>
+
+#include "core/control/InputDriver.h"
 #include "core/control/OutlineBuilder.h"
 #include "core/control/OutlineSnapshot.h"
 #include "platform/AccessibilityReader.h"
+#include "platform/AccessibleActions.h"
+#include "platform/DesktopInput.h"
 #include "platform/ShareableContent.h"
 
 namespace pavix {
 
+// The platform parts a control session works with; they outlive it.
+struct ControlParts {
+    AccessibilityReader& reader;
+    AccessibleActions& actions;
+    DesktopInput& input;
+    ShareableContent& content;
+};
+
 // The agent's control session over the one window the user shared: it refuses the
 // applications that are never operated, reads the window's outline and keeps the last one, so
-// that the agent's references name elements of what it last read.
+// that the agent's references name elements of what it last read, and operates them through
+// its input driver.
 //
 // Every call blocks on the accessibility bus and the window system: the session lives on the
 // control thread, which runs its methods one at a time.
@@ -27,8 +42,8 @@ class DesktopControl {
     // "local_method_forbidden: …" sentence when accessibility is off or the window's
     // application is one that is never operated, and with a plain sentence when the window is
     // gone.
-    DesktopControl(AccessibilityReader& reader, ShareableContent& content, std::uint32_t windowID,
-                   OutlineOptions options = {});
+    DesktopControl(ControlParts parts, std::uint32_t windowID, OutlineOptions options = {},
+                   InputPacing pacing = {});
 
     std::uint32_t windowID() const { return windowID_; }
 
@@ -39,15 +54,31 @@ class DesktopControl {
     // The last outline read, if any.
     const std::optional<OutlineSnapshot>& snapshot() const { return snapshot_; }
 
+    // The pointer samples made since the last call, for the reply's `pointerTrail`: each
+    // {"x", "y", "atMs", "kind"} in screen points. Any thread.
+    nlohmann::json takeTrail();
+
   private:
     ShareableWindow locate() const;
     const OutlineSnapshot& read();
+    const OutlineTarget& target(const nlohmann::json& ref) const;
+    nlohmann::json pointer(const nlohmann::json& args);
+    nlohmann::json formInput(const nlohmann::json& args);
+    nlohmann::json typeText(const nlohmann::json& args);
+    nlohmann::json scrollBy(const nlohmann::json& args);
+    nlohmann::json redact(const nlohmann::json& args) const;
+    ScreenPoint windowPoint(const nlohmann::json& options, const CaptureRect& window) const;
+    void publishTrail();
 
-    AccessibilityReader& reader_;
-    ShareableContent& content_;
+    ControlParts parts_;
     std::uint32_t windowID_;
     OutlineOptions options_;
+    pid_t pid_ = 0;
+    std::unique_ptr<InputDriver> driver_;
     std::optional<OutlineSnapshot> snapshot_;
+    std::size_t trailSent_ = 0;
+    std::mutex trailMutex_;
+    nlohmann::json trail_ = nlohmann::json::array();
 };
 
 }  // namespace pavix

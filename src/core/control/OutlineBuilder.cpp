@@ -55,8 +55,10 @@ class Walk {
         if (facts.kind == Kind::decoration) {
             return;
         }
-        if (facts.kind == Kind::webArea) {
+        const bool web = facts.kind == Kind::webArea;
+        if (web) {
             snapshot.web = true;
+            ++webAreas_;
         }
         if (facts.kind == Kind::staticText && !facts.secure) {
             addText(facts.value.empty() ? facts.title : facts.value);
@@ -77,13 +79,15 @@ class Walk {
         if (facts.roleWord && facts.frame) {
             const auto ref = "ref_" + std::to_string(snapshot.targets.size() + 1);
             lines.push_back(OutlineText::line(ref, facts, name, holder,
-                                               OutlineText::location(*facts.frame, window_, clip)));
+                                              OutlineText::location(*facts.frame, window_, clip)));
             snapshot.targets[ref] = {element.handle,
                                      *facts.frame,
                                      *facts.roleWord,
                                      facts.secure,
                                      OutlineText::label(*facts.roleWord, name),
-                                     false};
+                                     false,
+                                     webAreas_ > 0,
+                                     facts.popup};
         }
 
         auto childClip = clip;
@@ -96,6 +100,9 @@ class Walk {
         const auto& childHolder = facts.kind == Kind::layoutGroup && !name.empty() ? name : holder;
         for (const auto& child : element.children) {
             visit(child, depth + 1, childClip, childHolder, childArea);
+        }
+        if (web) {
+            --webAreas_;
         }
     }
 
@@ -173,6 +180,7 @@ class Walk {
     CaptureRect window_;
     const OutlineOptions& options_;
     std::vector<ScrollArea> areas_;
+    int webAreas_ = 0;  // web areas the walk is inside of
     std::vector<std::string> texts_;
     std::size_t textLength_ = 0;
 };

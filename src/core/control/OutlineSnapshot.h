@@ -17,6 +17,8 @@ struct OutlineTarget {
     bool secure = false;
     std::string label;    // the role word and the quoted name, cut to 80 characters
     bool visual = false;  // found in the window's picture rather than its accessible tree
+    bool web = false;     // inside a web page
+    bool popup = false;   // a combo box that opens a list of options
 };
 
 // The result of one read of the shared window.

@@ -313,6 +313,8 @@ class Studio {
     asio::strand<asio::thread_pool::executor_type> journalStrand_;
     // Used only on the control thread; held here so that it lives across the agent's calls.
     std::shared_ptr<DesktopControl> control_;
+    // The pointer samples of the last control method, sent with its reply.
+    nlohmann::json pointerTrail_ = nlohmann::json::array();
 
     Task loop_;
     Task reconnectTask_;

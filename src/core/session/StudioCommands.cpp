@@ -22,6 +22,7 @@ nlohmann::json describeSource(const CaptureSource& source) {
 }  // namespace
 
 asio::awaitable<nlohmann::json> Studio::run(std::string method, nlohmann::json args) {
+    pointerTrail_ = nlohmann::json::array();
     if (DesktopControl::serves(method)) {
         if (!state_.allowControl) {
             throw PavixError(
@@ -34,20 +35,33 @@ asio::awaitable<nlohmann::json> Studio::run(std::string method, nlohmann::json a
         }
         auto control = co_await desktopControl(source->windowIDs.front());
         auto handle = [control, method, args] { return control->handle(method, args); };
-        co_return co_await offloadTo(env_.controlThread->get_executor(), std::move(handle));
+        std::exception_ptr failure;
+        nlohmann::json value;
+        try {
+            value = co_await offloadTo(env_.controlThread->get_executor(), std::move(handle));
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        // What the pointer did goes with the reply, whether the method succeeded or not.
+        pointerTrail_ = control->takeTrail();
+        if (failure) {
+            std::rethrow_exception(failure);
+        }
+        co_return value;
     }
     co_return co_await runSessionMethod(method, args);
 }
 
 asio::awaitable<std::shared_ptr<DesktopControl>> Studio::desktopControl(std::uint32_t windowID) {
-    if (!env_.accessibility || !env_.controlThread) {
+    if (!env_.accessibility || !env_.accessibleActions || !env_.desktopInput ||
+        !env_.controlThread) {
         throw PavixError("local_method_forbidden: Accessibility permission is off");
     }
     if (!control_ || control_->windowID() != windowID) {
         releaseControl();
-        auto open = [reader = env_.accessibility, content = env_.content, windowID] {
-            return std::make_shared<DesktopControl>(*reader, *content, windowID);
-        };
+        ControlParts parts{*env_.accessibility, *env_.accessibleActions, *env_.desktopInput,
+                           *env_.content};
+        auto open = [parts, windowID] { return std::make_shared<DesktopControl>(parts, windowID); };
         control_ = co_await offloadTo(env_.controlThread->get_executor(), std::move(open));
     }
     co_return control_;
@@ -127,7 +141,7 @@ nlohmann::json Studio::meta() const {
     }
     nlohmann::json meta = {{"captureViewport", viewport},
                            {"recordingMode", "screencast"},
-                           {"pointerTrail", nlohmann::json::array()},
+                           {"pointerTrail", pointerTrail_},
                            {"identitySightings", nlohmann::json::array()}};
     if (windowReport_) {
         meta["desktopWindow"] = *windowReport_;

@@ -12,6 +12,8 @@
 #include "core/runtime/Log.h"
 #include "core/runtime/Timing.h"
 #include "platform/AccessibilityReader.h"
+#include "platform/AccessibleActions.h"
+#include "platform/DesktopInput.h"
 #include "platform/Clipboard.h"
 #include "platform/SecretStore.h"
 #include "platform/ShareableContent.h"
@@ -33,9 +35,11 @@ struct StudioEnvironment {
     Trash* trash = nullptr;          // where the library's videos go when they are removed
     Clipboard* clipboard = nullptr;  // for the support summary; none on a headless machine
     CapturePlatform capture;         // streams, encoders and read-back for recordings and stills
-    // Desktop control: the accessibility of other applications, and the one thread that all
-    // its calls are made on. None: control methods are refused.
+    // Desktop control: the accessibility of other applications, synthetic input, and the one
+    // thread that all their calls are made on. None: control methods are refused.
     AccessibilityReader* accessibility = nullptr;
+    AccessibleActions* accessibleActions = nullptr;
+    DesktopInput* desktopInput = nullptr;
     asio::thread_pool* controlThread = nullptr;
     Log* log = nullptr;
     Timing timing;

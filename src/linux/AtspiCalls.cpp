@@ -1,0 +1,90 @@
+#include "linux/AtspiCalls.h"
+
+#include <algorithm>
+
+namespace pavix::AtspiCalls {
+
+void start(int timeoutMs) {
+    atspi_init();  // once per process; a later call only counts
+    atspi_set_timeout(timeoutMs, timeoutMs);
+}
+
+bool succeeded(GError* error) {
+    if (error) {
+        g_error_free(error);
+        return false;
+    }
+    return true;
+}
+
+// The text of a call that returns an owned string; empty when the call failed.
+std::string take(gchar* text, GError* error) {
+    if (error) {
+        g_error_free(error);
+    }
+    std::string out = text ? text : "";
+    g_free(text);
+    return out;
+}
+
+std::string textOf(AtspiAccessible* accessible, int limit) {
+    Ref<AtspiText> text(atspi_accessible_get_text_iface(accessible));
+    if (!text) {
+        return {};
+    }
+    GError* error = nullptr;
+    int count = atspi_text_get_character_count(text.get(), &error);
+    if (error) {
+        g_error_free(error);
+        return {};
+    }
+    return take(atspi_text_get_text(text.get(), 0, std::min(count, limit), &error), error);
+}
+
+AtspiRole roleOf(AtspiAccessible* accessible) {
+    GError* error = nullptr;
+    auto role = atspi_accessible_get_role(accessible, &error);
+    if (error) {
+        g_error_free(error);
+        return ATSPI_ROLE_INVALID;
+    }
+    return role;
+}
+
+int childCount(AtspiAccessible* accessible) {
+    GError* error = nullptr;
+    int count = atspi_accessible_get_child_count(accessible, &error);
+    if (error) {
+        g_error_free(error);
+        return 0;
+    }
+    return std::max(count, 0);
+}
+
+Ref<AtspiAccessible> childAt(AtspiAccessible* accessible, int index) {
+    GError* error = nullptr;
+    Ref<AtspiAccessible> child(atspi_accessible_get_child_at_index(accessible, index, &error));
+    if (error) {
+        g_error_free(error);
+        return nullptr;
+    }
+    return child;
+}
+
+std::string nameOf(AtspiAccessible* accessible) {
+    GError* error = nullptr;
+    return take(atspi_accessible_get_name(accessible, &error), error);
+}
+
+std::shared_ptr<const void> handleOf(AtspiAccessible* accessible) {
+    g_object_ref(accessible);
+    return std::shared_ptr<const void>(accessible,
+                                       [](const void* p) { g_object_unref(const_cast<void*>(p)); });
+}
+
+bool hasState(AtspiAccessible* accessible, AtspiStateType state) {
+    Ref<AtspiStateSet> states(atspi_accessible_get_state_set(accessible));
+    return states && atspi_state_set_contains(states.get(), state);
+}
+
+}  // namespace pavix::AtspiCalls
