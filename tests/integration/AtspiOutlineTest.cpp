@@ -202,6 +202,24 @@ TEST_F(GtkOutline, TheAgentReadsTheSharedWindowThroughTheService) {
     auto text = DevServerProcess::envelope(service.agent({"send", "pageText", "--timeout", "20"}));
     EXPECT_THAT(text["value"].get<std::string>(), ::testing::HasSubstr("Password\nName\nRow 1\n"));
 
+    // The agent clicks by reference; the reply carries the pointer's trail for the video.
+    std::smatch save;
+    ASSERT_TRUE(std::regex_search(outline, save, std::regex(R"(\[(ref_[0-9]+)\] button "Save")")));
+    auto click = DevServerProcess::envelope(service.agent(
+        {"send", "pointer", nlohmann::json::array({"left_click", {{"ref", save[1].str()}}}).dump(),
+         "--timeout", "20"}));
+    EXPECT_EQ(click["value"]["element"], "button \"Save\"") << click.dump();
+    ASSERT_FALSE(click["meta"]["pointerTrail"].empty()) << click.dump();
+    EXPECT_EQ(click["meta"]["pointerTrail"].back()["kind"], "click");
+    EXPECT_TRUE(fixture.waitForLine("clicked Save", seconds(10))) << fixture.output();
+    auto stale = DevServerProcess::envelope(service.agent(
+        {"send", "formInput", nlohmann::json::array({"ref_999", "x"}).dump(), "--timeout", "20"}));
+    // The service hears the agent's code; the log says why.
+    EXPECT_EQ(stale["error"], "local_browser_action_failed") << stale.dump();
+    EXPECT_TRUE(
+        pavix.waitForLine("pavix command formInput failed: stale element reference", seconds(5)))
+        << pavix.output();
+
     pavix.signal(SIGTERM);
     EXPECT_EQ(pavix.wait(seconds(20)), 0) << pavix.output();
     fs::remove_all(home);

@@ -1,0 +1,186 @@
+// The agent operating a real GTK application over the accessibility bus and XTest: every kind
+// of control changes as asked and the application says so, typing and keys reach the focused
+// field, a point under another window gets no event, and the user's pointer comes back.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "core/control/DesktopControl.h"
+#include "core/session/PavixError.h"
+#include "linux/AtspiActions.h"
+#include "linux/AtspiTreeReader.h"
+#include "linux/X11DesktopInput.h"
+#include "linux/X11ShareableContent.h"
+#include "support/ChildProcess.h"
+#include "support/X11TestWindow.h"
+
+namespace pavix::test {
+namespace {
+
+using nlohmann::json;
+using std::chrono::seconds;
+
+class GtkControl : public ::testing::Test {
+  protected:
+    GtkControl() {
+        if (!fixture.waitForLine("window 0x", seconds(20))) {
+            throw std::runtime_error("no fixture window: " + fixture.output());
+        }
+        auto line = *fixture.waitForLine("window 0x", seconds(1));
+        windowID = std::stoul(line.substr(line.find("0x")), nullptr, 16);
+        // The window is there once the accessibility bus shows its controls.
+        EXPECT_TRUE(eventually(
+            [&] {
+                try {
+                    control.emplace(ControlParts{reader, actions, input, content}, windowID,
+                                    OutlineOptions{}, InputPacing::none());
+                    return read().find("button \"Save\"") != std::string::npos;
+                } catch (const PavixError&) {
+                    return false;
+                }
+            },
+            seconds(20)));
+    }
+    ~GtkControl() override {
+        control.reset();
+        fixture.signal(SIGTERM);
+        fixture.wait(seconds(10));
+    }
+
+    std::string read() { return control->handle("readPage", json::array()).get<std::string>(); }
+    // The reference of the line that names `words` in a fresh read.
+    std::string ref(const std::string& words) {
+        const auto outline = read();
+        auto at = outline.find("] " + words);
+        if (at == std::string::npos) {
+            throw std::runtime_error("no " + words + " in\n" + outline);
+        }
+        auto open = outline.rfind('[', at);
+        return outline.substr(open + 1, at - open - 1);
+    }
+    // The reply, or the sentence of the refusal.
+    std::string run(const std::string& method, json args) {
+        try {
+            return control->handle(method, args).dump();
+        } catch (const PavixError& e) {
+            return e.what();
+        }
+    }
+    bool says(const std::string& line) { return fixture.waitForLine(line, seconds(5)).has_value(); }
+
+    ChildProcess fixture{{PAVIX_GTK_FIXTURE_BINARY}, {{"NO_AT_BRIDGE", "0"}}};
+    std::uint32_t windowID = 0;
+    AtspiTreeReader reader;
+    AtspiActions actions;
+    X11DesktopInput input;
+    X11ShareableContent content;
+    std::optional<DesktopControl> control;
+};
+
+TEST_F(GtkControl, EachKindOfControlChangesAsAskedAndPasswordsAreLeftAlone) {
+    EXPECT_THAT(run("pointer", json::array({"left_click", {{"ref", ref("button \"Save\"")}}})),
+                ::testing::HasSubstr("button \\\"Save\\\""));
+    EXPECT_TRUE(says("clicked Save")) << fixture.output();
+
+    run("formInput", json::array({ref("checkbox \"Remember me\""), "yes"}));
+    EXPECT_TRUE(says("toggled Remember me on")) << fixture.output();
+    run("formInput", json::array({ref("switch \"Wi-Fi\""), true}));
+    EXPECT_TRUE(says("toggled Wi-Fi on")) << fixture.output();
+    run("formInput", json::array({ref("radio \"Large\""), "checked"}));
+    EXPECT_TRUE(says("toggled Large on")) << fixture.output();
+    EXPECT_EQ(run("formInput", json::array({ref("combobox \"Colour\""), "Blue"})),
+              R"({"element":"combobox \"Colour\"","value":"Blue"})");
+    EXPECT_TRUE(says("chose Colour=Blue")) << fixture.output();
+    EXPECT_EQ(run("formInput", json::array({ref("combobox \"Colour\""), "Mauve"})),
+              "local_method_forbidden: not found: option \"Mauve\" of combobox \"Colour\"");
+    run("formInput", json::array({ref("textbox \"Name\""), "Ada"}));
+    EXPECT_TRUE(says("changed Name=Ada")) << fixture.output();
+
+    // The outline reads the new state back.
+    const auto outline = read();
+    for (const char* line :
+         {"checkbox \"Remember me\" checked", "switch \"Wi-Fi\" checked", "radio \"Large\" checked",
+          "combobox \"Colour\" value=\"Blue\"", "textbox \"Name\" value=\"Ada\""}) {
+        EXPECT_THAT(outline, ::testing::HasSubstr(line)) << outline;
+    }
+
+    // The password field is never filled nor typed into.
+    const auto password = ref("textbox \"Password\"");
+    EXPECT_EQ(run("formInput", json::array({password, "hunter2"})), "local_sign_in_required");
+    run("pointer", json::array({"left_click", {{"ref", password}}}));
+    // The application tells the bus about its new focus a moment later.
+    ASSERT_TRUE(eventually([&] {
+        auto focused = actions.focused(fixture.pid());
+        return focused && focused->secure;
+    }));
+    EXPECT_EQ(run("typeText", json::array({"hunter2"})), "local_sign_in_required");
+    EXPECT_EQ(run("pressKey", json::array({"h"})), "local_sign_in_required");
+    EXPECT_THAT(fixture.output(), ::testing::Not(::testing::HasSubstr("Password changed")));
+}
+
+TEST_F(GtkControl, TypingAndKeysReachTheFocusedField) {
+    EXPECT_EQ(run("typeText", json::array({"x"})), "No text field is focused");
+    run("pointer", json::array({"left_click", {{"ref", ref("textbox \"Name\"")}}}));
+    ASSERT_TRUE(eventually([&] {
+        auto focused = actions.focused(fixture.pid());
+        return focused && focused->editable;
+    }));
+    // Characters the keymap has, shifted ones, and one it lacks.
+    EXPECT_EQ(run("typeText", json::array({"Ada L. é€"})), R"({"typed":12})");
+    EXPECT_TRUE(says("changed Name=Ada L. é€")) << fixture.output();
+    run("pressKey", json::array({"ctrl+a BackSpace"}));
+    EXPECT_TRUE(eventually([&] {
+        auto lines = fixture.lines();
+        return std::find(lines.begin(), lines.end(), "changed Name=") != lines.end();
+    })) << fixture.output();
+    EXPECT_TRUE(says("key BackSpace")) << fixture.output();
+}
+
+TEST_F(GtkControl, APointUnderAnotherWindowGetsNoEventAndThePointerComesBack) {
+    const auto outline = read();
+    std::smatch where;
+    ASSERT_TRUE(std::regex_search(
+        outline, where, std::regex(R"(button "Save" — visible at \(([0-9]+),([0-9]+)\))")));
+    const int x = std::stoi(where[1]), y = std::stoi(where[2]);
+    auto window = X11ShareableContent().current().windows;
+    auto shared =
+        std::find_if(window.begin(), window.end(), [&](const auto& w) { return w.id == windowID; });
+    ASSERT_NE(shared, window.end());
+
+    // A window of another process over the button: the click is refused and nothing lands.
+    X11TestDisplay display;
+    X11TestWindowOptions cover;
+    cover.x = int(shared->x) + x - 30, cover.y = int(shared->y) + y - 20;
+    cover.width = 60, cover.height = 40;
+    cover.overrideRedirect = true;
+    cover.title = "cover";
+    {
+        X11TestWindow over(display, cover);
+        over.map();
+        const auto before = input.pointer();
+        EXPECT_EQ(run("pointer", json::array({"left_click", {{"x", x}, {"y", y}}})),
+                  "Nothing to click at that point");
+        EXPECT_EQ(input.pointer(), before);
+    }
+    XSync(display.get(), False);
+    // Uncovered, the same point is the button's: a synthetic click, and the pointer goes back.
+    input.moveTo({5, 5});
+    EXPECT_EQ(run("pointer", json::array({"left_click", {{"x", x}, {"y", y}}})),
+              R"({"action":"left_click","at":[)" + std::to_string(x) + ".0," + std::to_string(y) +
+                  ".0]}");
+    EXPECT_TRUE(says("clicked Save")) << fixture.output();
+    EXPECT_EQ(input.pointer(), (ScreenPoint{5, 5}));
+    EXPECT_EQ(fixture.output().find("clicked Save"), fixture.output().rfind("clicked Save"));
+
+    // The wheel over the list brings its lower rows into view.
+    const auto list = ref("row \"Row 2\"");
+    EXPECT_EQ(run("scrollBy", json::array({"down", 10, list})),
+              R"({"amount":10,"direction":"down"})");
+    EXPECT_TRUE(eventually(
+        [&] { return read().find("row \"Row 1\" — offscreen-above") != std::string::npos; }));
+    EXPECT_EQ(input.pointer(), (ScreenPoint{5, 5}));
+}
+
+}  // namespace
+}  // namespace pavix::test
