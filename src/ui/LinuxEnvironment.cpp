@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
 
 #include "core/capture/CaptureError.h"
 #include "linux/FfmpegVideoEncoder.h"
@@ -111,6 +112,7 @@ StudioEnvironment LinuxEnvironment::studio(asio::any_io_executor model) {
     env.accessibility = &accessibility_;
     env.accessibleActions = &accessibleActions_;
     env.desktopInput = desktopInput_.get();
+    env.controlLog = std::getenv("PAVIX_CONTROL_LOG") != nullptr;
     env.controlThread = &controlThread_;
     env.log = &log_;
     env.timing = timing_;

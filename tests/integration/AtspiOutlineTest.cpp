@@ -180,7 +180,8 @@ TEST_F(GtkOutline, TheAgentReadsTheSharedWindowThroughTheService) {
     ChildProcess pavix(
         {PAVIX_BINARY, "--server", service.server(), "--code", service.code(), "--pair"},
         {{"XDG_CONFIG_HOME", (home / "config").string()},
-         {"XDG_STATE_HOME", (home / "state").string()}});
+         {"XDG_STATE_HOME", (home / "state").string()},
+         {"PAVIX_CONTROL_LOG", "1"}});
     ASSERT_TRUE(pavix.waitForLine("pavix: connected true", seconds(30))) << pavix.output();
     auto listed =
         DevServerProcess::envelope(service.agent({"send", "listSources", "--timeout", "20"}));
@@ -212,6 +213,9 @@ TEST_F(GtkOutline, TheAgentReadsTheSharedWindowThroughTheService) {
     ASSERT_FALSE(click["meta"]["pointerTrail"].empty()) << click.dump();
     EXPECT_EQ(click["meta"]["pointerTrail"].back()["kind"], "click");
     EXPECT_TRUE(fixture.waitForLine("clicked Save", seconds(10))) << fixture.output();
+    EXPECT_THAT(pavix.output(), ::testing::ContainsRegex("control pointer \\([0-9]+ bytes of "
+                                                         "arguments\\) done in [0-9]+ ms, "
+                                                         "[1-9][0-9]* pointer samples"));
     auto stale = DevServerProcess::envelope(service.agent(
         {"send", "formInput", nlohmann::json::array({"ref_999", "x"}).dump(), "--timeout", "20"}));
     // The service hears the agent's code; the log says why.

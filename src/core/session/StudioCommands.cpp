@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <array>
+#include <chrono>
 
 #include "core/app/ServiceAddresses.h"
 #include "core/runtime/Base64.h"
@@ -35,6 +36,7 @@ asio::awaitable<nlohmann::json> Studio::run(std::string method, nlohmann::json a
         }
         auto control = co_await desktopControl(source->windowIDs.front());
         auto handle = [control, method, args] { return control->handle(method, args); };
+        const auto started = std::chrono::steady_clock::now();
         std::exception_ptr failure;
         nlohmann::json value;
         try {
@@ -44,6 +46,16 @@ asio::awaitable<nlohmann::json> Studio::run(std::string method, nlohmann::json a
         }
         // What the pointer did goes with the reply, whether the method succeeded or not.
         pointerTrail_ = control->takeTrail();
+        if (env_.controlLog) {
+            const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                                std::chrono::steady_clock::now() - started)
+                                .count();
+            log("control " + method + " (" + std::to_string(args.dump().size()) +
+                " bytes of arguments) " +
+                (failure ? "failed: " + ErrorText::describe(failure) : std::string("done")) +
+                " in " + std::to_string(ms) + " ms, " + std::to_string(pointerTrail_.size()) +
+                " pointer samples");
+        }
         if (failure) {
             std::rethrow_exception(failure);
         }

@@ -41,6 +41,9 @@ struct StudioEnvironment {
     AccessibleActions* accessibleActions = nullptr;
     DesktopInput* desktopInput = nullptr;
     asio::thread_pool* controlThread = nullptr;
+    // Logs every control method with its outcome and time (PAVIX_CONTROL_LOG); typed text and
+    // values are logged by length only.
+    bool controlLog = false;
     Log* log = nullptr;
     Timing timing;
     // Milliseconds since 1970 on the wall clock (credential expiry times are in that unit).
