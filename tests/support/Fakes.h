@@ -109,14 +109,21 @@ class FakeTrash : public Trash {
             throw Trash::NotSupported("This volume has no Trash. The file stays where it is.");
         }
         std::filesystem::create_directories(folder);
-        auto target = folder / (std::to_string(moved.size()) + "-" + file.filename().string());
+        auto target = folder / (std::to_string(moved_.size()) + "-" + file.filename().string());
         std::filesystem::rename(file, target);
-        moved.push_back(file);
+        moved_.push_back(file);
+    }
+    // The files moved so far; a copy, as the library moves them on its worker threads.
+    std::vector<std::filesystem::path> moved() {
+        std::lock_guard lock(mutex);
+        return moved_;
     }
     std::mutex mutex;
     std::filesystem::path folder;
     bool refuse = false;
-    std::vector<std::filesystem::path> moved;
+
+  private:
+    std::vector<std::filesystem::path> moved_;
 };
 
 class FakeClipboard : public Clipboard {

@@ -387,7 +387,7 @@ class Sequence {
         for (const auto& id : videos) {
             seen_.insert(id);
         }
-        for (const auto& moved : h_.trash.moved) {
+        for (const auto& moved : h_.trash.moved()) {
             auto name = moved.filename().string();
             auto id = name.substr(6, name.size() - 10);
             if (deleteAsked_.count(id) == 0) {

@@ -61,8 +61,8 @@ TEST_F(Library, RetentionTrashesOnlyUploadedCopiesOlderThanThirtyDays) {
     h.trash.refuse = false;
     h.await(h.studio().applyRetention());
     EXPECT_FALSE(hasVideo(older) || hasSideCar(older) || listed(older));
-    ASSERT_EQ(h.trash.moved.size(), 1u);
-    EXPECT_EQ(h.trash.moved[0], h.studio().journal().file(older.id));
+    ASSERT_EQ(h.trash.moved().size(), 1u);
+    EXPECT_EQ(h.trash.moved()[0], h.studio().journal().file(older.id));
     EXPECT_EQ(readBytes(h.trash.folder / ("0-" + older.fileName())), "video bytes");
     // A copy already removed by hand loses its record too.
     EXPECT_FALSE(hasSideCar(removedByHand) || listed(removedByHand));
@@ -96,7 +96,7 @@ TEST_F(Library, DeletingMovesTheCopyToTheTrashOnlyWhenItMayBeManaged) {
     EXPECT_EQ(h.studio().state().status,
               "Local copy moved to Trash. Cloud recordings are unchanged.");
     EXPECT_FALSE(hasVideo(saved) || hasSideCar(saved) || listed(saved));
-    EXPECT_EQ(h.trash.moved.size(), 1u);
+    EXPECT_EQ(h.trash.moved().size(), 1u);
 }
 
 TEST_F(Library, TheSupportBundleHoldsVersionsIdsStagesAndTimingsOnly) {
