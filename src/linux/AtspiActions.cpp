@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 
 #include "core/control/InputError.h"
+#include "core/runtime/Text.h"
 #include "linux/AtspiCalls.h"
 
 namespace pavix {
@@ -14,12 +14,6 @@ using namespace AtspiCalls;
 
 AtspiAccessible* accessibleOf(const ElementHandle& element) {
     return static_cast<AtspiAccessible*>(const_cast<void*>(element.get()));
-}
-
-std::string lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
 }
 
 // The element's own element that holds its options: the menu a combo box opens.
@@ -69,7 +63,8 @@ bool AtspiActions::press(const ElementHandle& element) {
     // or "press", check boxes "toggle", menu items and links "activate".
     for (const char* wanted : {"click", "press", "toggle", "activate", "jump"}) {
         for (int i = 0; i < count; ++i) {
-            auto name = lower(take(atspi_action_get_action_name(action.get(), i, &error), error));
+            auto name = Text::lowerAscii(
+                take(atspi_action_get_action_name(action.get(), i, &error), error));
             error = nullptr;
             if (name == wanted) {
                 bool done = atspi_action_do_action(action.get(), i, &error);
@@ -143,10 +138,10 @@ bool AtspiActions::choose(const ElementHandle& element, const std::string& optio
     if (!menu) {
         return false;
     }
-    const auto wanted = lower(option);
+    const auto wanted = Text::lowerAscii(option);
     for (int i = 0, n = std::min(childCount(menu.get()), 500); i < n; ++i) {
         auto item = childAt(menu.get(), i);
-        if (!item || lower(nameOf(item.get())) != wanted) {
+        if (!item || Text::lowerAscii(nameOf(item.get())) != wanted) {
             continue;
         }
         // GTK's combo box selects its active item through its own selection; other toolkits

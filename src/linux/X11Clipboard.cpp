@@ -6,6 +6,7 @@
 #include <iterator>
 #include <stdexcept>
 
+#include "core/runtime/Text.h"
 #include "linux/X11ErrorTrap.h"
 
 namespace pavix {
@@ -21,36 +22,9 @@ std::unique_ptr<X11Display> openDisplay(const std::string& name) {
 
 // STRING is ISO Latin-1: characters beyond it (and malformed UTF-8) become '?'.
 std::string latin1FromUtf8(const std::string& text) {
-    static constexpr char32_t kShortest[] = {0, 0, 0x80, 0x800, 0x10000};
     std::string latin1;
-    latin1.reserve(text.size());
-    std::size_t i = 0;
-    while (i < text.size()) {
-        auto lead = static_cast<unsigned char>(text[i]);
-        int length = lead < 0x80             ? 1
-                     : (lead & 0xE0) == 0xC0 ? 2
-                     : (lead & 0xF0) == 0xE0 ? 3
-                     : (lead & 0xF8) == 0xF0 ? 4
-                                             : 0;
-        if (length == 0 || i + length > text.size()) {
-            latin1 += '?';
-            ++i;
-            continue;
-        }
-        char32_t code = length == 1 ? lead : lead & (0x7F >> length);
-        bool valid = true;
-        for (int k = 1; k < length && valid; ++k) {
-            auto next = static_cast<unsigned char>(text[i + k]);
-            valid = (next & 0xC0) == 0x80;
-            code = (code << 6) | (next & 0x3F);
-        }
-        if (!valid || code < kShortest[length]) {
-            latin1 += '?';
-            ++i;
-            continue;
-        }
+    for (char32_t code : Text::characters(text)) {
         latin1 += code <= 0xFF ? static_cast<char>(code) : '?';
-        i += length;
     }
     return latin1;
 }

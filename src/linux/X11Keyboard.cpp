@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "core/control/InputError.h"
+#include "core/runtime/Text.h"
 
 namespace pavix {
 namespace {
@@ -21,29 +22,15 @@ KeySym unicodeKeysym(char32_t c) {
     return 0x01000000 | c;
 }
 
-char32_t firstCharacter(const std::string& text) {
-    const auto lead = static_cast<unsigned char>(text[0]);
-    if (lead < 0x80) {
-        return lead;
-    }
-    const int length = (lead >> 5) == 6 ? 2 : (lead >> 4) == 14 ? 3 : 4;
-    char32_t c = lead & (0x7F >> length);
-    for (int k = 1; k < length && k < int(text.size()); ++k) {
-        c = (c << 6) | (static_cast<unsigned char>(text[k]) & 0x3F);
-    }
-    return c;
-}
-
 }  // namespace
 
 KeySym X11Keyboard::keysymOf(const KeyChord& chord) const {
     if (chord.key.empty()) {
         throw InputError::unsupported("key");
     }
-    // Names are ASCII and longer than one character; anything else is one character.
-    const bool named = chord.key.size() > 1 && !(static_cast<unsigned char>(chord.key[0]) & 0x80);
-    if (!named) {
-        return unicodeKeysym(firstCharacter(chord.key));
+    // A key is one character or a keysym's name.
+    if (auto character = Text::singleCharacter(chord.key)) {
+        return unicodeKeysym(*character);
     }
     KeySym keysym = XStringToKeysym(chord.key.c_str());
     if (keysym == NoSymbol) {

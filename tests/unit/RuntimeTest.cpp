@@ -6,6 +6,7 @@
 #include "core/runtime/Offload.h"
 #include "core/runtime/Sleep.h"
 #include "core/runtime/Task.h"
+#include "core/runtime/Text.h"
 #include "core/session/ErrorText.h"
 #include "support/StudioHarness.h"
 
@@ -171,3 +172,29 @@ TEST(Runtime, TimeOutsAndUnreachableHostsAreTransportErrors) {
 
 }  // namespace
 }  // namespace pavix::test
+
+TEST(Runtime, TextDecodesWholeCharactersAndReplacesBrokenBytesOneByOne) {
+    struct Case {
+        std::string text;
+        std::vector<char32_t> characters;
+        std::optional<char32_t> single;
+    };
+    const Case cases[] = {
+        {"", {}, std::nullopt},
+        {"a", {U'a'}, U'a'},
+        {"\xC3\xA9", {U'\u00E9'}, U'\u00E9'},                  // é
+        {"\xE2\x82\xAC", {U'\u20AC'}, U'\u20AC'},              // €
+        {"\xF0\x9F\x98\x80", {U'\U0001F600'}, U'\U0001F600'},  // an emoji
+        {"ab", {U'a', U'b'}, std::nullopt},
+        {"\xC3", {0xFFFD}, std::nullopt},                          // cut short
+        {"\xC3(", {0xFFFD, U'('}, std::nullopt},                   // not a continuation byte
+        {"\xC0\xAF", {0xFFFD, 0xFFFD}, std::nullopt},              // overlong "/"
+        {"\xED\xA0\x80", {0xFFFD, 0xFFFD, 0xFFFD}, std::nullopt},  // a surrogate
+        {"\xFFx", {0xFFFD, U'x'}, std::nullopt},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(pavix::Text::characters(c.text), c.characters) << testing::PrintToString(c.text);
+        EXPECT_EQ(pavix::Text::singleCharacter(c.text), c.single) << testing::PrintToString(c.text);
+    }
+    EXPECT_EQ(pavix::Text::lowerAscii("Ctrl+Shift+\xC3\x89Z"), "ctrl+shift+\xC3\x89z");
+}

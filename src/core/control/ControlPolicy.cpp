@@ -1,9 +1,10 @@
 #include "core/control/ControlPolicy.h"
 
 #include <algorithm>
-#include <cctype>
 #include <iterator>
 #include <string_view>
+
+#include "core/runtime/Text.h"
 
 namespace pavix::ControlPolicy {
 namespace {
@@ -50,24 +51,18 @@ constexpr std::string_view kNames[] = {"terminal",
                                        "system monitor",
                                        "activity monitor"};
 
-std::string lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
-
 }  // namespace
 
 bool denied(const std::string& appId, const std::optional<std::string>& appName) {
-    auto id = lower(appId);
+    auto id = Text::lowerAscii(appId);
     if (id.size() > 8 && id.compare(id.size() - 8, 8, ".desktop") == 0) {
         id.resize(id.size() - 8);
     }
     if (!id.empty() && std::find(std::begin(kIds), std::end(kIds), id) != std::end(kIds)) {
         return true;
     }
-    return appName &&
-           std::find(std::begin(kNames), std::end(kNames), lower(*appName)) != std::end(kNames);
+    return appName && std::find(std::begin(kNames), std::end(kNames), Text::lowerAscii(*appName)) !=
+                          std::end(kNames);
 }
 
 }  // namespace pavix::ControlPolicy

@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <chrono>
 #include <map>
 
 #include "core/control/ControlPolicy.h"
 #include "core/control/InputError.h"
 #include "core/control/OutlineText.h"
+#include "core/runtime/Text.h"
 #include "core/session/PavixError.h"
 
 namespace pavix {
@@ -106,12 +106,6 @@ ScreenPoint DesktopControl::windowPoint(const nlohmann::json& options,
 
 namespace {
 
-std::string lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
-
 // Position `i` of the agent's argument list, or null.
 nlohmann::json at(const nlohmann::json& args, std::size_t i) {
     return args.is_array() && i < args.size() ? args[i] : nlohmann::json();
@@ -131,9 +125,7 @@ bool checkedWord(const nlohmann::json& value) {
     if (value.is_boolean()) {
         return value.get<bool>();
     }
-    auto word = textOf(value);
-    std::transform(word.begin(), word.end(), word.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    const auto word = Text::lowerAscii(textOf(value));
     return word == "true" || word == "on" || word == "yes" || word == "1" || word == "checked";
 }
 
@@ -187,8 +179,7 @@ nlohmann::json DesktopControl::formInput(const nlohmann::json& args) {
     const auto value = at(args, 1);
     const auto window = frameOf(locate());
     const auto& role = element.role;
-    if (role == "checkbox" || role == "switch" || role == "radio" || role == "menuitemradio" ||
-        role == "menuitemcheckbox") {
+    if (OutlineRoles::isToggle(role)) {
         driver_->setChecked(element, checkedWord(value), window);
         return {{"element", element.label}, {"checked", checkedWord(value)}};
     }
@@ -249,7 +240,7 @@ nlohmann::json DesktopControl::redact(const nlohmann::json& args) const {
     auto first = at(args, 0);
     for (const auto& item : first.is_array() ? first : nlohmann::json::array({first})) {
         if (item.is_string() && !item.get<std::string>().empty()) {
-            wanted.push_back(lower(item.get<std::string>()));
+            wanted.push_back(Text::lowerAscii(item.get<std::string>()));
         }
     }
     if (wanted.empty()) {
@@ -260,7 +251,7 @@ nlohmann::json DesktopControl::redact(const nlohmann::json& args) const {
     }
     nlohmann::json rects = nlohmann::json::array();
     for (const auto& [ref, element] : snapshot_->targets) {
-        const auto label = lower(element.label);
+        const auto label = Text::lowerAscii(element.label);
         for (const auto& text : wanted) {
             if (label.find(text) != std::string::npos) {
                 const auto& f = element.frame;

@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "core/control/InputError.h"
+#include "core/runtime/Text.h"
 
 namespace pavix {
 namespace {
@@ -12,36 +13,6 @@ constexpr const char* kNothingThere = "Nothing to click at that point";
 
 ScreenPoint centre(const CaptureRect& frame) {
     return {frame.x + frame.width / 2, frame.y + frame.height / 2};
-}
-
-// The characters of UTF-8 text; a broken sequence reads as U+FFFD.
-std::vector<char32_t> characters(const std::string& text) {
-    std::vector<char32_t> out;
-    for (std::size_t i = 0; i < text.size();) {
-        const auto lead = static_cast<unsigned char>(text[i]);
-        int length = lead < 0x80         ? 1
-                     : (lead >> 5) == 6  ? 2
-                     : (lead >> 4) == 14 ? 3
-                     : (lead >> 3) == 30 ? 4
-                                         : 0;
-        if (length == 0 || i + length > text.size()) {
-            out.push_back(0xFFFD);
-            ++i;
-            continue;
-        }
-        char32_t c = length == 1 ? lead : lead & (0x7F >> length);
-        for (int k = 1; k < length; ++k) {
-            c = (c << 6) | (static_cast<unsigned char>(text[i + k]) & 0x3F);
-        }
-        out.push_back(c);
-        i += length;
-    }
-    return out;
-}
-
-bool isToggle(const std::string& role) {
-    return role == "checkbox" || role == "switch" || role == "radio" || role == "menuitemradio" ||
-           role == "menuitemcheckbox";
 }
 
 }  // namespace
@@ -179,7 +150,7 @@ void InputDriver::fill(const OutlineTarget& target, const std::string& text,
 }
 
 void InputDriver::setChecked(const OutlineTarget& target, bool on, const CaptureRect& window) {
-    if (!isToggle(target.role)) {
+    if (!OutlineRoles::isToggle(target.role)) {
         throw InputError::unsupported(target.role + " is not a toggle");
     }
     if (target.handle && actions_.checked(target.handle) == on) {
@@ -231,7 +202,7 @@ void InputDriver::typeCharacter(char32_t character) {
 }
 
 void InputDriver::typeKeys(const std::string& text) {
-    auto chars = characters(text);
+    auto chars = Text::characters(text);
     for (std::size_t i = 0; i < chars.size(); ++i) {
         char32_t c = chars[i];
         if (c == U'\r' && i + 1 < chars.size() && chars[i + 1] == U'\n') {
@@ -248,7 +219,7 @@ void InputDriver::press(const std::string& keys) {
     for (const auto& chord : chords) {
         bringForward();
         const bool writes = !chord.control && !chord.alt && !chord.super &&
-                            (characters(chord.key).size() == 1 || chord.key == "space");
+                            (Text::singleCharacter(chord.key) || chord.key == "space");
         auto focused = actions_.focused(pid_);
         if (writes && focused && focused->secure) {
             throw InputError::secureField();

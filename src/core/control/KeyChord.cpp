@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <sstream>
 #include <utility>
 
 #include "core/control/InputError.h"
+#include "core/runtime/Text.h"
 
 namespace pavix {
 namespace {
@@ -42,28 +42,8 @@ constexpr std::array<std::pair<const char*, const char*>, 27> kNamedKeys = {{
     {"menu", "Menu"},
 }};
 
-std::string lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
-
-// Whether `text` is exactly one UTF-8 encoded character.
-bool oneCharacter(const std::string& text) {
-    if (text.empty()) {
-        return false;
-    }
-    const auto lead = static_cast<unsigned char>(text[0]);
-    std::size_t length = lead < 0x80         ? 1
-                         : (lead >> 5) == 6  ? 2
-                         : (lead >> 4) == 14 ? 3
-                         : (lead >> 3) == 30 ? 4
-                                             : 0;
-    return length == text.size();
-}
-
 std::string keyName(const std::string& word) {
-    const auto name = lower(word);
+    const auto name = Text::lowerAscii(word);
     for (const auto& [alias, keysym] : kNamedKeys) {
         if (name == alias) {
             return keysym;
@@ -77,7 +57,7 @@ std::string keyName(const std::string& word) {
             return "F" + std::to_string(number);
         }
     }
-    if (oneCharacter(word)) {
+    if (Text::singleCharacter(word)) {
         return word;
     }
     throw InputError::unsupported("key " + word);
@@ -93,7 +73,7 @@ KeyChord chord(const std::string& word) {
             chord.key = keyName(word.substr(start));
             return chord;
         }
-        const auto modifier = lower(word.substr(start, plus - start));
+        const auto modifier = Text::lowerAscii(word.substr(start, plus - start));
         if (modifier == "ctrl" || modifier == "control" || modifier == "cmd" ||
             modifier == "command") {
             chord.control = true;

@@ -21,6 +21,16 @@ struct OutlineTarget {
     bool popup = false;   // a combo box that opens a list of options
 };
 
+namespace OutlineRoles {
+
+// Whether a target of `role` is set on or off rather than filled or chosen.
+inline bool isToggle(const std::string& role) {
+    return role == "checkbox" || role == "switch" || role == "radio" || role == "menuitemradio" ||
+           role == "menuitemcheckbox";
+}
+
+}  // namespace OutlineRoles
+
 // The result of one read of the shared window.
 struct OutlineSnapshot {
     std::string outline;  // the lines for the agent
