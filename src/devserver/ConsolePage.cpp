@@ -83,6 +83,47 @@ tr:last-child td { border-bottom: 0; }
 .result img { max-width: 100%; border: 1px solid var(--line); border-radius: 4px; display: block; }
 .result .error { color: var(--bad); font-family: var(--mono); }
 .meta { color: var(--muted); font-size: 12px; margin-top: 8px; }
+.result details { margin-top: 8px; }
+.result summary { cursor: pointer; color: var(--muted); font-size: 12px; font-weight: 600; }
+.result details pre { margin-top: 8px; }
+.outline-head { display: flex; align-items: center; gap: 6px; flex-wrap: wrap; }
+.outline-head h2 { margin: 0 auto 0 0; }
+.outline-title { display: flex; align-items: baseline; gap: 10px; margin: 12px 0 10px; min-width: 0; }
+.outline-title b { font-size: 15px; overflow: hidden; text-overflow: ellipsis; white-space: nowrap; }
+.outline-title .meta { margin: 0; white-space: nowrap; }
+form.inline { display: flex; gap: 6px; align-items: center; margin: 0; }
+form.inline .hint { color: var(--muted); font-size: 12px; white-space: nowrap; }
+form.inline input, form.inline select { flex: 1; min-width: 0; padding: 4px 8px; font-size: 13px; }
+#outline-prompt { margin-top: 12px; padding: 8px 10px; background: #f6f7fa; border-radius: 8px; }
+.targets-box { border: 1px solid var(--line); border-radius: 8px; max-height: 420px; overflow: auto; }
+table.targets { table-layout: fixed; }
+table.targets td { padding: 7px 10px; }
+table.targets td.ref { font-family: var(--mono); font-size: 11.5px; color: var(--muted); }
+table.targets td.what { overflow-wrap: anywhere; }
+table.targets td.where { color: var(--muted); font-size: 12px; white-space: nowrap; overflow: hidden; text-overflow: ellipsis; }
+table.targets td.where.at { font-family: var(--mono); font-size: 11.5px; }
+table.targets td.acts { text-align: right; white-space: nowrap; }
+table.targets td.acts button + button { margin-left: 5px; }
+table.targets tr.offscreen td.ref, table.targets tr.offscreen td.what, table.targets tr.offscreen td.where { opacity: .5; }
+table.targets tr.changed { background: #f5f6ff; }
+table.targets tr.changed td.ref { box-shadow: inset 3px 0 var(--brand); }
+table.targets tr.editor td { background: #f6f7fa; padding-top: 6px; padding-bottom: 8px; }
+.target-role { font-family: var(--mono); font-size: 12px; font-weight: 600; color: #3b49c9; margin-right: 6px; }
+.target-name { font-weight: 600; }
+.target-name.none { font-weight: 400; font-style: italic; color: var(--muted); }
+.target-value { font-family: var(--mono); font-size: 12px; background: #fff; border: 1px solid #cfd4df; border-radius: 4px; padding: 0 6px; margin-left: 6px; }
+.target-value.none { font-family: inherit; font-style: italic; color: var(--muted); border-style: dashed; }
+.target-holder { color: var(--muted); font-size: 12px; margin-left: 6px; }
+.badge { display: inline-block; border-radius: 4px; padding: 0 6px; margin-left: 6px; font-size: 11px; font-weight: 600; line-height: 18px;
+         background: #eef0f4; color: var(--muted); vertical-align: 1px; }
+.badge.focused, .badge.selected { background: #e6ecff; color: #3b49c9; }
+.badge.checked { background: #e3f6ea; color: var(--ok); }
+.badge.secure { background: #fff7e6; color: #8a5a00; }
+.badge.disabled { background: #fde8e8; color: var(--bad); }
+.note { margin-top: 10px; font-size: 12.5px; color: var(--muted); }
+.note.bad { color: #a33030; background: #fdeeee; border-radius: 6px; padding: 8px 10px; }
+.note.bad pre { margin: 6px 0 0; font-family: var(--mono); font-size: 12px; white-space: pre-wrap; word-break: break-word; color: var(--ink); max-height: 160px; overflow: auto; }
+#outline-card.busy { cursor: progress; }
 video { width: 100%; max-height: 460px; background: #000; border-radius: 8px; display: block; }
 .hidden { display: none !important; }
 footer { text-align: center; color: var(--muted); font-size: 12px; padding: 10px 0 24px; }
@@ -155,9 +196,28 @@ footer { text-align: center; color: var(--muted); font-size: 12px; padding: 10px
       </div>
       <div class="status" id="session-status">Choose a device and a method.</div>
     </div>
-    <div class="card">
-      <h2>Results</h2>
-      <div class="results" id="results"><div class="empty" id="no-results">No command sent yet.</div></div>
+    <div>
+      <div class="card" id="outline-card">
+        <div class="outline-head">
+          <h2>Window outline</h2>
+          <button class="small" id="outline-read">Read window</button>
+          <button class="small" data-prompt="typeText">Type text…</button>
+          <button class="small" data-prompt="pressKey">Press key…</button>
+          <button class="small" data-scroll="down">Scroll down</button>
+          <button class="small" data-scroll="up">Scroll up</button>
+        </div>
+        <form class="inline hidden" id="outline-prompt">
+          <span class="hint" id="prompt-hint"></span>
+          <input id="prompt-input" type="text" spellcheck="false" autocomplete="off">
+          <button class="small primary" type="submit" id="prompt-send">Send</button>
+          <button class="small" type="button" id="prompt-cancel">Cancel</button>
+        </form>
+        <div id="outline-view"><div class="empty">Read the window to list what the agent can operate in it.</div></div>
+      </div>
+      <div class="card">
+        <h2>Results</h2>
+        <div class="results" id="results"><div class="empty" id="no-results">No command sent yet.</div></div>
+      </div>
     </div>
   </div>
 </section>
@@ -189,7 +249,7 @@ const METHODS = {
   startRecording: [{ captureId: "(new)", windowSize: "" }], stopRecording: [{}],
   screenshot: [{}], markDemoMoment: [{ label: "moment" }], dispose: [{}], currentUrl: [{}],
   readPage: [], pageText: [], pointer: ["left_click", { ref: "ref_1" }], formInput: ["ref_1", "text"],
-  typeText: ["hello"], pressKey: ["Return"], scrollBy: ["down", { x: 400, y: 300 }],
+  typeText: ["hello"], pressKey: ["Return"], scrollBy: ["down", 3],
   redactSensitiveText: [],
 };
 let devices = [];
@@ -288,11 +348,16 @@ document.querySelectorAll("[data-quick]").forEach((b) => b.onclick = () => { met
 $("clear-results").onclick = () => { $("results").innerHTML = `<div class="empty" id="no-results">No command sent yet.</div>`; };
 $("send-button").onclick = () => send();
 
-function renderValue(value) {
+function renderValue(value, method) {
   if (value && typeof value === "object" && value.body && typeof value.body === "object" && typeof value.body["$bytes"] === "string") {
     const type = value.contentType || "image/png";
     const rest = Object.assign({}, value, { body: { $bytes: `(${value.body["$bytes"].length} base64 characters)` } });
-    return `<img alt="screenshot" class="shot" src="data:${esc(type)};base64,${value.body["$bytes"]}"><div class="meta">${esc(JSON.stringify(rest))}</div>`;
+    return `<img alt="screenshot" class="shot" src="data:${esc(type)};base64,${esc(value.body["$bytes"])}"><div class="meta">${esc(JSON.stringify(rest))}</div>`;
+  }
+  if (typeof value === "string" && method === "readPage") {
+    const read = parseOutline(value);
+    return `<div class="meta" style="margin:0">${plural(read.targets.length, "target")}; shown in the window outline above.</div>
+      <details><summary>Outline text</summary><pre class="outline">${esc(value)}</pre></details>`;
   }
   if (typeof value === "string") return `<pre class="outline">${esc(value)}</pre>`;
   return `<pre>${esc(JSON.stringify(value, null, 2))}</pre>`;
@@ -304,6 +369,53 @@ function addResult(method, state, html) {
   el.innerHTML = `<div class="head"><b>${esc(method)}</b><span class="pill ${esc(state)}">${esc(state)}</span><span class="time">${new Date().toLocaleTimeString()}</span></div><div class="body">${html}</div>`;
   $("results").prepend(el);
   return el;
+}
+
+// While a command is out, nothing else can be sent from the page.
+let busyDepth = 0;
+function setBusy(on) {
+  busyDepth = Math.max(0, busyDepth + (on ? 1 : -1));
+  applyBusy();
+}
+function applyBusy() {
+  const busy = busyDepth > 0;
+  $("send-button").disabled = busy;
+  document.querySelectorAll("[data-quick], #outline-card button").forEach((b) => { b.disabled = busy || b.dataset.off === "1"; });
+  $("outline-card").classList.toggle("busy", busy);
+}
+
+// Sends one command, lists its answer and says in the status line how it went.
+// `reached` is true when the device answered, with a value or an error.
+async function runCommand(device, method, args) {
+  const timeoutMs = Math.max(1, Number($("timeout-input").value) || 30) * 1000;
+  setBusy(true);
+  setStatus("session-status", `Sent ${method}; waiting for the device…`, "busy");
+  const started = Date.now();
+  let r;
+  try { r = await api("POST", `/agent/devices/${encodeURIComponent(device)}/commands`, { method, args, timeoutMs }); }
+  catch (e) { r = { status: 0, data: { error: "no_connection", reason: String(e && e.message || e) } }; }
+  finally { setBusy(false); }
+  const took = ((Date.now() - started) / 1000).toFixed(1) + " s";
+  const reply = r.status === 200 && r.data && typeof r.data.reply === "object" && r.data.reply !== null ? r.data.reply : null;
+  let out;
+  if (reply && "error" in reply) {
+    addResult(method, "failed", `<div class="error">${esc(typeof reply.error === "string" ? reply.error : JSON.stringify(reply.error))}</div>`);
+    out = { reached: true, ok: false, summary: `${method} failed on the device (${took}).` };
+  } else if (reply && "value" in reply) {
+    const meta = reply.meta ? `<div class="meta">meta: ${esc(JSON.stringify(reply.meta))}</div>` : "";
+    addResult(method, "answered", renderValue(reply.value, method) + meta);
+    out = { reached: true, ok: true, summary: `${method} answered in ${took}.` };
+    if (method === "readPage") showOutline(device, reply.value);
+  } else if (r.status === 200) {
+    addResult(method, "failed", `<div class="error">The answer has neither a value nor an error: ${esc(JSON.stringify(r.data))}</div>`);
+    out = { reached: true, ok: false, summary: `${method} came back with an answer the console cannot read.` };
+  } else {
+    const error = (r.data && r.data.error) || ("HTTP " + r.status);
+    addResult(method, error === "command_timeout" ? "expired" : "abandoned", `<div class="error">${esc(error)}${r.data && r.data.reason ? " · " + esc(r.data.reason) : ""}</div>`);
+    out = { reached: false, ok: false, summary: error === "command_timeout" ? `No answer within ${timeoutMs / 1000} s. Is the device connected?` : `The command did not complete: ${error}.` };
+  }
+  setStatus("session-status", out.summary, out.ok ? "ok" : "bad");
+  return out;
 }
 async function send() {
   const device = $("device-select").value;
@@ -318,26 +430,245 @@ async function send() {
     args[0].captureId = c.data.captureId;
     if (!args[0].windowSize) delete args[0].windowSize;
   }
-  const timeoutMs = Math.max(1, Number($("timeout-input").value) || 30) * 1000;
-  $("send-button").disabled = true;
-  setStatus("session-status", `Sent ${method}; waiting for the device…`, "busy");
-  const started = Date.now();
-  const r = await api("POST", `/agent/devices/${device}/commands`, { method, args, timeoutMs });
-  $("send-button").disabled = false;
-  const took = ((Date.now() - started) / 1000).toFixed(1) + " s";
-  if (r.status === 200 && r.data.reply && "error" in r.data.reply) {
-    addResult(method, "failed", `<div class="error">${esc(r.data.reply.error)}</div>`);
-    setStatus("session-status", `${method} failed on the device (${took}).`, "bad");
-  } else if (r.status === 200) {
-    const meta = r.data.reply.meta ? `<div class="meta">meta: ${esc(JSON.stringify(r.data.reply.meta))}</div>` : "";
-    addResult(method, "answered", renderValue(r.data.reply.value) + meta);
-    setStatus("session-status", `${method} answered in ${took}.`, "ok");
-  } else {
-    addResult(method, r.data.error === "command_timeout" ? "expired" : "abandoned", `<div class="error">${esc(r.data.error || ("HTTP " + r.status))}${r.data.reason ? " · " + esc(r.data.reason) : ""}</div>`);
-    setStatus("session-status", r.data.error === "command_timeout" ? `No answer within ${timeoutMs / 1000} s. Is the device connected?` : `The command did not complete: ${r.data.error}.`, "bad");
-  }
+  await runCommand(device, method, args);
   loadDevices();
 }
+
+// Window outline: the last readPage answer as one row per target, with actions that send the
+// control methods for that target and then read the window again. References are numbered
+// afresh by every read, so only the newest outline of the selected device can be acted on.
+const FILLS = ["textbox", "searchbox"], TOGGLES = ["checkbox", "switch", "radio"];
+const STATES = ["disabled", "focused", "selected", "checked", "unchecked", "secure"];
+const ARROWS = { above: "↑", below: "↓", left: "←", right: "→" };
+let outline = null;  // { device, title, targets, odd, regions, readAt } or { device, problem }
+
+function plural(n, word) { return n + " " + word + (n === 1 ? "" : "s"); }
+// The JSON string or list that starts at text[at], and where it ends; null when it does not end
+// or is not JSON.
+function jsonAt(text, at) {
+  let depth = 0, quoted = false;
+  for (let i = at; i < text.length; i++) {
+    const c = text[i];
+    if (quoted) { if (c === "\\") i++; else if (c === '"') quoted = false; }
+    else if (c === '"') quoted = true;
+    else if (c === "[") depth++;
+    else if (c === "]") depth--;
+    if (!quoted && depth <= 0) {
+      try { return { value: JSON.parse(text.slice(at, i + 1)), end: i + 1 }; } catch (e) { return null; }
+    }
+  }
+  return null;
+}
+// `  [ref_4] button "Save" focused value="Ann" in "Toolbar" — visible at (120,48) window points`
+function parseTarget(line) {
+  const m = /^\s*\[([^\]\s]+)\] ?(.*)$/.exec(line);
+  if (!m) return null;
+  const rest = m[2];
+  const t = { ref: m[1], role: /^[^\s"]*/.exec(rest)[0], name: null, states: [], value: null, options: null, selectedText: null, holder: null, where: "" };
+  const keys = { "value=": "value", "options=": "options", "selected text: ": "selectedText", "in ": "holder" };
+  let i = t.role.length;
+  while (i < rest.length) {
+    if (rest[i] === " ") { i++; continue; }
+    if (rest[i] === "\u2014") { t.where = rest.slice(i + 1).trim(); return t; }
+    const key = Object.keys(keys).find((k) => rest.startsWith(k, i) && '"['.includes(rest[i + k.length] || "x"));
+    if (key || rest[i] === '"') {
+      const found = jsonAt(rest, i + (key ? key.length : 0));
+      if (!found) return null;
+      const field = key ? keys[key] : "name";
+      if (field === "options") t.options = Array.isArray(found.value) ? found.value.map(String) : null;
+      else if (t[field] === null) t[field] = String(found.value);
+      i = found.end;
+      continue;
+    }
+    const word = /^\S+/.exec(rest.slice(i))[0];
+    t.states.push(word);
+    i += word.length;
+  }
+  return t;
+}
+function parseOutline(text) {
+  const read = { title: null, targets: [], odd: [], regions: null };
+  for (const line of String(text).split("\n")) {
+    if (!line.trim()) continue;
+    if (line.startsWith("Window ")) {
+      const found = jsonAt(line, 7);
+      if (found && typeof found.value === "string" && found.end === line.length) { read.title = found.value; continue; }
+    }
+    if (line.startsWith("Scroll areas")) {
+      const brace = line.indexOf("{");
+      try {
+        const regions = brace >= 0 ? JSON.parse(line.slice(brace)).regions : null;
+        if (Array.isArray(regions)) { read.regions = regions; continue; }
+      } catch (e) { /* listed with the lines not understood */ }
+    }
+    const target = /^\s*\[/.test(line) ? parseTarget(line) : null;
+    if (target) read.targets.push(target); else read.odd.push(line);
+  }
+  return read;
+}
+function placeOf(where) {
+  const at = /^visible at \((-?[\d.]+), ?(-?[\d.]+)\)/.exec(where);
+  if (at) return { visible: true, text: `(${at[1]}, ${at[2]})` };
+  const off = /^offscreen((?:-[a-z]+)*)/.exec(where);
+  if (off) {
+    const arrows = off[1].split("-").map((d) => ARROWS[d] || "").join("");
+    return { visible: false, text: arrows ? "offscreen " + arrows : off[1] === "-clipped" ? "clipped" : "offscreen" };
+  }
+  return { visible: true, text: where || "place unknown" };
+}
+function scrollNote(regions) {
+  const parts = regions.map((r) => {
+    const left = (r && r.remainingPixels) || {};
+    const more = ["down", "left", "right"].filter((d) => Number(left[d]) > 0).map((d) => `${Number(left[d])} px ${d}`);
+    return `${esc((r && r.kind) || "area")} ${more.length ? esc(more.join(", ")) : "at its end"}`;
+  });
+  return parts.length ? "More to scroll: " + parts.join(" · ") : "Nothing is scrolled out of view.";
+}
+function identity(t) { return [t.role, t.name, t.holder].join("\u0000"); }
+function stateOf(t) { return [t.states.join(" "), t.value, t.selectedText].join("\u0000"); }
+
+function showOutline(device, value) {
+  const before = outline && outline.device === device && outline.targets ? outline : null;
+  if (typeof value !== "string") {
+    outline = { device, problem: `The device answered readPage with ${value === null ? "null" : typeof value}, not outline text; see the result below.` };
+  } else {
+    outline = Object.assign({ device, readAt: new Date() }, parseOutline(value));
+    if (before) {
+      // Mark what the last action changed: targets whose state or value differ, and new ones.
+      const earlier = new Map();
+      before.targets.forEach((t) => { const k = identity(t); earlier.set(k, (earlier.get(k) || []).concat(stateOf(t))); });
+      outline.targets.forEach((t) => { const seen = earlier.get(identity(t)); t.changed = !seen || !seen.length || seen.shift() !== stateOf(t); });
+    }
+  }
+  renderOutline();
+}
+function actionsOf(t) {
+  const acts = [];
+  if (FILLS.includes(t.role)) acts.push(["fill", "Fill…"]);
+  if (TOGGLES.includes(t.role)) acts.push(["toggle", "Toggle"]);
+  if (t.role === "combobox") acts.push(["choose", "Choose…"]);
+  acts.push(["click", "Click"]);
+  return acts;
+}
+function targetRow(t, i, live) {
+  const place = placeOf(t.where);
+  const off = !live || t.states.includes("disabled");
+  const why = !live ? "Read the selected device's window first" : off ? "Disabled in the window" : "";
+  const badges = t.states.map((s) => `<span class="badge ${STATES.includes(s) ? s : ""}">${esc(s)}</span>`).join("")
+    + (t.selectedText !== null ? `<span class="badge">selected text “${esc(t.selectedText)}”</span>` : "");
+  const value = t.value === null ? "" : t.value === "" ? `<span class="target-value none">empty</span>` : `<span class="target-value">${esc(t.value)}</span>`;
+  const options = t.options ? `<span class="target-holder">${plural(t.options.length, "option")}</span>` : "";
+  const buttons = actionsOf(t).map(([act, label]) =>
+    `<button class="small" data-act="${act}" data-i="${i}"${off ? ` data-off="1" disabled title="${esc(why)}"` : ""}>${label}</button>`).join("");
+  return `<tr class="target${place.visible ? "" : " offscreen"}${t.changed ? " changed" : ""}" data-i="${i}" data-ref="${esc(t.ref)}">
+    <td class="ref">${esc(t.ref)}</td>
+    <td class="what"><span class="target-role">${esc(t.role || "element")}</span>${t.name ? `<span class="target-name">${esc(t.name)}</span>` : `<span class="target-name none">no name</span>`}${value}${badges}${options}${t.holder !== null ? `<span class="target-holder">in ${esc(t.holder)}</span>` : ""}</td>
+    <td class="where${/^\(/.test(place.text) ? " at" : ""}" title="${esc(t.where)}">${esc(place.text)}</td>
+    <td class="acts">${buttons}</td></tr>`;
+}
+function renderOutline() {
+  const view = $("outline-view");
+  if (!outline) { view.innerHTML = `<div class="empty">Read the window to list what the agent can operate in it.</div>`; return; }
+  if (outline.problem) { view.innerHTML = `<div class="note bad">${esc(outline.problem)}</div>`; return; }
+  const live = outline.device === $("device-select").value;
+  const name = (devices.find((d) => d.deviceId === outline.device) || {}).name || outline.device.slice(0, 8);
+  const offscreen = outline.targets.filter((t) => !placeOf(t.where).visible).length;
+  const rows = outline.targets.map((t, i) => targetRow(t, i, live)).join("");
+  view.innerHTML = `<div class="outline-title"><b>${outline.title === null ? "Untitled window" : esc(outline.title)}</b>
+      <span class="meta">${plural(outline.targets.length, "target")}${offscreen ? ` · ${offscreen} offscreen` : ""} · ${esc(name)} · read ${outline.readAt.toLocaleTimeString()}</span></div>
+    ${live ? "" : `<div class="note bad" style="margin:0 0 10px">This outline is of another device. Read the window to act on the selected one.</div>`}
+    ${rows ? `<div class="targets-box"><table class="targets"><colgroup><col style="width:78px"><col><col style="width:104px"><col style="width:160px"></colgroup><tbody id="outline-rows">${rows}</tbody></table></div>`
+           : outline.odd.length ? "" : `<div class="empty">The window has no targets the agent can operate.</div>`}
+    ${outline.odd.length ? `<div class="note bad">${plural(outline.odd.length, "line")} of the answer could not be read as targets; shown as received:<pre>${esc(outline.odd.join("\n"))}</pre></div>` : ""}
+    ${outline.regions ? `<div class="note">${scrollNote(outline.regions)}</div>` : ""}`;
+  applyBusy();
+}
+
+// An action, then a fresh read of the same window so that its effect shows.
+async function act(device, method, args) {
+  if (!device) { setStatus("session-status", "Pair a device first.", "bad"); return; }
+  setBusy(true);
+  try {
+    const done = await runCommand(device, method, args);
+    if (!done.reached) return;
+    const again = await runCommand(device, "readPage", []);
+    setStatus("session-status", done.summary + (again.ok ? " The window was read again." : " Reading the window again did not work: " + again.summary),
+              done.ok && again.ok ? "ok" : "bad");
+  } finally { setBusy(false); }
+}
+function closeEditors() {
+  document.querySelectorAll("#outline-rows tr.editor").forEach((r) => r.remove());
+}
+// Asks inline for the value a row's Fill… or Choose… sends.
+function openEditor(i, kind) {
+  closeEditors();
+  const t = outline.targets[i];
+  const row = document.querySelector(`#outline-rows tr[data-i="${i}"]`);
+  if (!t || !row) return;
+  const choices = kind === "choose" && t.options && t.options.length ? t.options : null;
+  const editor = document.createElement("tr");
+  editor.className = "editor";
+  editor.innerHTML = `<td></td><td colspan="3"><form class="inline">
+      <span class="hint">${choices ? "Option" : "New value"}</span>
+      ${choices ? `<select>${choices.map((o, k) => `<option value="${k}"${o === t.value ? " selected" : ""}>${esc(o)}</option>`).join("")}</select>` : `<input type="text" spellcheck="false" autocomplete="off">`}
+      <button class="small primary" type="submit">${kind === "fill" ? "Fill" : "Choose"}</button>
+      <button class="small" type="button" data-cancel="1">Cancel</button></form></td>`;
+  row.after(editor);
+  const form = editor.querySelector("form"), field = form.querySelector("input, select");
+  if (!choices) { field.value = t.value || ""; field.select(); }
+  field.focus();
+  form.onsubmit = (ev) => {
+    ev.preventDefault();
+    const value = choices ? choices[Number(field.value)] : field.value;
+    closeEditors();
+    act(outline.device, "formInput", [t.ref, value]);
+  };
+  form.onkeydown = (ev) => { if (ev.key === "Escape") closeEditors(); };
+}
+$("outline-view").addEventListener("click", (ev) => {
+  const b = ev.target.closest("button");
+  if (!b || b.disabled || busyDepth > 0 || !outline || !outline.targets) return;
+  if (b.dataset.cancel) { closeEditors(); return; }
+  const i = Number(b.dataset.i), t = outline.targets[i];
+  if (!t) return;
+  if (b.dataset.act === "click") act(outline.device, "pointer", ["left_click", { ref: t.ref }]);
+  else if (b.dataset.act === "toggle") act(outline.device, "formInput", [t.ref, t.states.includes("checked") ? "false" : "true"]);
+  else if (b.dataset.act === "fill" || b.dataset.act === "choose") openEditor(i, b.dataset.act);
+});
+
+// Read window, type text, press keys and scroll, for the selected device.
+const PROMPTS = {
+  typeText: { hint: "Text to type", placeholder: "into the focused field", args: (v) => [v] },
+  pressKey: { hint: "Keys", placeholder: "Return, Tab, ctrl+a…", args: (v) => [v.trim()] },
+};
+let promptMethod = "";
+function closePrompt() { $("outline-prompt").classList.add("hidden"); promptMethod = ""; }
+document.querySelectorAll("[data-prompt]").forEach((b) => b.onclick = () => {
+  const p = PROMPTS[b.dataset.prompt];
+  promptMethod = b.dataset.prompt;
+  $("prompt-hint").textContent = p.hint;
+  $("prompt-input").placeholder = p.placeholder;
+  $("prompt-input").value = "";
+  $("outline-prompt").classList.remove("hidden");
+  $("prompt-input").focus();
+});
+$("outline-prompt").onsubmit = (ev) => {
+  ev.preventDefault();
+  const value = $("prompt-input").value, method = promptMethod;
+  if (!method || busyDepth > 0) return;
+  if (method === "pressKey" && !value.trim()) { setStatus("session-status", "Name the keys to press, e.g. Return or ctrl+a.", "bad"); return; }
+  closePrompt();
+  act($("device-select").value, method, PROMPTS[method].args(value));
+};
+$("prompt-cancel").onclick = closePrompt;
+$("prompt-input").onkeydown = (ev) => { if (ev.key === "Escape") closePrompt(); };
+document.querySelectorAll("[data-scroll]").forEach((b) => b.onclick = () => act($("device-select").value, "scrollBy", [b.dataset.scroll, 3]));
+$("outline-read").onclick = async () => {
+  const device = $("device-select").value;
+  if (!device) { setStatus("session-status", "Pair a device first.", "bad"); return; }
+  await runCommand(device, "readPage", []);
+};
+$("device-select").addEventListener("change", renderOutline);
 
 // Recordings
 function size(n) { return n >= 1048576 ? (n / 1048576).toFixed(1) + " MiB" : n >= 1024 ? (n / 1024).toFixed(1) + " KiB" : n + " B"; }

@@ -1,6 +1,7 @@
 // The pavix-devserver console in headless Chromium: a pairing code is shown, a command sent from
 // the page is answered by a small fake device (this script, long-polling like the app) and its
-// result appears, and a published recording is listed and plays.
+// result appears, the window outline lists its targets and its row actions send the control
+// methods, and a published recording is listed and plays.
 //
 // usage: node console.test.mjs PATH/TO/pavix-devserver
 // Screenshots of the three views go to $PAVIX_SCREENSHOT_DIR (default: a temporary directory).
@@ -82,7 +83,13 @@ function png(width, height) {
 }
 
 class FakeDevice {
-  constructor() { this.token = ""; this.running = true; this.seen = []; }
+  constructor() {
+    this.token = "";
+    this.running = true;
+    this.seen = [];  // { method, args } of each command, in order
+    this.window = { name: "Ann", subscribed: true };
+    this.outline = null;  // when set, readPage answers this instead of the window's outline
+  }
   async post(path, body, extra = {}) {
     const headers = { "X-Pavix-App-Version": "0.1.0", ...extra };
     if (this.token) headers.Authorization = "Bearer " + this.token;
@@ -104,17 +111,34 @@ class FakeDevice {
     if (method === "screenshot") {
       return { body: { $bytes: png(320, 180).toString("base64") }, contentType: "image/png", redactionPassed: true };
     }
-    if (method === "readPage") {
-      return "window \"Demo\" ref_1\n  button \"Save\" ref_2\n  text field \"Name\" ref_3\nScroll areas (layout only; offscreen content is not visual proof): {\"regions\":[]}";
-    }
+    if (method === "readPage") return this.outline !== null ? this.outline : this.readPage();
     return { ok: true, method };
+  }
+  readPage() {
+    const q = JSON.stringify, at = " — visible at ";
+    return [
+      `Window ${q("Pavix GTK fixture")}`,
+      `  [ref_1] menubaritem ${q("File")} in ${q("menu bar")}${at}(20,12) window points`,
+      `  [ref_2] button ${q("Open")} disabled${at}(64,48) window points`,
+      `  [ref_3] link ${q(INJECTED)}${at}(420,48) window points`,
+      `  [ref_4] button ${q("Save")}${at}(120,48) window points`,
+      `  [ref_5] textbox ${q("Name")} focused value=${q(this.window.name)}${at}(300,80) window points`,
+      `  [ref_6] combobox ${q("Colour")} value=${q("Red")} options=${q(["Red", "Green"])}${at}(300,120) window points`,
+      `  [ref_7] checkbox ${q("Subscribe")} ${this.window.subscribed ? "checked" : "unchecked"} — offscreen-below (scroll to reveal)`,
+      `Scroll areas (layout only; offscreen content is not visual proof): ${q({ regions: [{ kind: "panel", remainingPixels: { down: 170, left: 0, right: 0 } }] })}`,
+    ].join("\n");
+  }
+  act(method, args) {
+    if (method === "formInput" && args[0] === "ref_5") this.window.name = String(args[1]);
+    if (method === "formInput" && args[0] === "ref_7") this.window.subscribed = args[1] === "true";
   }
   async loop() {
     while (this.running) {
       const p = await this.post("poll", {}).catch(() => null);
       if (!p || p.status !== 200 || !p.body.command) continue;
-      const { id, method } = p.body.command;
-      this.seen.push(method);
+      const { id, method, args } = p.body.command;
+      this.seen.push({ method, args });
+      this.act(method, args);
       await this.post("result/" + id, { value: this.answer(method), meta: this.meta() });
     }
   }
@@ -135,6 +159,16 @@ class FakeDevice {
   }
 }
 
+const INJECTED = "<img src=x onerror=window.__injected=1>";
+
+// The commands the device received since `from`, once the page has finished with all of them.
+async function sentSince(from, count) {
+  for (let i = 0; i < 200 && device.seen.length < from + count; i++) await new Promise((r) => setTimeout(r, 50));
+  await page.waitForFunction(() => !document.getElementById("outline-card").classList.contains("busy"));
+  return JSON.stringify(device.seen.slice(from));
+}
+const reread = JSON.stringify({ method: "readPage", args: [] });
+
 function video() {
   // A real two-second MP4 when ffmpeg is there, so the player has something to play.
   const out = join(work, "clip.mp4");
@@ -151,7 +185,7 @@ const context = await chromium.launchPersistentContext(profile, {
   headless: true,
   args: ["--headless", "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run",
          "--disable-background-networking", "--disable-component-update", "--disable-sync"],
-  viewport: { width: 1280, height: 860 },
+  viewport: { width: 1280, height: 800 },
 });
 cleanups.push(() => context.close());
 const page = context.pages()[0] || await context.newPage();
@@ -187,12 +221,77 @@ try {
     assert(ok, "the screenshot did not render as a 320 px image");
     await page.selectOption("#method-select", "readPage");
     await page.click("#send-button");
-    await page.waitForSelector(".result pre.outline");
+    await page.waitForSelector(".result pre.outline", { state: "attached" });
     const outline = await page.textContent(".result pre.outline");
-    assert(outline.includes('button "Save" ref_2'), "outline missing: " + outline);
+    assert(outline.includes('[ref_4] button "Save"'), "outline missing: " + outline);
     assert((await page.textContent("#session-status")).includes("readPage answered"), "no status line");
-    assert(device.seen.join() === "screenshot,readPage", "device saw " + device.seen.join());
+    const methods = device.seen.map((c) => c.method).join();
+    assert(methods === "screenshot,readPage", "device saw " + methods);
+  });
+
+  await check("the window outline shows each target's role, name and states, as text", async () => {
+    const rows = await page.$$eval("#outline-rows tr.target", (trs) => trs.map((tr) => ({
+      ref: tr.dataset.ref, role: tr.querySelector(".target-role").textContent, name: tr.querySelector(".target-name").textContent,
+      value: (tr.querySelector(".target-value") || {}).textContent, badges: [...tr.querySelectorAll(".badge")].map((b) => b.textContent).join(),
+      offscreen: tr.classList.contains("offscreen"), actions: [...tr.querySelectorAll("button")].map((b) => b.textContent + (b.disabled ? "(off)" : "")).join() })));
+    const row = (ref) => JSON.stringify(rows.find((r) => r.ref === ref));
+    assert(rows.length === 7, "rows: " + JSON.stringify(rows));
+    assert(row("ref_4") === JSON.stringify({ ref: "ref_4", role: "button", name: "Save", badges: "", offscreen: false, actions: "Click" }), row("ref_4"));
+    assert(row("ref_5") === JSON.stringify({ ref: "ref_5", role: "textbox", name: "Name", value: "Ann", badges: "focused", offscreen: false, actions: "Fill…,Click" }), row("ref_5"));
+    assert(row("ref_7") === JSON.stringify({ ref: "ref_7", role: "checkbox", name: "Subscribe", badges: "checked", offscreen: true, actions: "Toggle,Click" }), row("ref_7"));
+    assert(row("ref_2").includes('"badges":"disabled"') && row("ref_2").includes("Click(off)"), row("ref_2"));
+    assert(row("ref_6").includes('"actions":"Choose…,Click"'), row("ref_6"));
+    assert(row("ref_3").includes(JSON.stringify(INJECTED).slice(1, -1)), "the injected name is not shown as text: " + row("ref_3"));
+    assert(await page.$$eval("#outline-card img", (imgs) => imgs.length) === 0, "the outline made an element from a name");
+    assert(await page.evaluate(() => window.__injected) === undefined, "a name ran script");
+    const card = await page.textContent("#outline-card");
+    assert(card.includes("Pavix GTK fixture") && card.includes("panel 170 px down"), "title or scroll areas missing: " + card);
     await page.screenshot({ path: join(shots, "session.png") });
+  });
+
+  await check("the outline's actions send their control methods and read the window again", async () => {
+    let from = device.seen.length;
+    await page.click('#outline-rows tr[data-ref="ref_4"] button[data-act=click]');
+    let sent = await sentSince(from, 2);
+    assert(sent === `[${JSON.stringify({ method: "pointer", args: ["left_click", { ref: "ref_4" }] })},${reread}]`, "sent " + sent);
+
+    from = device.seen.length;
+    await page.click('#outline-rows tr[data-ref="ref_5"] button[data-act=fill]');
+    await page.fill("#outline-rows tr.editor input", "Bob <b>");
+    await page.screenshot({ path: join(shots, "session-fill.png") });
+    await page.press("#outline-rows tr.editor input", "Enter");
+    sent = await sentSince(from, 2);
+    assert(sent === `[${JSON.stringify({ method: "formInput", args: ["ref_5", "Bob <b>"] })},${reread}]`, "sent " + sent);
+    const filled = await page.$eval('#outline-rows tr[data-ref="ref_5"]', (tr) => [tr.querySelector(".target-value").textContent, tr.classList.contains("changed")]);
+    assert(filled[0] === "Bob <b>" && filled[1], "the re-read did not show the new value: " + filled);
+
+    from = device.seen.length;
+    await page.click("[data-prompt=pressKey]");
+    await page.fill("#prompt-input", "ctrl+a");
+    await page.press("#prompt-input", "Enter");
+    await page.click("[data-scroll=down]");
+    await page.click('#outline-rows tr[data-ref="ref_7"] button[data-act=toggle]');
+    sent = await sentSince(from, 6);
+    const each = [{ method: "pressKey", args: ["ctrl+a"] }, { method: "scrollBy", args: ["down", 3] }, { method: "formInput", args: ["ref_7", "false"] }];
+    assert(sent === `[${each.map((c) => `${JSON.stringify(c)},${reread}`).join(",")}]`, "sent " + sent);
+    assert((await page.textContent('#outline-rows tr[data-ref="ref_7"] .badge')) === "unchecked", "the toggle did not show");
+    assert((await page.textContent("#session-status")).includes("read again"), "no status after the re-read");
+    await page.screenshot({ path: join(shots, "session-after-actions.png") });
+  });
+
+  await check("an outline the console cannot read is reported in the page", async () => {
+    device.outline = 'Window "Odd"\n  [ref_1] button "unterminated\nnot a target line';
+    await page.click("#outline-read");
+    await page.waitForSelector("#outline-view .note.bad pre");
+    const note = await page.textContent("#outline-view .note.bad");
+    assert(note.includes("2 lines") && note.includes('[ref_1] button "unterminated') && note.includes("not a target line"), note);
+    await page.screenshot({ path: join(shots, "session-odd-outline.png") });
+    device.outline = { unexpected: true };
+    await page.click("#outline-read");
+    await page.waitForFunction(() => document.getElementById("outline-view").textContent.includes("not outline text"));
+    device.outline = null;
+    await page.click("[data-quick=readPage]");
+    await page.waitForSelector('#outline-rows tr[data-ref="ref_4"]');
   });
 
   await check("a published recording is listed and plays", async () => {
