@@ -1,10 +1,12 @@
 #include "ui/LinuxEnvironment.h"
 
+#include <pwd.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
+#include <vector>
 
 #include "core/capture/CaptureError.h"
 #include "linux/FfmpegVideoEncoder.h"
@@ -71,6 +73,20 @@ std::string hostName() {
     return name;
 }
 
+// The user's full name as the account database holds it: the first field of GECOS, which
+// AccountsService's RealName and the desktops' user settings write. Empty when unset.
+std::string userFullName() {
+    passwd entry{};
+    passwd* found = nullptr;
+    std::vector<char> buffer(16384);
+    if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) != 0 || !found ||
+        !found->pw_gecos) {
+        return "";
+    }
+    std::string gecos = found->pw_gecos;
+    return gecos.substr(0, gecos.find(','));
+}
+
 }  // namespace
 
 LinuxEnvironment::LinuxEnvironment() {
@@ -123,6 +139,7 @@ StudioEnvironment LinuxEnvironment::studio(asio::any_io_executor model) {
     };
     env.appVersion = PAVIX_VERSION;
     env.deviceName = hostName();
+    env.userFullName = userFullName();
     env.osVersion = osVersion();
     env.ownPid = ::getpid();
     env.libraryFolder = XdgFolders::library();

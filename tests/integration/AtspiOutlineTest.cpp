@@ -1,5 +1,8 @@
 // The outline of a real application's window read over the accessibility bus: Pavix's own
 // window, a Qt application with buttons, text fields, check boxes and a list.
+#include <pwd.h>
+#include <unistd.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -200,6 +203,15 @@ TEST_F(GtkOutline, TheAgentReadsTheSharedWindowThroughTheService) {
     EXPECT_EQ(outline.rfind("Window \"Pavix GTK fixture\"\n  [ref_1] menubaritem \"File\"", 0), 0u)
         << outline;
     EXPECT_THAT(outline, ::testing::HasSubstr("] textbox \"Password\" secure — visible at"));
+    // The fixture shows who is signed in; where the user's own name shows goes with the reply.
+    const auto* account = ::getpwuid(::getuid());
+    const std::string gecos = account && account->pw_gecos ? account->pw_gecos : "";
+    if (!gecos.empty() && gecos.front() != ',') {
+        ASSERT_EQ(page["meta"]["identitySightings"].size(), 1u) << page.dump();
+        const auto rect = page["meta"]["identitySightings"][0]["rects"][0];
+        EXPECT_GT(rect[1].get<double>(), 300) << rect;  // at the foot of the window
+        EXPECT_LT(rect[1].get<double>(), 480) << rect;
+    }
     auto text = DevServerProcess::envelope(service.agent({"send", "pageText", "--timeout", "20"}));
     EXPECT_THAT(text["value"].get<std::string>(), ::testing::HasSubstr("Password\nName\nRow 1\n"));
 

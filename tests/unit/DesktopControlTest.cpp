@@ -146,57 +146,97 @@ TEST_F(Control, OperatesElementsOfTheLastReadByReferenceOrPoint) {
         json args;
         std::string reply;
     };
-    for (const auto& c : std::vector<Case>{
-             {"pointer", json::array({"left_click", {{"ref", "ref_1"}}}),
-              R"({"action":"left_click","element":"button \"Save\""})"},
-             {"pointer", json::array({"left_click", "ref_1"}),
-              R"({"action":"left_click","element":"button \"Save\""})"},
-             {"pointer", json::array(), "local_method_forbidden: missing ref"},
-             {"pointer", json::array({"left_click", {{"note", 1}}}),
-              "local_method_forbidden: missing ref"},
-             {"pointer", json::array({"left_click", {{"ref", "ref_9"}}}),
-              "stale element reference"},
-             {"pointer", json::array({"left_click", {{"ref", 1}}}), "stale element reference"},
-             {"pointer", json::array({"left_click", {{"x", "ten"}, {"y", 5}}}),
-              "local_method_forbidden: invalid pointer target"},
-             {"pointer", json::array({"left_click", {{"x", 700}, {"y", 5}}}),
-              "local_method_forbidden: invalid pointer target"},
-             {"pointer", json::array({"double_click", {{"coordinate", {10, 20}}}}),
-              R"({"action":"double_click","at":[10.0,20.0]})"},
-             {"pointer", json::array({"drag", {{"ref", "ref_1"}}}),
-              "local_method_forbidden: unsupported: pointer action drag"},
-             {"formInput", json::array({"ref_2", "Yes"}),
-              R"({"checked":true,"element":"checkbox \"Remember me\""})"},
-             {"formInput", json::array({"ref_2", true}),
-              R"({"checked":true,"element":"checkbox \"Remember me\""})"},
-             {"formInput", json::array({"ref_2", "off"}),
-              R"({"checked":false,"element":"checkbox \"Remember me\""})"},
-             {"formInput", json::array(), "local_method_forbidden: missing ref"},
-             {"typeText", json::array({"hi"}), "No text field is focused"},
-             {"pressKey", json::array({"ctrl+s"}), R"({"keys":"ctrl+s"})"},
-             {"pressKey", json::array({"hyper+s"}),
-              "local_method_forbidden: unsupported: modifier hyper"},
-             {"scrollBy", json::array(), R"({"amount":3,"direction":"down"})"},
-             {"scrollBy", json::array({"up", 2, "ref_1"}), R"({"amount":2,"direction":"up"})"},
-             {"scrollBy", json::array({"sideways"}),
-              "local_method_forbidden: unsupported: scroll direction sideways"},
-             {"redactSensitiveText", json::array({"remember"}),
-              R"({"matches":1,"rects":[{"rect":[10.0,40.0,120.0,20.0],"ref":"ref_2"}]})"},
-         }) {
+    for (
+        const auto& c : std::vector<Case>{
+            {"pointer", json::array({"left_click", {{"ref", "ref_1"}}}),
+             R"({"action":"left_click","element":"button \"Save\""})"},
+            {"pointer", json::array({"left_click", "ref_1"}),
+             R"({"action":"left_click","element":"button \"Save\""})"},
+            {"pointer", json::array(), "local_method_forbidden: missing ref"},
+            {"pointer", json::array({"left_click", {{"note", 1}}}),
+             "local_method_forbidden: missing ref"},
+            {"pointer", json::array({"left_click", {{"ref", "ref_9"}}}), "stale element reference"},
+            {"pointer", json::array({"left_click", {{"ref", 1}}}), "stale element reference"},
+            {"pointer", json::array({"left_click", {{"x", "ten"}, {"y", 5}}}),
+             "local_method_forbidden: invalid pointer target"},
+            {"pointer", json::array({"left_click", {{"x", 700}, {"y", 5}}}),
+             "local_method_forbidden: invalid pointer target"},
+            {"pointer", json::array({"double_click", {{"coordinate", {10, 20}}}}),
+             R"({"action":"double_click","at":[10.0,20.0]})"},
+            {"pointer", json::array({"drag", {{"ref", "ref_1"}}}),
+             "local_method_forbidden: unsupported: pointer action drag"},
+            {"formInput", json::array({"ref_2", "Yes"}),
+             R"({"checked":true,"element":"checkbox \"Remember me\""})"},
+            {"formInput", json::array({"ref_2", true}),
+             R"({"checked":true,"element":"checkbox \"Remember me\""})"},
+            {"formInput", json::array({"ref_2", "off"}),
+             R"({"checked":false,"element":"checkbox \"Remember me\""})"},
+            {"formInput", json::array(), "local_method_forbidden: missing ref"},
+            {"typeText", json::array({"hi"}), "No text field is focused"},
+            {"pressKey", json::array({"ctrl+s"}), R"({"keys":"ctrl+s"})"},
+            {"pressKey", json::array({"hyper+s"}),
+             "local_method_forbidden: unsupported: modifier hyper"},
+            {"scrollBy", json::array(), R"({"amount":3,"direction":"down"})"},
+            {"scrollBy", json::array({"up", 2, "ref_1"}), R"({"amount":2,"direction":"up"})"},
+            {"scrollBy", json::array({"sideways"}),
+             "local_method_forbidden: unsupported: scroll direction sideways"},
+            {"redactSensitiveText", json::array({"remember"}),
+             R"({"matches":1,"rects":[{"reason":"text","rect":[10.0,40.0,120.0,20.0],"ref":"ref_2"}]})"},
+            {"redactSensitiveText", json::array(), R"({"matches":0,"rects":[]})"},
+        }) {
         EXPECT_EQ(run(c.method, c.args), c.reply) << c.method << " " << c.args.dump();
     }
     EXPECT_EQ(input.events,
               (std::vector<std::string>{"click 110,70 twice", "key ctrl+s", "scroll down 3 420,290",
                                         "scroll up 2 130,70"}));
-    // The trail of what was done goes with the replies, once.
-    auto trail = control.takeTrail();
+    // The trail of what was done goes with the replies, once, timed from the origin given.
+    const auto origin = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    auto trail = control.takeTelemetry(origin).pointerTrail;
     ASSERT_FALSE(trail.empty());
     EXPECT_EQ(trail.back()["kind"], "scroll");
-    EXPECT_TRUE(control.takeTrail().empty());
+    EXPECT_LT(trail.back()["atMs"].get<long long>(), -4000);
+    EXPECT_TRUE(control.takeTelemetry().pointerTrail.empty());
     // A new read starts the references again: the old ones still name the same places.
     run("readPage", json::array());
     EXPECT_EQ(run("pointer", json::array({"left_click", {{"ref", "ref_1"}}})),
               R"({"action":"left_click","element":"button \"Save\""})");
+}
+
+// Where the user's name and password fields show is told to the agent: in the telemetry of the
+// read that saw them, and in what redactSensitiveText names, in window points.
+TEST_F(Control, NamesWhereTheUsersNameAndPasswordFieldsShow) {
+    ElementFacts signedIn;
+    signedIn.kind = ElementFacts::Kind::staticText;
+    signedIn.value = "Signed in as Ann Example";
+    signedIn.frame = CaptureRect{500, 60, 200, 20};
+    ElementFacts password;
+    password.roleWord = "textbox";
+    password.title = "Password";
+    password.secure = true;
+    password.value = "hunter2";
+    password.frame = CaptureRect{110, 120, 160, 24};
+    accessibility.tree->children.push_back({signedIn, {}, {}});
+    accessibility.tree->children.push_back({password, {}, element("Password")});
+    OutlineOptions options;
+    options.identityName = "Ann Example";
+    DesktopControl control(parts(), 4242, options, InputPacing::none());
+
+    // Without a read yet, it reads first.
+    EXPECT_EQ(control.handle("redactSensitiveText", json::array()).dump(),
+              R"({"matches":2,"rects":[{"reason":"password","rect":[10.0,70.0,160.0,24.0],)"
+              R"("ref":"ref_3"},{"reason":"name","rect":[400.0,10.0,200.0,20.0]}]})");
+    EXPECT_EQ(control.handle("pageText", json::array()).get<std::string>().find("hunter2"),
+              std::string::npos);
+    auto telemetry = control.takeTelemetry();
+    ASSERT_EQ(telemetry.identitySightings.size(), 1u);
+    EXPECT_EQ(telemetry.identitySightings[0]["rects"], json::parse("[[400.0,10.0,200.0,20.0]]"));
+    EXPECT_GE(telemetry.identitySightings[0]["atMs"].get<long long>(), 0);
+    EXPECT_TRUE(control.takeTelemetry().identitySightings.empty());
+
+    // A session that does not know the user's name notes no sighting.
+    DesktopControl anonymous(parts(), 4242, {}, InputPacing::none());
+    anonymous.handle("readPage", json::array());
+    EXPECT_TRUE(anonymous.takeTelemetry().identitySightings.empty());
 }
 
 }  // namespace

@@ -65,6 +65,7 @@ const OutlineSnapshot& DesktopControl::read() {
     snapshot_->milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(
                                   std::chrono::steady_clock::now() - started)
                                   .count();
+    noteSightings(*snapshot_);
     return *snapshot_;
 }
 
@@ -233,9 +234,10 @@ nlohmann::json DesktopControl::scrollBy(const nlohmann::json& args) {
     return {{"direction", word}, {"amount", std::clamp(amount, 1, 50)}};
 }
 
-// Where the given texts show in the last outline, in window points, so that the agent can
-// hide them in what it renders. It changes nothing in the window.
-nlohmann::json DesktopControl::redact(const nlohmann::json& args) const {
+// What the agent should hide in what it renders, in window points, from the last outline (read
+// now when there is none): every password field, every place the user's own name shows, and
+// the targets whose label holds one of the given texts. It changes nothing in the window.
+nlohmann::json DesktopControl::redact(const nlohmann::json& args) {
     std::vector<std::string> wanted;
     auto first = at(args, 0);
     for (const auto& item : first.is_array() ? first : nlohmann::json::array({first})) {
@@ -243,41 +245,73 @@ nlohmann::json DesktopControl::redact(const nlohmann::json& args) const {
             wanted.push_back(Text::lowerAscii(item.get<std::string>()));
         }
     }
-    if (wanted.empty()) {
-        throw InputError::unsupported("no text to redact");
-    }
-    if (!snapshot_) {
-        throw PavixError("stale element reference");
-    }
+    const auto& snapshot = snapshot_ ? *snapshot_ : read();
+    const auto inWindow = [&](const CaptureRect& f) {
+        return nlohmann::json::array(
+            {f.x - snapshot.window.x, f.y - snapshot.window.y, f.width, f.height});
+    };
     nlohmann::json rects = nlohmann::json::array();
-    for (const auto& [ref, element] : snapshot_->targets) {
+    for (const auto& [ref, element] : snapshot.targets) {
         const auto label = Text::lowerAscii(element.label);
-        for (const auto& text : wanted) {
-            if (label.find(text) != std::string::npos) {
-                const auto& f = element.frame;
-                rects.push_back(
-                    {{"ref", ref},
-                     {"rect",
-                      {f.x - snapshot_->window.x, f.y - snapshot_->window.y, f.width, f.height}}});
-                break;
-            }
+        const bool named = std::any_of(wanted.begin(), wanted.end(), [&](const std::string& text) {
+            return label.find(text) != std::string::npos;
+        });
+        if (element.secure || named) {
+            rects.push_back({{"ref", ref},
+                             {"reason", element.secure ? "password" : "text"},
+                             {"rect", inWindow(element.frame)}});
         }
+    }
+    for (const auto& rect : snapshot.identity) {
+        rects.push_back({{"reason", "name"}, {"rect", inWindow(rect)}});
     }
     return {{"matches", rects.size()}, {"rects", rects}};
 }
 
 void DesktopControl::publishTrail() {
     const auto& samples = driver_->telemetry();
-    std::lock_guard lock(trailMutex_);
-    for (; trailSent_ < samples.size(); ++trailSent_) {
-        const auto& s = samples[trailSent_];
-        trail_.push_back({{"x", s.x}, {"y", s.y}, {"atMs", s.atMs}, {"kind", s.kind}});
-    }
+    std::lock_guard lock(telemetryMutex_);
+    trail_.insert(trail_.end(), samples.begin() + trailSent_, samples.end());
+    trailSent_ = samples.size();
 }
 
-nlohmann::json DesktopControl::takeTrail() {
-    std::lock_guard lock(trailMutex_);
-    return std::exchange(trail_, nlohmann::json::array());
+void DesktopControl::noteSightings(const OutlineSnapshot& snapshot) {
+    if (snapshot.identity.empty()) {
+        return;
+    }
+    Sighting sighting{std::chrono::steady_clock::now(), {}};
+    for (const auto& rect : snapshot.identity) {
+        sighting.rects.push_back(
+            {rect.x - snapshot.window.x, rect.y - snapshot.window.y, rect.width, rect.height});
+    }
+    std::lock_guard lock(telemetryMutex_);
+    sightings_.push_back(std::move(sighting));
+}
+
+ControlTelemetry DesktopControl::takeTelemetry(
+    std::optional<std::chrono::steady_clock::time_point> origin) {
+    using std::chrono::milliseconds;
+    const auto from = origin.value_or(driver_->started());
+    const auto sinceOrigin = [&](std::chrono::steady_clock::time_point at) {
+        return std::chrono::duration_cast<milliseconds>(at - from).count();
+    };
+    std::lock_guard lock(telemetryMutex_);
+    ControlTelemetry telemetry;
+    for (const auto& s : trail_) {
+        const auto at = driver_->started() + milliseconds(s.atMs);
+        telemetry.pointerTrail.push_back(
+            {{"x", s.x}, {"y", s.y}, {"atMs", sinceOrigin(at)}, {"kind", s.kind}});
+    }
+    for (const auto& s : sightings_) {
+        nlohmann::json rects = nlohmann::json::array();
+        for (const auto& r : s.rects) {
+            rects.push_back({r.x, r.y, r.width, r.height});
+        }
+        telemetry.identitySightings.push_back({{"atMs", sinceOrigin(s.at)}, {"rects", rects}});
+    }
+    trail_.clear();
+    sightings_.clear();
+    return telemetry;
 }
 
 nlohmann::json DesktopControl::handle(const std::string& method, const nlohmann::json& args) {

@@ -5,8 +5,10 @@
 #include <optional>
 #include <string>
 
+#include <chrono>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "core/control/InputDriver.h"
 #include "core/control/OutlineBuilder.h"
@@ -17,6 +19,14 @@
 #include "platform/ShareableContent.h"
 
 namespace pavix {
+
+// What the agent's actions and reads left for drawing over the recording: the pointer's samples
+// and the places where the user's own name showed. Each entry's "atMs" counts from the
+// recording's start while one runs, else from the session's.
+struct ControlTelemetry {
+    nlohmann::json pointerTrail = nlohmann::json::array();       // {"x", "y", "atMs", "kind"}
+    nlohmann::json identitySightings = nlohmann::json::array();  // {"atMs", "rects"}
+};
 
 // The platform parts a control session works with; they outlive it.
 struct ControlParts {
@@ -54,9 +64,11 @@ class DesktopControl {
     // The last outline read, if any.
     const std::optional<OutlineSnapshot>& snapshot() const { return snapshot_; }
 
-    // The pointer samples made since the last call, for the reply's `pointerTrail`: each
-    // {"x", "y", "atMs", "kind"} in screen points. Any thread.
-    nlohmann::json takeTrail();
+    // The pointer samples (screen points) and the sightings of the user's name (window points)
+    // since the last call, timed from `origin`, or from the session's start without one. Any
+    // thread.
+    ControlTelemetry takeTelemetry(
+        std::optional<std::chrono::steady_clock::time_point> origin = std::nullopt);
 
   private:
     ShareableWindow locate() const;
@@ -66,9 +78,10 @@ class DesktopControl {
     nlohmann::json formInput(const nlohmann::json& args);
     nlohmann::json typeText(const nlohmann::json& args);
     nlohmann::json scrollBy(const nlohmann::json& args);
-    nlohmann::json redact(const nlohmann::json& args) const;
+    nlohmann::json redact(const nlohmann::json& args);
     ScreenPoint windowPoint(const nlohmann::json& options, const CaptureRect& window) const;
     void publishTrail();
+    void noteSightings(const OutlineSnapshot& snapshot);
 
     ControlParts parts_;
     std::uint32_t windowID_;
@@ -77,8 +90,13 @@ class DesktopControl {
     std::unique_ptr<InputDriver> driver_;
     std::optional<OutlineSnapshot> snapshot_;
     std::size_t trailSent_ = 0;
-    std::mutex trailMutex_;
-    nlohmann::json trail_ = nlohmann::json::array();
+    struct Sighting {
+        std::chrono::steady_clock::time_point at;
+        std::vector<CaptureRect> rects;  // window points
+    };
+    std::mutex telemetryMutex_;  // guards what follows: taken from another thread
+    std::vector<PointerSample> trail_;
+    std::vector<Sighting> sightings_;
 };
 
 }  // namespace pavix

@@ -84,6 +84,9 @@ class InputDriver {
     // The focused element of the application, when it is a text field; nothing otherwise.
     std::optional<FocusedElement> focusedTextField();
 
+    // When the driver started: the samples' `atMs` count from here.
+    std::chrono::steady_clock::time_point started() const { return started_; }
+
   private:
     void bringForward();
     void typeCharacter(char32_t character);

@@ -314,7 +314,7 @@ class Studio {
     // Used only on the control thread; held here so that it lives across the agent's calls.
     std::shared_ptr<DesktopControl> control_;
     // The pointer samples of the last control method, sent with its reply.
-    nlohmann::json pointerTrail_ = nlohmann::json::array();
+    ControlTelemetry controlTelemetry_;  // of the last control method
 
     Task loop_;
     Task reconnectTask_;

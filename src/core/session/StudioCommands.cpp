@@ -23,7 +23,7 @@ nlohmann::json describeSource(const CaptureSource& source) {
 }  // namespace
 
 asio::awaitable<nlohmann::json> Studio::run(std::string method, nlohmann::json args) {
-    pointerTrail_ = nlohmann::json::array();
+    controlTelemetry_ = {};
     if (DesktopControl::serves(method)) {
         if (!state_.allowControl) {
             throw PavixError(
@@ -45,7 +45,7 @@ asio::awaitable<nlohmann::json> Studio::run(std::string method, nlohmann::json a
             failure = std::current_exception();
         }
         // What the pointer did goes with the reply, whether the method succeeded or not.
-        pointerTrail_ = control->takeTrail();
+        controlTelemetry_ = control->takeTelemetry(recordingSince());
         if (env_.controlLog) {
             const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
                                 std::chrono::steady_clock::now() - started)
@@ -53,8 +53,8 @@ asio::awaitable<nlohmann::json> Studio::run(std::string method, nlohmann::json a
             log("control " + method + " (" + std::to_string(args.dump().size()) +
                 " bytes of arguments) " +
                 (failure ? "failed: " + ErrorText::describe(failure) : std::string("done")) +
-                " in " + std::to_string(ms) + " ms, " + std::to_string(pointerTrail_.size()) +
-                " pointer samples");
+                " in " + std::to_string(ms) + " ms, " +
+                std::to_string(controlTelemetry_.pointerTrail.size()) + " pointer samples");
         }
         if (failure) {
             std::rethrow_exception(failure);
@@ -73,7 +73,11 @@ asio::awaitable<std::shared_ptr<DesktopControl>> Studio::desktopControl(std::uin
         releaseControl();
         ControlParts parts{*env_.accessibility, *env_.accessibleActions, *env_.desktopInput,
                            *env_.content};
-        auto open = [parts, windowID] { return std::make_shared<DesktopControl>(parts, windowID); };
+        OutlineOptions options;
+        options.identityName = env_.userFullName;
+        auto open = [parts, windowID, options] {
+            return std::make_shared<DesktopControl>(parts, windowID, options);
+        };
         control_ = co_await offloadTo(env_.controlThread->get_executor(), std::move(open));
     }
     co_return control_;
@@ -153,8 +157,8 @@ nlohmann::json Studio::meta() const {
     }
     nlohmann::json meta = {{"captureViewport", viewport},
                            {"recordingMode", "screencast"},
-                           {"pointerTrail", pointerTrail_},
-                           {"identitySightings", nlohmann::json::array()}};
+                           {"pointerTrail", controlTelemetry_.pointerTrail},
+                           {"identitySightings", controlTelemetry_.identitySightings}};
     if (windowReport_) {
         meta["desktopWindow"] = *windowReport_;
     }

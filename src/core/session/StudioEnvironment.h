@@ -50,6 +50,7 @@ struct StudioEnvironment {
     std::function<double()> nowMs;
     std::string appVersion = "dev";
     std::string deviceName = "computer";
+    std::string userFullName;  // the user's own name, whose sightings the agent is told of
     std::string osVersion = "unknown";  // the operating system as the support summary names it
     std::int32_t ownPid = 0;  // this process: its own windows are never offered as sources
     std::filesystem::path libraryFolder;        // where recordings are kept
