@@ -2,6 +2,7 @@
 
 #include <atspi/atspi.h>
 
+#include <chrono>
 #include <cmath>
 #include <memory>
 
@@ -107,9 +108,15 @@ std::string chosenOf(AtspiAccessible* combo) {
     return take(atspi_accessible_get_name(chosen.get(), &error), error);
 }
 
+using Clock = std::chrono::steady_clock;
+
 class Walk {
   public:
-    explicit Walk(const OutlineOptions& options) : options_(options) {}
+    Walk(const OutlineOptions& options, Clock::time_point deadline)
+        : options_(options), deadline_(deadline) {}
+
+    // Whether the walk stopped at its deadline.
+    bool cut() const { return cut_; }
 
     AccessibleElement read(AtspiAccessible* accessible, int depth, bool parentIsMenuBar,
                            bool scrolled) {
@@ -184,6 +191,10 @@ class Walk {
             if (!options_.admits(visited_, depth + 1)) {
                 break;
             }
+            if (Clock::now() > deadline_) {
+                cut_ = true;
+                break;
+            }
             if (auto child = childAt(accessible, i)) {
                 element.children.push_back(read(child.get(), depth + 1, menuBar, scrolling));
             }
@@ -222,7 +233,9 @@ class Walk {
 
   private:
     const OutlineOptions& options_;
+    Clock::time_point deadline_;
     int visited_ = 0;
+    bool cut_ = false;
 };
 
 // How far apart two frames are: the sum of the differences of their edges.
@@ -249,6 +262,7 @@ bool AtspiTreeReader::reachable() {
 std::optional<AccessibleElement> AtspiTreeReader::read(const Window& window,
                                                        const OutlineOptions& options) {
     start();
+    const auto deadline = Clock::now() + std::chrono::milliseconds(budgetMs_);
     Ref<AtspiAccessible> desktop(atspi_get_desktop(0));
     if (!desktop) {
         return std::nullopt;
@@ -271,7 +285,8 @@ std::optional<AccessibleElement> AtspiTreeReader::read(const Window& window,
         if (static_cast<pid_t>(pid) != window.pid) {
             continue;
         }
-        for (int j = 0, frames = childCount(app.get()); j < frames; ++j) {
+        for (int j = 0, frames = childCount(app.get()); j < frames && Clock::now() < deadline;
+             ++j) {
             auto frame = childAt(app.get(), j);
             if (!frame) {
                 continue;
@@ -307,8 +322,10 @@ std::optional<AccessibleElement> AtspiTreeReader::read(const Window& window,
     if (!best) {
         return std::nullopt;
     }
-    Walk walk(options);
-    return walk.read(best.get(), 0, false, false);
+    Walk walk(options, deadline);
+    auto tree = walk.read(best.get(), 0, false, false);
+    tree.partial = walk.cut();
+    return tree;
 }
 
 }  // namespace pavix

@@ -15,9 +15,11 @@ class AtspiTreeReader : public AccessibilityReader {
   public:
     using Window = ControlledWindow;
 
-    // `timeoutMs` bounds each call into an application. libatspi starts on the thread of the
-    // first call.
-    explicit AtspiTreeReader(int timeoutMs = 1000) : timeoutMs_(timeoutMs) {}
+    // `timeoutMs` bounds each call into an application, `budgetMs` a whole read: an application
+    // that stops answering halfway gives what was read by then. libatspi starts on the thread
+    // of the first call.
+    explicit AtspiTreeReader(int timeoutMs = 1000, int budgetMs = 4000)
+        : timeoutMs_(timeoutMs), budgetMs_(budgetMs) {}
 
     bool reachable() override;
     std::optional<AccessibleElement> read(const Window& window,
@@ -27,6 +29,7 @@ class AtspiTreeReader : public AccessibilityReader {
     void start();
 
     int timeoutMs_;
+    int budgetMs_;
     bool started_ = false;
 };
 

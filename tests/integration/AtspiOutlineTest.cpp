@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <thread>
 
 #include "core/control/OutlineBuilder.h"
 #include "linux/AtspiTreeReader.h"
@@ -171,6 +172,43 @@ TEST_F(GtkOutline, EachKindOfControlHasItsLine) {
     // The hidden page is not read; the labels are the page's text.
     EXPECT_EQ(snapshot->text.find("Nothing here yet"), std::string::npos) << snapshot->text;
     EXPECT_NE(snapshot->text.find("Password"), std::string::npos);
+}
+
+// An application that stops answering halfway costs the read its budget, not a call's time-out
+// for each of its elements; once it answers again the read is whole.
+TEST_F(GtkOutline, AnApplicationThatStopsAnsweringCostsABoundedRead) {
+    ASSERT_TRUE(eventually([&] { return read().has_value(); }, seconds(20)));
+    std::optional<AtspiTreeReader::Window> target;
+    for (const auto& window : X11ShareableContent().current().windows) {
+        if (window.pid == fixture.pid() && window.onScreen) {
+            target = {
+                fixture.pid(), {window.x, window.y, window.width, window.height}, window.title};
+        }
+    }
+    ASSERT_TRUE(target);
+    AtspiTreeReader bounded(1000, 1500);
+    // The application stops while the read walks its tree (a whole read takes about 100 ms
+    // here), after the frame was found: there is no event to wait for inside the walk.
+    const auto started = std::chrono::steady_clock::now();
+    std::thread stop([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        fixture.signal(SIGSTOP);
+    });
+    auto tree = bounded.read(*target, {});
+    const auto waited = std::chrono::steady_clock::now() - started;
+    stop.join();
+    fixture.signal(SIGCONT);
+    // Unbounded, each of the window's elements would wait for its own time-out: minutes.
+    EXPECT_LT(waited, seconds(8));
+    if (tree) {
+        EXPECT_TRUE(tree->partial);
+        EXPECT_THAT(OutlineBuilder::build(*tree, target->frame, {}).outline,
+                    ::testing::StartsWith("(Part of the window was read: the application stopped "
+                                          "answering.)\n"));
+    }
+    auto whole = bounded.read(*target, {});
+    ASSERT_TRUE(whole);
+    EXPECT_FALSE(whole->partial);
 }
 
 // The agent reads the shared window through the development service: Pavix, paired from the

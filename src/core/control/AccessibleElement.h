@@ -50,6 +50,9 @@ struct AccessibleElement {
     std::vector<AccessibleElement> children;
     // The platform's own element, kept for acting on it later; opaque here.
     std::shared_ptr<const void> handle;
+    // Set on the window when the application stopped answering before the read was done: the
+    // tree holds what was read until then.
+    bool partial = false;
 };
 
 }  // namespace pavix

@@ -199,6 +199,9 @@ OutlineSnapshot build(const AccessibleElement& window, const CaptureRect& frame,
     if (!options.title.empty()) {
         outline = "Window " + OutlineText::quoted(options.title, 120) + "\n";
     }
+    if (window.partial) {
+        outline += "(Part of the window was read: the application stopped answering.)\n";
+    }
     for (const auto& line : walk.lines) {
         outline += line + "\n";
     }
