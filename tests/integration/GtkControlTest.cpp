@@ -182,5 +182,34 @@ TEST_F(GtkControl, APointUnderAnotherWindowGetsNoEventAndThePointerComesBack) {
     EXPECT_EQ(input.pointer(), (ScreenPoint{5, 5}));
 }
 
+// A window whose class names a terminal is never operated, however accessible it is.
+TEST(GtkControlRefusal, ATerminalsWindowIsNeverOperated) {
+    ChildProcess terminal({PAVIX_GTK_FIXTURE_BINARY, "--class=XTerm", "--name=xterm", "xterm"},
+                          {{"NO_AT_BRIDGE", "0"}});
+    auto line = terminal.waitForLine("window 0x", seconds(20));
+    ASSERT_TRUE(line) << terminal.output();
+    const std::uint32_t windowID = std::stoul(line->substr(line->find("0x")), nullptr, 16);
+    AtspiTreeReader reader;
+    AtspiActions actions;
+    X11DesktopInput input;
+    X11ShareableContent content;
+    ASSERT_TRUE(eventually([&] {
+        for (const auto& window : content.current().windows) {
+            if (window.id == windowID && window.onScreen) {
+                return true;
+            }
+        }
+        return false;
+    }));
+    try {
+        DesktopControl control(ControlParts{reader, actions, input, content}, windowID);
+        ADD_FAILURE() << "a terminal's window was opened for control";
+    } catch (const PavixError& e) {
+        EXPECT_STREQ(e.what(), "local_method_forbidden: Pavix does not operate this app");
+    }
+    terminal.signal(SIGTERM);
+    terminal.wait(seconds(10));
+}
+
 }  // namespace
 }  // namespace pavix::test
