@@ -182,6 +182,22 @@ TEST_F(GtkControl, APointUnderAnotherWindowGetsNoEventAndThePointerComesBack) {
     EXPECT_EQ(input.pointer(), (ScreenPoint{5, 5}));
 }
 
+// A menu the agent opens from the menu bar is read with the window, and its items are operated
+// like any other target.
+TEST_F(GtkControl, AnOpenedMenuIsReadAndItsItemsOperated) {
+    EXPECT_EQ(read().find("menuitem \"Open\""), std::string::npos);
+    run("pointer", json::array({"left_click", ref("menubaritem \"File\"")}));
+    std::string open;
+    ASSERT_TRUE(eventually([&] {
+        open = read();
+        return open.find("] menuitem \"Open\"") != std::string::npos;
+    })) << open;
+    EXPECT_THAT(open, ::testing::HasSubstr("menuitem \"Open\" in \"open menu\" — visible at"));
+    EXPECT_EQ(run("pointer", json::array({"left_click", ref("menuitem \"Open\"")})),
+              R"({"action":"left_click","element":"menuitem \"Open\""})");
+    EXPECT_TRUE(says("menu Open")) << fixture.output();
+}
+
 // A window whose class names a terminal is never operated, however accessible it is.
 TEST(GtkControlRefusal, ATerminalsWindowIsNeverOperated) {
     ChildProcess terminal({PAVIX_GTK_FIXTURE_BINARY, "--class=XTerm", "--name=xterm", "xterm"},

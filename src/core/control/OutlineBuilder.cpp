@@ -97,7 +97,12 @@ class Walk {
             childArea = areas_.size();
             areas_.push_back({childClip, std::nullopt});
         }
-        const auto& childHolder = facts.kind == Kind::layoutGroup && !name.empty() ? name : holder;
+        // What a menu holds is read only while it shows: its items are in an open menu.
+        const bool menu = facts.roleWord == "menubaritem" || facts.roleWord == "menuitem";
+        static const std::string kOpenMenu = "open menu";
+        const auto& childHolder = menu                                               ? kOpenMenu
+                                  : facts.kind == Kind::layoutGroup && !name.empty() ? name
+                                                                                     : holder;
         for (const auto& child : element.children) {
             visit(child, depth + 1, childClip, childHolder, childArea);
         }
