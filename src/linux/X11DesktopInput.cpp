@@ -174,6 +174,16 @@ std::optional<pid_t> X11DesktopInput::focusedOwner() {
     return pidOf(X11Properties::topLevel(d, focus));
 }
 
+std::optional<std::uint32_t> X11DesktopInput::activeWindow() {
+    auto& d = display();
+    X11ErrorTrap trap(d.get());
+    auto active = X11Properties::items(d, d.root(), "_NET_ACTIVE_WINDOW");
+    if (active.empty() || active[0] == None) {
+        return std::nullopt;
+    }
+    return static_cast<std::uint32_t>(active[0]);
+}
+
 bool X11DesktopInput::activate(std::uint32_t windowID) {
     auto& d = display();
     X11ErrorTrap trap(d.get());

@@ -25,6 +25,7 @@ class X11DesktopInput : public DesktopInput {
     void type(char32_t character) override;
     std::optional<pid_t> focusedOwner() override;
     bool activate(std::uint32_t windowID) override;
+    std::optional<std::uint32_t> activeWindow() override;
 
   private:
     X11Display& display();

@@ -46,6 +46,8 @@ class DesktopInput {
     // Raises the window and gives it the keyboard focus, as the window manager would on a
     // click; whether it asked.
     virtual bool activate(std::uint32_t windowID) = 0;
+    // The window the window manager keeps active, if any.
+    virtual std::optional<std::uint32_t> activeWindow() = 0;
 };
 
 }  // namespace pavix

@@ -34,7 +34,7 @@ class GtkControl : public ::testing::Test {
             [&] {
                 try {
                     control.emplace(ControlParts{reader, actions, input, content}, windowID,
-                                    OutlineOptions{}, InputPacing::none());
+                                    OutlineOptions{}, pacing());
                     return read().find("button \"Save\"") != std::string::npos;
                 } catch (const PavixError&) {
                     return false;
@@ -46,6 +46,15 @@ class GtkControl : public ::testing::Test {
         control.reset();
         fixture.signal(SIGTERM);
         fixture.wait(seconds(10));
+    }
+
+    // No pauses between characters, but the window manager's and the toolkit's time to move
+    // the focus.
+    static InputPacing pacing() {
+        auto pacing = InputPacing::none();
+        pacing.activatePoll = std::chrono::milliseconds(50);
+        pacing.settle = std::chrono::milliseconds(150);
+        return pacing;
     }
 
     std::string read() { return control->handle("readPage", json::array()).get<std::string>(); }
@@ -126,9 +135,22 @@ TEST_F(GtkControl, TypingAndKeysReachTheFocusedField) {
         auto focused = actions.focused(fixture.pid());
         return focused && focused->editable;
     }));
+    // Another application has the front: typing brings the fixture forward, and the end of
+    // the recording gives the front back.
+    X11TestDisplay display;
+    X11TestWindow other(display, otherApplication(700, 500, 200, 100, 0x3366cc));
+    other.map();
+    ASSERT_TRUE(eventually([&] {
+        input.activate(other.id());
+        return input.activeWindow() == other.id();
+    }));
     // Characters the keymap has, shifted ones, and one it lacks.
-    EXPECT_EQ(run("typeText", json::array({"Ada L. é€"})), R"({"typed":12})");
+    EXPECT_EQ(run("typeText", json::array({"Ada L. é€"})), R"({"typed":9})");
     EXPECT_TRUE(says("changed Name=Ada L. é€")) << fixture.output();
+    EXPECT_EQ(input.activeWindow(), windowID);
+    control->endRecording();
+    EXPECT_TRUE(eventually([&] { return input.activeWindow() == other.id(); }));
+    run("pointer", json::array({"left_click", {{"ref", ref("textbox \"Name\"")}}}));
     run("pressKey", json::array({"ctrl+a BackSpace"}));
     EXPECT_TRUE(eventually([&] {
         auto lines = fixture.lines();

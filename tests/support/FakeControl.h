@@ -121,19 +121,26 @@ class FakeDesktopInput : public DesktopInput {
                                     : "type " + std::string(1, static_cast<char>(c)));
     }
     std::optional<pid_t> focusedOwner() override { return front; }
-    bool activate(std::uint32_t) override {
+    // Activating the window of another process brings it forward; activating the operated
+    // one does when `comesForward`.
+    bool activate(std::uint32_t id) override {
         ++activations;
-        if (comesForward) {
-            front = owner;
+        if (auto other = owners.find(id); other != owners.end()) {
+            front = other->second, active = id;
+        } else if (comesForward) {
+            front = owner, active = id;
         }
         return true;
     }
+    std::optional<std::uint32_t> activeWindow() override { return active; }
 
     std::vector<Area> windows;
     ScreenPoint at{5, 5};
     std::optional<pid_t> front;
     pid_t owner = 77;  // the process that activation brings forward
     bool comesForward = true;
+    std::optional<std::uint32_t> active;
+    std::map<std::uint32_t, pid_t> owners;  // windows of other processes, by number
     int activations = 0;
     std::vector<std::string> events;
 

@@ -149,8 +149,11 @@ TEST_F(Driver, PointsOutsideTheWindowOrUnderAnotherOneGetNoEvent) {
 
 TEST_F(Driver, TypesWithTheApplicationInFrontAndNeverIntoAPasswordField) {
     input.front = kOther;
+    input.active = 900;
+    input.owners = {{900, kOther}};
     driver.typeKeys("a\r\nb\nc");
     EXPECT_EQ(input.activations, 1);
+    EXPECT_EQ(input.front, kApp);
     EXPECT_EQ(input.events, (std::vector<std::string>{"type a", "type Return", "type b",
                                                       "type Return", "type c"}));
 
@@ -164,6 +167,20 @@ TEST_F(Driver, TypesWithTheApplicationInFrontAndNeverIntoAPasswordField) {
     EXPECT_EQ(failure([&] { driver.press("q"); }), "local_sign_in_required");
     driver.press("Tab ctrl+a");
     EXPECT_EQ(input.events, (std::vector<std::string>{"type x", "key Tab", "key ctrl+a"}));
+
+    // The front goes back to the window that had it, once.
+    driver.handFrontBack();
+    EXPECT_EQ(input.active, 900u);
+    EXPECT_EQ(input.front, kOther);
+    driver.handFrontBack();
+    EXPECT_EQ(input.activations, 2);
+    // The user took the front meanwhile: it stays where the user put it.
+    actions.focusSequence.clear();
+    driver.typeKeys("d");
+    input.active = 901, input.front = kOther + 1;
+    driver.handFrontBack();
+    EXPECT_EQ(input.active, 901u);
+    EXPECT_EQ(input.activations, 3);
 
     // Another application keeps the front.
     actions.focusSequence.clear();

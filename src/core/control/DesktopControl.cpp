@@ -202,7 +202,7 @@ nlohmann::json DesktopControl::typeText(const nlohmann::json& args) {
     }
     const auto text = textOf(at(args, 0));
     driver_->typeKeys(text);
-    return {{"typed", text.size()}};
+    return {{"typed", Text::characters(text).size()}};
 }
 
 nlohmann::json DesktopControl::scrollBy(const nlohmann::json& args) {

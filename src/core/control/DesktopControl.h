@@ -61,6 +61,10 @@ class DesktopControl {
     // sentence for the agent.
     nlohmann::json handle(const std::string& method, const nlohmann::json& args);
 
+    // The recording of the window ended: the front goes back to the window that had it
+    // before the session brought its own forward.
+    void endRecording() { driver_->handFrontBack(); }
+
     // The last outline read, if any.
     const std::optional<OutlineSnapshot>& snapshot() const { return snapshot_; }
 

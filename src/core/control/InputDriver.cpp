@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <thread>
+#include <utility>
 
 #include "core/control/InputError.h"
 #include "core/runtime/Text.h"
@@ -119,7 +120,16 @@ void InputDriver::hover(ScreenPoint point, const CaptureRect& window) {
 }
 
 std::optional<FocusedElement> InputDriver::focusedTextField() {
+    // An application that is not in front reports no focus of its own (GTK clears it with
+    // the window's active state): the question is asked with the window in front.
+    const bool raised = bringForward();
     auto focused = actions_.focused(pid_);
+    // The application tells its accessibility bus of the focus after the window manager
+    // activates its window.
+    for (int poll = 0; raised && !focused && poll < pacing_.activatePolls; ++poll) {
+        std::this_thread::sleep_for(pacing_.activatePoll);
+        focused = actions_.focused(pid_);
+    }
     if (!focused || !(focused->editable || focused->secure)) {
         return std::nullopt;
     }
@@ -176,19 +186,30 @@ void InputDriver::choose(const OutlineTarget& target, const std::string& option,
     note("choose", target.label, target.frame);
 }
 
-void InputDriver::bringForward() {
+bool InputDriver::bringForward() {
     if (input_.focusedOwner() == pid_) {
-        return;
+        return false;
+    }
+    if (!previousFront_) {
+        previousFront_ = input_.activeWindow();
     }
     input_.activate(windowID_);
     for (int poll = 0; poll < pacing_.activatePolls; ++poll) {
         if (input_.focusedOwner() == pid_) {
             std::this_thread::sleep_for(pacing_.settle);
-            return;
+            return true;
         }
         std::this_thread::sleep_for(pacing_.activatePoll);
     }
     throw InputError::refused("another app came in front while typing");
+}
+
+void InputDriver::handFrontBack() {
+    auto previous = std::exchange(previousFront_, std::nullopt);
+    // The user may have moved on meanwhile: the front is handed back only by whom it was taken.
+    if (previous && *previous != windowID_ && input_.focusedOwner() == pid_) {
+        input_.activate(*previous);
+    }
 }
 
 void InputDriver::typeCharacter(char32_t character) {

@@ -81,14 +81,20 @@ class InputDriver {
 
     const std::vector<PointerSample>& telemetry() const { return telemetry_; }
     const nlohmann::json& timeline() const { return timeline_; }
-    // The focused element of the application, when it is a text field; nothing otherwise.
+    // The focused element of the application, when it is a text field; nothing otherwise. The
+    // window is brought forward first, as for typing.
     std::optional<FocusedElement> focusedTextField();
+
+    // Gives the front back to the window that had it before typing brought the operated
+    // window forward, while the operated application still has it.
+    void handFrontBack();
 
     // When the driver started: the samples' `atMs` count from here.
     std::chrono::steady_clock::time_point started() const { return started_; }
 
   private:
-    void bringForward();
+    // Brings the window to the front; whether it was elsewhere. Throws when it stays behind.
+    bool bringForward();
     void typeCharacter(char32_t character);
     void note(const std::string& action, const std::string& element, const CaptureRect& frame);
     long long sinceStart() const;
@@ -98,6 +104,7 @@ class InputDriver {
     AccessibleActions& actions_;
     DesktopInput& input_;
     InputPacing pacing_;
+    std::optional<std::uint32_t> previousFront_;  // active before the window was brought forward
     std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
     std::vector<PointerSample> telemetry_;
     nlohmann::json timeline_ = nlohmann::json::array();

@@ -278,6 +278,9 @@ std::optional<Studio::Stop> Studio::stopRecording(const std::string& message, bo
     if (!message.empty()) {
         setStatus(message);
     }
+    if (control_ && env_.controlThread) {
+        asio::post(*env_.controlThread, [control = control_] { control->endRecording(); });
+    }
     Stop stop{std::make_shared<SharedOutcome<bool>>(env_.executor),
               std::make_shared<SharedOutcome<bool>>(env_.executor)};
     stop_ = stop;
