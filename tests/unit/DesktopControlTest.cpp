@@ -189,12 +189,10 @@ TEST_F(Control, OperatesElementsOfTheLastReadByReferenceOrPoint) {
     EXPECT_EQ(input.events,
               (std::vector<std::string>{"click 110,70 twice", "key ctrl+s", "scroll down 3 420,290",
                                         "scroll up 2 130,70"}));
-    // The trail of what was done goes with the replies, once, timed from the origin given.
-    const auto origin = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-    auto trail = control.takeTelemetry(origin).pointerTrail;
+    // The trail of what was done goes with the replies, once.
+    auto trail = control.takeTelemetry().pointerTrail;
     ASSERT_FALSE(trail.empty());
     EXPECT_EQ(trail.back()["kind"], "scroll");
-    EXPECT_LT(trail.back()["atMs"].get<long long>(), -4000);
     EXPECT_TRUE(control.takeTelemetry().pointerTrail.empty());
     // A new read starts the references again: the old ones still name the same places.
     run("readPage", json::array());

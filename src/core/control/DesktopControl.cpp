@@ -288,26 +288,22 @@ void DesktopControl::noteSightings(const OutlineSnapshot& snapshot) {
     sightings_.push_back(std::move(sighting));
 }
 
-ControlTelemetry DesktopControl::takeTelemetry(
-    std::optional<std::chrono::steady_clock::time_point> origin) {
-    using std::chrono::milliseconds;
-    const auto from = origin.value_or(driver_->started());
-    const auto sinceOrigin = [&](std::chrono::steady_clock::time_point at) {
-        return std::chrono::duration_cast<milliseconds>(at - from).count();
-    };
+ControlTelemetry DesktopControl::takeTelemetry() {
     std::lock_guard lock(telemetryMutex_);
     ControlTelemetry telemetry;
     for (const auto& s : trail_) {
-        const auto at = driver_->started() + milliseconds(s.atMs);
         telemetry.pointerTrail.push_back(
-            {{"x", s.x}, {"y", s.y}, {"atMs", sinceOrigin(at)}, {"kind", s.kind}});
+            {{"x", s.x}, {"y", s.y}, {"atMs", s.atMs}, {"kind", s.kind}});
     }
     for (const auto& s : sightings_) {
         nlohmann::json rects = nlohmann::json::array();
         for (const auto& r : s.rects) {
             rects.push_back({r.x, r.y, r.width, r.height});
         }
-        telemetry.identitySightings.push_back({{"atMs", sinceOrigin(s.at)}, {"rects", rects}});
+        const auto atMs =
+            std::chrono::duration_cast<std::chrono::milliseconds>(s.at - driver_->started())
+                .count();
+        telemetry.identitySightings.push_back({{"atMs", atMs}, {"rects", rects}});
     }
     trail_.clear();
     sightings_.clear();

@@ -21,8 +21,8 @@
 namespace pavix {
 
 // What the agent's actions and reads left for drawing over the recording: the pointer's samples
-// and the places where the user's own name showed. Each entry's "atMs" counts from the
-// recording's start while one runs, else from the session's.
+// and the places where the user's own name showed. Each entry's "atMs" counts from the start
+// of the session's input driver, as the samples do.
 struct ControlTelemetry {
     nlohmann::json pointerTrail = nlohmann::json::array();       // {"x", "y", "atMs", "kind"}
     nlohmann::json identitySightings = nlohmann::json::array();  // {"atMs", "rects"}
@@ -69,10 +69,8 @@ class DesktopControl {
     const std::optional<OutlineSnapshot>& snapshot() const { return snapshot_; }
 
     // The pointer samples (screen points) and the sightings of the user's name (window points)
-    // since the last call, timed from `origin`, or from the session's start without one. Any
-    // thread.
-    ControlTelemetry takeTelemetry(
-        std::optional<std::chrono::steady_clock::time_point> origin = std::nullopt);
+    // since the last call. Any thread.
+    ControlTelemetry takeTelemetry();
 
   private:
     ShareableWindow locate() const;

@@ -45,7 +45,7 @@ asio::awaitable<nlohmann::json> Studio::run(std::string method, nlohmann::json a
             failure = std::current_exception();
         }
         // What the pointer did goes with the reply, whether the method succeeded or not.
-        controlTelemetry_ = control->takeTelemetry(recordingSince());
+        controlTelemetry_ = control->takeTelemetry();
         if (env_.controlLog) {
             const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
                                 std::chrono::steady_clock::now() - started)
