@@ -59,9 +59,10 @@ bool AtspiActions::press(const ElementHandle& element) {
     if (!succeeded(error)) {
         return false;
     }
-    // Toolkits name the same press differently: GTK "click", Qt "Press", web engines "click"
-    // or "press", check boxes "toggle", menu items and links "activate".
-    for (const char* wanted : {"click", "press", "toggle", "activate", "jump"}) {
+    // Toolkits name the same press differently: GTK "click", Qt "Press" (and "ShowMenu" on a
+    // menu bar's entries), web engines "click" or "press", check boxes "toggle", menu items
+    // and links "activate".
+    for (const char* wanted : {"click", "press", "toggle", "activate", "jump", "showmenu"}) {
         for (int i = 0; i < count; ++i) {
             auto name = Text::lowerAscii(
                 take(atspi_action_get_action_name(action.get(), i, &error), error));

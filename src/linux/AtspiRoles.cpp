@@ -64,9 +64,10 @@ std::optional<std::string> word(AtspiRole role, const Context& context) {
             return "radio";
         case ATSPI_ROLE_LINK:
             return "link";
+        // GTK makes a menu bar's entries menus, Qt menu items.
         case ATSPI_ROLE_MENU:
-            return context.parentIsMenuBar ? "menubaritem" : "menuitem";
         case ATSPI_ROLE_MENU_ITEM:
+            return context.parentIsMenuBar ? "menubaritem" : "menuitem";
         case ATSPI_ROLE_CHECK_MENU_ITEM:
         case ATSPI_ROLE_TEAROFF_MENU_ITEM:
             return "menuitem";

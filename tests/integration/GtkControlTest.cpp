@@ -220,6 +220,47 @@ TEST_F(GtkControl, AnOpenedMenuIsReadAndItsItemsOperated) {
     EXPECT_TRUE(says("menu Open")) << fixture.output();
 }
 
+// Qt opens a menu bar's menus as pop-up windows of their own: the menu the agent opens is read
+// with the window all the same, and its items are operated.
+TEST(QtControl, AMenuOpenedFromTheMenuBarIsReadAndItsItemsOperated) {
+    ChildProcess app({PAVIX_QT_MENU_FIXTURE_BINARY}, {});
+    auto line = app.waitForLine("window 0x", seconds(20));
+    ASSERT_TRUE(line) << app.output();
+    const std::uint32_t windowID = std::stoul(line->substr(line->find("0x")), nullptr, 16);
+    AtspiTreeReader reader;
+    AtspiActions actions;
+    X11DesktopInput input;
+    X11ShareableContent content;
+    std::optional<DesktopControl> control;
+    auto read = [&] { return control->handle("readPage", json::array()).get<std::string>(); };
+    auto refOf = [](const std::string& outline, const std::string& words) {
+        std::smatch found;
+        return std::regex_search(outline, found, std::regex("\\[(ref_[0-9]+)\\] " + words))
+                   ? found[1].str()
+                   : std::string();
+    };
+    std::string outline;
+    ASSERT_TRUE(eventually([&] {
+        try {
+            control.emplace(ControlParts{reader, actions, input, content}, windowID);
+            outline = read();
+            return !refOf(outline, "menubaritem \"File\"").empty();
+        } catch (const PavixError&) {
+            return false;
+        }
+    })) << outline;
+    EXPECT_EQ(outline.find("menuitem \"Open\""), std::string::npos) << outline;
+    control->handle("pointer", json::array({"left_click", refOf(outline, "menubaritem \"File\"")}));
+    ASSERT_TRUE(eventually([&] {
+        outline = read();
+        return !refOf(outline, "menuitem \"Open\" in \"open menu\" — visible").empty();
+    })) << outline;
+    control->handle("pointer", json::array({"left_click", refOf(outline, "menuitem \"Open\"")}));
+    EXPECT_TRUE(app.waitForLine("menu Open", seconds(5))) << app.output();
+    app.signal(SIGTERM);
+    app.wait(seconds(10));
+}
+
 // A window whose class names a terminal is never operated, however accessible it is.
 TEST(GtkControlRefusal, ATerminalsWindowIsNeverOperated) {
     ChildProcess terminal({PAVIX_GTK_FIXTURE_BINARY, "--class=XTerm", "--name=xterm", "xterm"},
