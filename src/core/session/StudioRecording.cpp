@@ -10,6 +10,7 @@
 #include "core/session/ErrorText.h"
 #include "core/session/PavixError.h"
 #include "core/session/Studio.h"
+#include "core/sizing/WindowSizing.h"
 
 namespace pavix {
 namespace {
@@ -407,14 +408,15 @@ asio::awaitable<nlohmann::json> Studio::startRecordingCommand(nlohmann::json arg
 // Window sizing needs a control session; until one exists the report says why nothing was
 // touched.
 nlohmann::json Studio::windowPreset(const std::string& requested, const CaptureSource& source) {
-    const char* reason = source.isDisplay() ? "display" : "control_off";
-    log("window preset " + requested + ": " + std::to_string(source.width) + "x" +
-        std::to_string(source.height) + " resized=false " + reason);
-    return {{"requested", requested},
-            {"width", source.width},
-            {"height", source.height},
-            {"resized", false},
-            {"reason", reason}};
+    WindowSizing::Report report;
+    report.requested = requested;
+    report.width = source.width;
+    report.height = source.height;
+    report.reason =
+        source.isDisplay() ? WindowSizing::Reason::display : WindowSizing::Reason::controlOff;
+    log("window preset " + requested + ": " + std::to_string(report.width) + "x" +
+        std::to_string(report.height) + " resized=false " + reasonText(*report.reason));
+    return report.payload();
 }
 
 asio::awaitable<nlohmann::json> Studio::stopRecordingCommand() {

@@ -1,0 +1,97 @@
+// The window sizes a shared window is brought to: presets, fitting on a screen, where the window
+// goes, which screen holds it, and what the agent is told.
+#include <gtest/gtest.h>
+
+#include "core/sizing/WindowSizing.h"
+
+namespace pavix::test {
+namespace {
+
+using namespace WindowSizing;
+
+TEST(WindowSizingRules, PresetsFitOnTheScreenWithTheirProportions) {
+    EXPECT_EQ(preset("1280x720"), (WindowSize{1280, 720}));
+    EXPECT_EQ(preset("1440x900"), (WindowSize{1440, 900}));
+    EXPECT_EQ(preset("4k"), (WindowSize{1920, 1080}));
+    struct Case {
+        WindowSize size, available, fitted;
+    };
+    for (const auto& c : std::vector<Case>{
+             {{1920, 1080}, {1440, 875}, {1440, 810}},    // scale 0.75
+             {{1920, 1080}, {2560, 1400}, {1920, 1080}},  // never enlarged
+             {{1440, 900}, {1366, 705}, {1128, 705}},     // the height decides, floored
+             {{1920, 1080}, {0, 875}, {1920, 1080}},      // nothing to fit in
+         }) {
+        EXPECT_EQ(fit(c.size, c.available), c.fitted) << c.available.width;
+    }
+}
+
+TEST(WindowSizingRules, TheWindowKeepsItsCornerWhereItFitsAndStaysOnTheVisibleFrame) {
+    const CaptureRect visible{0, 27, 1920, 1053};
+    struct Case {
+        CaptureRect frame;
+        WindowSize size;
+        CaptureRect placed;
+    };
+    for (const auto& c : std::vector<Case>{
+             {{100, 100, 800, 600}, {1280, 720}, {100, 100, 1280, 720}},
+             {{900, 500, 800, 600}, {1280, 720}, {640, 360, 1280, 720}},  // pushed left and up
+             {{-50, 10, 800, 600}, {1280, 720}, {0, 27, 1280, 720}},      // back on the frame
+             {{300, 300, 800, 600}, {2000, 1200}, {0, 27, 2000, 1200}},   // larger: the corner
+             {{100.4, 99.6, 800, 600}, {1280, 720}, {100, 100, 1280, 720}},
+         }) {
+        EXPECT_EQ(origin(c.size, c.frame, visible), c.placed) << c.frame.x << "," << c.frame.y;
+    }
+}
+
+TEST(WindowSizingRules, TheReportSaysWhatHappenedAndWhy) {
+    const WindowSize full{1920, 1080};
+    struct Case {
+        WindowSize target, before, after;
+        bool resized;
+        std::optional<Reason> reason;
+    };
+    for (const auto& c : std::vector<Case>{
+             {full, {1000, 700}, {1920, 1080}, true, std::nullopt},
+             {full, {1919, 1081}, {1919, 1081}, false, std::nullopt},  // close enough already
+             {full, {1000, 700}, {1001, 700}, false, Reason::notResizable},
+             {full, {1000, 700}, {1600, 1000}, true, Reason::appLimited},
+             {{1440, 810}, {1000, 700}, {1440, 810}, true, Reason::fittedToScreen},
+         }) {
+        auto r = report("1920x1080", full, c.target, c.before, c.after);
+        EXPECT_EQ(r.resized, c.resized) << c.after.width;
+        EXPECT_EQ(r.reason, c.reason) << c.after.width;
+        EXPECT_EQ(r.width, std::lround(c.after.width));
+    }
+    auto r = report("huge", full, full, {800, 600}, {1600.4, 999.6});
+    r.restored = true;
+    EXPECT_EQ(r.payload(), nlohmann::json::parse(R"({"requested":"huge","width":1600,"height":1000,
+        "resized":true,"reason":"app_limited","restored":true})"));
+    EXPECT_EQ((Report{"1280x720", 800, 600, false, Reason::controlOff, {}}).payload(),
+              nlohmann::json::parse(R"({"requested":"1280x720","width":800,"height":600,
+        "resized":false,"reason":"control_off"})"));
+}
+
+TEST(WindowSizingRules, TheScreenThatHoldsMoreOfTheWindowIsChosen) {
+    const std::vector<ScreenFrame> screens = {
+        {{0, 0, 1920, 1080}, {0, 27, 1920, 1053}},
+        {{1920, 0, 1440, 900}, {1920, 0, 1440, 875}},
+    };
+    struct Case {
+        CaptureRect window;
+        std::optional<double> screenX;
+    };
+    for (const auto& c : std::vector<Case>{
+             {{100, 100, 800, 600}, 0},
+             {{1700, 100, 800, 600}, 1920},  // more of it on the second
+             {{1520, 100, 800, 600}, 0},     // an equal split: the first
+             {{4000, 100, 800, 600}, std::nullopt},
+             {{100, 0, 800, 20}, std::nullopt},  // only on the first screen's top panel
+         }) {
+        auto screen = screenOf(c.window, screens);
+        EXPECT_EQ(screen ? std::optional(screen->frame.x) : std::nullopt, c.screenX) << c.window.x;
+    }
+}
+
+}  // namespace
+}  // namespace pavix::test
