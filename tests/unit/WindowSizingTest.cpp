@@ -2,7 +2,9 @@
 // goes, which screen holds it, and what the agent is told.
 #include <gtest/gtest.h>
 
+#include "core/sizing/WindowResize.h"
 #include "core/sizing/WindowSizing.h"
+#include "support/FakeWindowFrames.h"
 
 namespace pavix::test {
 namespace {
@@ -91,6 +93,67 @@ TEST(WindowSizingRules, TheScreenThatHoldsMoreOfTheWindowIsChosen) {
         auto screen = screenOf(c.window, screens);
         EXPECT_EQ(screen ? std::optional(screen->frame.x) : std::nullopt, c.screenX) << c.window.x;
     }
+}
+
+// A window brought to a preset on the screen that holds it, and put back; the windows that
+// cannot be sized are left as they are and the report says why.
+TEST(WindowSizingRules, AWindowIsBroughtToAPresetAndPutBack) {
+    FakeWindowFrames frames;
+    const std::vector<ScreenFrame> screens = {
+        {{0, 0, 1920, 1080}, {0, 0, 1920, 1080}},
+        {{1920, 0, 1440, 900}, {1920, 0, 1440, 875}},
+    };
+    FakeWindowFrames::Window fixed{{100, 100, 640, 480}, false};
+    FakeWindowFrames::Window limited{{100, 100, 640, 480}, true, {1000, 700}};
+    frames.set(screens, {{1, {{900, 500, 640, 480}}},
+                         {2, fixed},
+                         {3, limited},
+                         {4, {{2000, 100, 800, 600}}},
+                         {5, {{100, 100, 1921, 1079}}},
+                         {6, {{5000, 100, 800, 600}}}});
+    struct Case {
+        std::uint32_t window;
+        std::string preset;
+        std::string payload;
+        std::optional<CaptureRect> after;
+    };
+    for (
+        const auto& c : std::vector<Case>{
+            {1, "1280x720", R"({"height":720,"requested":"1280x720","resized":true,"width":1280})",
+             CaptureRect{640, 360, 1280, 720}},  // pushed up and left
+            {2, "1920x1080",
+             R"({"height":480,"reason":"not_resizable","requested":"1920x1080","resized":false,"width":640})",
+             CaptureRect{100, 100, 640, 480}},
+            {3, "1440x900",
+             R"({"height":700,"reason":"app_limited","requested":"1440x900","resized":true,"width":1000})",
+             std::nullopt},
+            {4, "wide",  // an unknown name is the default, on the smaller screen
+             R"({"height":810,"reason":"fitted_to_screen","requested":"wide","resized":true,"width":1440})",
+             CaptureRect{1920, 65, 1440, 810}},
+            {5, "1920x1080",  // close enough already: untouched
+             R"({"height":1079,"requested":"1920x1080","resized":false,"width":1921})",
+             std::nullopt},
+            {6, "1920x1080",  // on no screen
+             R"({"height":600,"reason":"not_resizable","requested":"1920x1080","resized":false,"width":800})",
+             std::nullopt},
+        }) {
+        auto before = *frames.frame(c.window);
+        auto [report, undo] = WindowResize::apply(frames, c.preset, c.window);
+        EXPECT_EQ(report.payload().dump(), c.payload) << c.window;
+        if (c.after) {
+            EXPECT_EQ(*frames.frame(c.window), *c.after) << c.window;
+        }
+        EXPECT_EQ(undo.has_value(), report.resized) << c.window;
+        if (undo) {
+            EXPECT_TRUE(undo->restore(frames));
+            EXPECT_EQ(*frames.frame(c.window), before) << c.window;
+        }
+    }
+    // A window that was closed meanwhile counts as put back.
+    auto [report, undo] = WindowResize::apply(frames, "1280x720", 1);
+    ASSERT_TRUE(undo);
+    frames.close(1);
+    EXPECT_TRUE(undo->restore(frames));
 }
 
 }  // namespace
