@@ -29,6 +29,7 @@ StudioHarness::StudioHarness(Timing timing, CapturePlatform capture) {
     env.accessibility = &accessibility;
     env.accessibleActions = &actions;
     env.desktopInput = &input;
+    env.windowFrames = &windowFrames;
     env.controlThread = &controlThread_;
     env.osVersion = "Test OS 1.0";
     env.capture = std::move(capture);

@@ -12,6 +12,7 @@
 #include "core/net/HttpClient.h"
 #include "core/session/Studio.h"
 #include "support/FakeControl.h"
+#include "support/FakeWindowFrames.h"
 #include "support/Fakes.h"
 #include "support/ScriptedService.h"
 #include "support/TestServer.h"
@@ -69,6 +70,7 @@ class StudioHarness {
     FakeAccessibility accessibility;
     FakeActions actions;
     FakeDesktopInput input;
+    FakeWindowFrames windowFrames;
     FakeVolume volume;
     FakeTrash trash;
     FakeClipboard clipboard;

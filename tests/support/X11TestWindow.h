@@ -69,6 +69,8 @@ struct X11TestWindowOptions {
     bool overrideRedirect = false;           // placed without the window manager (a pop-up)
     const char* type = nullptr;              // _NET_WM_WINDOW_TYPE_… or none
     Window transientFor = None;
+    // The smallest and largest sizes in WM_NORMAL_HINTS; 0 leaves a limit out.
+    int minWidth = 0, minHeight = 0, maxWidth = 0, maxHeight = 0;
 };
 
 // A window of another application: a class of its own, and not this process's pid.
@@ -116,6 +118,16 @@ class X11TestWindow {
         hints.y = options_.y;
         hints.width = options_.width;
         hints.height = options_.height;
+        if (options_.minWidth > 0 || options_.minHeight > 0) {
+            hints.flags |= PMinSize;
+            hints.min_width = options_.minWidth;
+            hints.min_height = options_.minHeight;
+        }
+        if (options_.maxWidth > 0 || options_.maxHeight > 0) {
+            hints.flags |= PMaxSize;
+            hints.max_width = options_.maxWidth;
+            hints.max_height = options_.maxHeight;
+        }
         XSetWMNormalHints(d, window_, &hints);
         setTitle(options_.title);
         XClassHint classHint{options_.instance.data(), options_.className.data()};

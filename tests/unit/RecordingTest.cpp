@@ -127,6 +127,31 @@ TEST_F(Recording, AgentRecordingIsJournaledFinishedUploadedAndPublished) {
     EXPECT_EQ(call("stopRecording")["value"]["captureId"], "");
 }
 
+// With control allowed, the shared window takes the agent's size before the recording starts
+// and gets its own back when the recording is finished.
+TEST_F(Recording, TheWindowTakesTheAgentsSizeForTheRecordingAndGetsItsOwnBack) {
+    connectAndSelect();
+    h.studio().setAllowControl(true);
+    h.studio().setConsent(true);
+    h.windowFrames.set({{{0, 0, 1920, 1080}, {0, 0, 1920, 1080}}},
+                       {{4242, {{100, 100, 800, 600}}}});
+    auto id = Uuid::make();
+    uploads.expect(id);
+    auto started =
+        call("startRecording", json::array({{{"captureId", id}, {"windowSize", "1280x720"}}}));
+    EXPECT_EQ(started["meta"]["desktopWindow"],
+              json::parse(R"({"requested":"1280x720","width":1280,"height":720,"resized":true})"))
+        << started.dump();
+    EXPECT_EQ(h.windowFrames.frame(4242), (CaptureRect{100, 100, 1280, 720}));
+    EXPECT_TRUE(h.log.contains("window preset 1280x720: 1280x720 resized=true "));
+
+    auto stopped = call("stopRecording");
+    EXPECT_EQ(stopped["meta"]["desktopWindow"]["restored"], true) << stopped.dump();
+    EXPECT_EQ(h.windowFrames.frame(4242), (CaptureRect{100, 100, 800, 600}));
+    EXPECT_TRUE(h.log.contains("window restored=true"));
+    ASSERT_TRUE(h.runUntil([&] { return uploads.upload(id) && uploads.upload(id)->published; }));
+}
+
 TEST_F(Recording, AgentRefusalsLeaveNoRecordingBehind) {
     connectAndSelect();
     // Nothing to mark or dispose of while nothing records, and these fake parts make no still

@@ -23,6 +23,7 @@
 #include "core/session/ServiceRequests.h"
 #include "core/session/StudioEnvironment.h"
 #include "core/session/StudioState.h"
+#include "core/sizing/WindowResize.h"
 
 namespace pavix {
 
@@ -275,7 +276,12 @@ class Studio {
     asio::awaitable<nlohmann::json> stopRecordingCommand();
     nlohmann::json markDemoMoment(const nlohmann::json& args);
     asio::awaitable<nlohmann::json> disposeCommand();
-    nlohmann::json windowPreset(const std::string& requested, const CaptureSource& source);
+    // Brings a shared window to the preset before the agent's recording, when the user lets
+    // the agent operate it; otherwise the report says why it was left alone. Never throws.
+    asio::awaitable<WindowSizing::Report> sizeWindow(const std::string& requested,
+                                                     const CaptureSource& source);
+    // Puts a window that sizeWindow changed back as it was; notes the outcome in the report.
+    asio::awaitable<void> restoreWindow();
 
     // library
     asio::awaitable<void> moveToTrash(std::filesystem::path file);
@@ -309,7 +315,8 @@ class Studio {
     std::set<std::string> removing_;  // records whose copy is on its way to the Trash
     nlohmann::json moments_ = nlohmann::json::array();
     std::chrono::steady_clock::time_point recordingStarted_;
-    std::optional<nlohmann::json> windowReport_;
+    std::optional<WindowSizing::Report> windowReport_;
+    std::optional<WindowResize> windowUndo_;
     asio::strand<asio::thread_pool::executor_type> journalStrand_;
     // Used only on the control thread; held here so that it lives across the agent's calls.
     std::shared_ptr<DesktopControl> control_;

@@ -160,7 +160,7 @@ nlohmann::json Studio::meta() const {
                            {"pointerTrail", controlTelemetry_.pointerTrail},
                            {"identitySightings", controlTelemetry_.identitySightings}};
     if (windowReport_) {
-        meta["desktopWindow"] = *windowReport_;
+        meta["desktopWindow"] = windowReport_->payload();
     }
     return meta;
 }

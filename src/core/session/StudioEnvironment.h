@@ -13,12 +13,13 @@
 #include "core/runtime/Timing.h"
 #include "platform/AccessibilityReader.h"
 #include "platform/AccessibleActions.h"
-#include "platform/DesktopInput.h"
 #include "platform/Clipboard.h"
+#include "platform/DesktopInput.h"
 #include "platform/SecretStore.h"
 #include "platform/ShareableContent.h"
 #include "platform/Trash.h"
 #include "platform/Volume.h"
+#include "platform/WindowFrames.h"
 
 namespace pavix {
 
@@ -41,6 +42,9 @@ struct StudioEnvironment {
     AccessibleActions* accessibleActions = nullptr;
     DesktopInput* desktopInput = nullptr;
     asio::thread_pool* controlThread = nullptr;
+    // Moving and resizing top-level windows, for the agent's window sizes; none: windows are
+    // left as they are.
+    WindowFrames* windowFrames = nullptr;
     // Logs every control method with its outcome and time (PAVIX_CONTROL_LOG); typed text and
     // values are logged by length only.
     bool controlLog = false;
@@ -50,7 +54,7 @@ struct StudioEnvironment {
     std::function<double()> nowMs;
     std::string appVersion = "dev";
     std::string deviceName = "computer";
-    std::string userFullName;  // the user's own name, whose sightings the agent is told of
+    std::string userFullName;           // the user's own name, whose sightings the agent is told of
     std::string osVersion = "unknown";  // the operating system as the support summary names it
     std::int32_t ownPid = 0;  // this process: its own windows are never offered as sources
     std::filesystem::path libraryFolder;        // where recordings are kept

@@ -274,6 +274,7 @@ asio::awaitable<void> Studio::disconnect(std::string message) {
     change([](StudioState& s) { s.connected = false; });
     transition([](RecordingLifecycle& l) { return l.approve(false); });
     co_await closeRecording();
+    co_await restoreWindow();  // sized for a recording that never started
     setStatus(message);
     // The session is over from here on: a pairing that starts meanwhile gets its own token.
     auto token = std::exchange(token_, std::nullopt);

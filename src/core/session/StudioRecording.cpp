@@ -336,6 +336,7 @@ asio::awaitable<void> Studio::finalize() {
     } catch (...) {
         failure = std::current_exception();
     }
+    co_await restoreWindow();
     if (failure) {
         co_await stageOrLog(LocalCapture::Stage::interrupted);
         std::rethrow_exception(failure);
@@ -392,12 +393,30 @@ asio::awaitable<nlohmann::json> Studio::startRecordingCommand(nlohmann::json arg
     if (!transition([](RecordingLifecycle& l) { return l.beginStart(Owner::agent); })) {
         throw PavixError("Stop the current recording first.");
     }
-    co_await runStart(Owner::agent, captureId->get<std::string>(), *source,
-                      env_.timing.agentRecordingLimit);
+    // The window takes its size before the recording starts, which is then made at it.
+    std::optional<WindowSizing::Report> sized;
     auto preset = named.find("windowSize");
     if (preset != named.end() && preset->is_string() && !preset->get<std::string>().empty()) {
-        windowReport_ = windowPreset(preset->get<std::string>(), *source);
+        sized = co_await sizeWindow(preset->get<std::string>(), *source);
+        if (sized->resized) {
+            co_await refreshSources();
+            if (auto resized = selectedSource(); resized && resized->id == source->id) {
+                source = resized;
+            }
+        }
     }
+    std::exception_ptr failure;
+    try {
+        co_await runStart(Owner::agent, captureId->get<std::string>(), *source,
+                          env_.timing.agentRecordingLimit);
+    } catch (...) {
+        failure = std::current_exception();
+    }
+    if (failure) {
+        co_await restoreWindow();  // no recording needs the size
+        std::rethrow_exception(failure);
+    }
+    windowReport_ = sized;
     co_return nlohmann::json{{"captureId", Uuid::lower(current_->id)},
                              {"source", {{"id", source->id}, {"title", source->title}}},
                              {"width", capture_->width()},
@@ -405,18 +424,51 @@ asio::awaitable<nlohmann::json> Studio::startRecordingCommand(nlohmann::json arg
                              {"contentType", "video/mp4"}};
 }
 
-// Window sizing needs a control session; until one exists the report says why nothing was
-// touched.
-nlohmann::json Studio::windowPreset(const std::string& requested, const CaptureSource& source) {
+asio::awaitable<WindowSizing::Report> Studio::sizeWindow(const std::string& requested,
+                                                         const CaptureSource& source) {
     WindowSizing::Report report;
     report.requested = requested;
-    report.width = source.width;
-    report.height = source.height;
-    report.reason =
-        source.isDisplay() ? WindowSizing::Reason::display : WindowSizing::Reason::controlOff;
+    report.width = static_cast<int>(source.width);
+    report.height = static_cast<int>(source.height);
+    if (source.isDisplay()) {
+        report.reason = WindowSizing::Reason::display;
+    } else if (!state_.allowControl || !env_.windowFrames || source.windowIDs.empty()) {
+        report.reason = WindowSizing::Reason::controlOff;
+    } else {
+        auto work = [frames = env_.windowFrames, requested, id = source.windowIDs.front()] {
+            return WindowResize::apply(*frames, requested, id);
+        };
+        try {
+            auto [applied, undo] = co_await offload(*env_.pool, std::move(work));
+            report = applied;
+            windowUndo_ = undo;
+        } catch (...) {
+            log("window preset failed: " + ErrorText::describe(std::current_exception()));
+            report.reason = WindowSizing::Reason::notResizable;
+        }
+    }
     log("window preset " + requested + ": " + std::to_string(report.width) + "x" +
-        std::to_string(report.height) + " resized=false " + reasonText(*report.reason));
-    return report.payload();
+        std::to_string(report.height) + " resized=" + (report.resized ? "true " : "false ") +
+        (report.reason ? reasonText(*report.reason) : std::string()));
+    co_return report;
+}
+
+asio::awaitable<void> Studio::restoreWindow() {
+    auto undo = std::exchange(windowUndo_, std::nullopt);
+    if (!undo || !env_.windowFrames) {
+        co_return;
+    }
+    bool restored = false;
+    try {
+        auto work = [frames = env_.windowFrames, undo = *undo] { return undo.restore(*frames); };
+        restored = co_await offload(*env_.pool, std::move(work));
+    } catch (...) {
+        log("window restore failed: " + ErrorText::describe(std::current_exception()));
+    }
+    if (windowReport_) {
+        windowReport_->restored = restored;
+    }
+    log(std::string("window restored=") + (restored ? "true" : "false"));
 }
 
 asio::awaitable<nlohmann::json> Studio::stopRecordingCommand() {
