@@ -156,11 +156,18 @@ class Walk {
         }
         GError* error = nullptr;
         facts.title = take(atspi_accessible_get_name(accessible, &error), error);
-        error = nullptr;
-        facts.description = take(atspi_accessible_get_description(accessible, &error), error);
+        // Each question is a round trip to the application: the description only names what
+        // has no name, and a label's name is its text.
+        if (facts.title.empty()) {
+            error = nullptr;
+            facts.description = take(atspi_accessible_get_description(accessible, &error), error);
+        }
+        const bool labelled =
+            !facts.title.empty() && (role == ATSPI_ROLE_LABEL || role == ATSPI_ROLE_STATIC ||
+                                     role == ATSPI_ROLE_HEADING || role == ATSPI_ROLE_CAPTION);
         // A password field gives nothing but its role: not its text, not its length.
         if (!facts.secure) {
-            if (AtspiRoles::showsText(role)) {
+            if (AtspiRoles::showsText(role) && !labelled) {
                 facts.value = textOf(accessible, 400);
             } else if (role == ATSPI_ROLE_SLIDER || role == ATSPI_ROLE_SPIN_BUTTON) {
                 facts.value = numberOf(accessible);

@@ -276,18 +276,41 @@ void discardEvents(X11Display& display) {
     }
 }
 
+// Whether two readings have the same size and the same decorations.
+bool sameShape(const Placement& a, const Placement& b) {
+    return a.frame.width == b.frame.width && a.frame.height == b.frame.height &&
+           a.border == b.border && a.extents.left == b.extents.left &&
+           a.extents.right == b.extents.right && a.extents.top == b.extents.top &&
+           a.extents.bottom == b.extents.bottom;
+}
+
+bool sameDecorations(const Placement& a, const Placement& b) {
+    return a.border == b.border &&
+           a.extents.left + a.extents.right == b.extents.left + b.extents.right &&
+           a.extents.top + a.extents.bottom == b.extents.top + b.extents.bottom;
+}
+
 // One resize step: asks for the size, waits for the manager's answer, and when the answer is
 // not the size yet, gives it a moment more. The window as read last; none when it is gone.
 std::optional<Placement> resize(X11Display& display, Window window, const Placement& before,
                                 const CaptureRect& wanted, bool throughManager) {
-    request(display, window, before, wanted, CWWidth | CWHeight, throughManager);
-    std::optional<Placement> now;
-    const auto answered = [&] {
-        now = read(display, window);
-        return !now || sizedTo(*now, wanted) || now->frame.width != before.frame.width ||
-               now->frame.height != before.frame.height;
-    };
-    await(display, window, answered, kAnswerTime);
+    std::optional<Placement> now = before;
+    // The client's size is the frame's less the decorations of the last reading. When they
+    // changed while the request was under way, it is asked again with the new ones.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        const Placement asked = *now;
+        request(display, window, asked, wanted, CWWidth | CWHeight, throughManager);
+        await(
+            display, window,
+            [&] {
+                now = read(display, window);
+                return !now || sizedTo(*now, wanted) || !sameShape(*now, asked);
+            },
+            kAnswerTime);
+        if (!now || sizedTo(*now, wanted) || sameDecorations(*now, asked)) {
+            break;
+        }
+    }
     if (now && !sizedTo(*now, wanted)) {
         await(
             display, window,
@@ -538,9 +561,16 @@ std::optional<CaptureRect> X11WindowFrames::setFrame(std::uint32_t windowID,
         sendToManager(display_, window, "_NET_WM_STATE",
                       {kStateRemove, long(display_.atom("_NET_WM_STATE_MAXIMIZED_VERT")),
                        long(display_.atom("_NET_WM_STATE_MAXIMIZED_HORZ")), kSourceUser});
+        // The manager announces the state before it gives the frame back its size and its
+        // borders: all three are waited for.
+        const Placement whole = *now;
         await(
-            display_, window, [&] { return !maximized(display_, window); }, kAnswerTime);
-        now = read(display_, window);
+            display_, window,
+            [&] {
+                now = read(display_, window);
+                return !now || (!maximized(display_, window) && !sameShape(*now, whole));
+            },
+            kAnswerTime);
         if (!now) {
             return std::nullopt;
         }
@@ -548,16 +578,16 @@ std::optional<CaptureRect> X11WindowFrames::setFrame(std::uint32_t windowID,
 
     // The size first: a manager keeps a window on its screen, so moving a large window towards
     // a corner before it is smaller can be refused or cut short.
-    // What the manager answered; none when it did not change the size at all.
-    std::optional<WindowSize> answer;
+    // What the manager answered; none when it changed nothing.
+    std::optional<Placement> answer;
     if (!sizedTo(*now, wanted)) {
-        const auto before = sizeOf(*now);
+        const Placement before = *now;
         now = resize(display_, window, *now, wanted, throughManager);
         if (!now) {
             return std::nullopt;
         }
-        if (sizeOf(*now) != before) {
-            answer = sizeOf(*now);
+        if (!sameShape(*now, before)) {
+            answer = *now;
         }
     }
 
@@ -585,11 +615,12 @@ std::optional<CaptureRect> X11WindowFrames::setFrame(std::uint32_t windowID,
         }
     }
 
-    // The size once more when the move changed it (onto another monitor, or by a manager that
-    // keeps windows inside the screen), or when the manager did not answer before. A size the
-    // manager answered and kept is its final word (the application's limits): asked the same
-    // again, a manager that changes nothing need not answer at all.
-    if (!sizedTo(*now, wanted) && (!answer || sizeOf(*now) != *answer)) {
+    // The size once more when it or the decorations changed since the manager's answer (a move
+    // onto another monitor, a manager that keeps windows inside the screen, borders that came
+    // late), or when there was no answer. An answer that still stands is the manager's final
+    // word (the application's limits): asked the same again, a manager that changes nothing
+    // need not answer at all.
+    if (!sizedTo(*now, wanted) && (!answer || !sameShape(*now, *answer))) {
         now = resize(display_, window, *now, wanted, throughManager);
         if (!now) {
             return std::nullopt;
