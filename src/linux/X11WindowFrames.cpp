@@ -20,9 +20,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// How long the window manager has to answer one request. It answers a request it grants, and
-// (as a configure request requires) one it refuses, within a few milliseconds; the limit only
-// bounds the wait on a manager that stays silent.
+// How long the window manager has to answer one request. A manager answers a request that
+// changes the window within a few milliseconds; one that changes nothing may get no answer at
+// all, and the limit bounds the wait for it.
 constexpr milliseconds kAnswerTime{500};
 // The extra moment given after an answer that is not yet the wanted frame: a manager may apply
 // the size hints or the application may ask for another size just after the first change.
@@ -210,12 +210,16 @@ void sendToManager(X11Display& display, Window window, const char* type,
 void request(X11Display& display, Window window, const Placement& now, const CaptureRect& wanted,
              unsigned int mask, bool throughManager) {
     const auto& e = now.extents;
-    const long width =
-        std::clamp(std::lround(wanted.width) - e.left - e.right - 2 * now.border, 1L, kMaxSize);
-    const long height =
-        std::clamp(std::lround(wanted.height) - e.top - e.bottom - 2 * now.border, 1L, kMaxSize);
-    const long x = std::clamp(std::lround(wanted.x), kMinPosition, kMaxPosition);
-    const long y = std::clamp(std::lround(wanted.y), kMinPosition, kMaxPosition);
+    // Clamped before rounding: a double beyond the range of long has no rounding.
+    const auto whole = [](double value, long low, long high) {
+        return std::lround(std::clamp(value, double(low), double(high)));
+    };
+    const long width = std::clamp(
+        whole(wanted.width, 0, kMaxSize) - e.left - e.right - 2 * now.border, 1L, kMaxSize);
+    const long height = std::clamp(
+        whole(wanted.height, 0, kMaxSize) - e.top - e.bottom - 2 * now.border, 1L, kMaxSize);
+    const long x = whole(wanted.x, kMinPosition, kMaxPosition);
+    const long y = whole(wanted.y, kMinPosition, kMaxPosition);
     if (throughManager) {
         // North-west gravity: x and y are where the frame's outer corner goes, whatever gravity
         // the window's own size hints name; a resize alone keeps that corner where it is.
@@ -361,21 +365,41 @@ std::vector<Strut> strutsOf(X11Display& display, Window window, double rootWidth
     return struts;
 }
 
-// The struts of every mapped window: the children of the root that are viewable, each through
-// the client window inside it (a managed dock sits in the window manager's frame) or itself.
+// The struts of every mapped window that has one. The windows looked at are the manager's
+// clients (a managed dock sits inside the manager's frame, out of the root's children) and the
+// children of the root (the windows themselves when no manager runs). Each costs one round trip
+// to list its properties; only a window with a strut is read further.
 std::vector<Strut> struts(X11Display& display, double rootWidth, double rootHeight) {
-    std::vector<Strut> all;
+    std::vector<Window> candidates;
+    for (unsigned long client : X11Properties::items(display, display.root(), "_NET_CLIENT_LIST")) {
+        candidates.push_back(static_cast<Window>(client));
+    }
     for (Window child : Children(display.get(), display.root())) {
+        candidates.push_back(child);
+    }
+    std::sort(candidates.begin(), candidates.end());
+    candidates.erase(std::unique(candidates.begin(), candidates.end()), candidates.end());
+
+    const Atom partial = display.atom("_NET_WM_STRUT_PARTIAL");
+    const Atom plain = display.atom("_NET_WM_STRUT");
+    std::vector<Strut> all;
+    for (Window window : candidates) {
+        int count = 0;
+        std::unique_ptr<Atom, XFreeDeleter> properties(
+            XListProperties(display.get(), window, &count));
+        const Atom* begin = properties.get();
+        const Atom* end = begin != nullptr ? begin + count : begin;
+        if (std::none_of(begin, end, [&](Atom atom) { return atom == partial || atom == plain; })) {
+            continue;
+        }
+        // A hidden panel (unmapped, or iconified with its frame) reserves nothing.
         XWindowAttributes attributes;
-        if (!XGetWindowAttributes(display.get(), child, &attributes) ||
+        if (!XGetWindowAttributes(display.get(), window, &attributes) ||
             attributes.map_state != IsViewable) {
             continue;
         }
-        Window client = X11Properties::clientWindow(display, child);
-        for (const auto& strut :
-             strutsOf(display, client != None ? client : child, rootWidth, rootHeight)) {
-            all.push_back(strut);
-        }
+        const auto found = strutsOf(display, window, rootWidth, rootHeight);
+        all.insert(all.end(), found.begin(), found.end());
     }
     return all;
 }
@@ -577,8 +601,8 @@ std::optional<CaptureRect> X11WindowFrames::setFrame(std::uint32_t windowID,
     }
 
     // The size first: a manager keeps a window on its screen, so moving a large window towards
-    // a corner before it is smaller can be refused or cut short.
-    // What the manager answered; none when it changed nothing.
+    // a corner before it is smaller can be refused or cut short. `answer` is what the manager
+    // made of it; none when it changed nothing.
     std::optional<Placement> answer;
     if (!sizedTo(*now, wanted)) {
         const Placement before = *now;

@@ -16,6 +16,7 @@
 #include "linux/X11Clipboard.h"
 #include "linux/X11DesktopInput.h"
 #include "linux/X11ShareableContent.h"
+#include "linux/X11WindowFrames.h"
 #include "linux/X11WindowLayers.h"
 #include "linux/XdgFolders.h"
 
@@ -98,6 +99,7 @@ LinuxEnvironment::LinuxEnvironment() {
     content_ = shareableContent(log_);
     layers_ = ifDisplay<X11WindowLayers>(log_, "no window list for layers");
     clipboard_ = ifDisplay<X11Clipboard>(log_, "no clipboard");
+    windowFrames_ = ifDisplay<X11WindowFrames>(log_, "no window sizing");
     // Opens its connection on first use, on the control thread.
     desktopInput_ = std::make_unique<X11DesktopInput>();
 }
@@ -128,6 +130,7 @@ StudioEnvironment LinuxEnvironment::studio(asio::any_io_executor model) {
     env.accessibility = &accessibility_;
     env.accessibleActions = &accessibleActions_;
     env.desktopInput = desktopInput_.get();
+    env.windowFrames = windowFrames_.get();
     env.controlLog = std::getenv("PAVIX_CONTROL_LOG") != nullptr;
     env.controlThread = &controlThread_;
     env.log = &log_;

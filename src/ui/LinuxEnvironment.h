@@ -52,6 +52,7 @@ class LinuxEnvironment {
     AtspiTreeReader accessibility_;
     AtspiActions accessibleActions_;
     std::unique_ptr<DesktopInput> desktopInput_;
+    std::unique_ptr<WindowFrames> windowFrames_;
     // The one thread that talks to the accessibility bus (its library is not thread-safe) and
     // makes the synthetic input.
     asio::thread_pool controlThread_{1};
