@@ -330,8 +330,10 @@ TEST_F(ManualRecording, RecordNowRegistersRecordsAndStopUploadsOnce) {
     EXPECT_EQ(h.studio().state().status,
               "Recording Text Editor — notes.txt. Press Stop when done.");
     EXPECT_TRUE(h.log.contains("recording limit 300000 ms"));
-    // The credential is renewed, then the recording registered with a fresh request id.
+    // The credential is renewed, then the recording registered with a fresh request id. A poll
+    // of the ended session may still reach the server after it was cleared: it is not counted.
     auto requests = h.server.requests();
+    std::erase_if(requests, [&](const auto& seen) { return seen.path == path("poll"); });
     ASSERT_GE(requests.size(), 2u);
     EXPECT_EQ(requests[0].path, path("device/refresh"));
     EXPECT_EQ(requests[1].path, path("desktop-recording/begin"));
