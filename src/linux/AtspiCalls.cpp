@@ -5,7 +5,19 @@
 namespace pavix::AtspiCalls {
 
 void start(int timeoutMs) {
-    atspi_init();  // once per process; a later call only counts
+    // libatspi is one per process, and so is the main context it is moved to below.
+    static GMainContext* const context = [] {
+        atspi_init();
+        // libatspi dispatches what arrives on its connection from the default main context,
+        // which a Qt application's main thread runs: its handlers would then run there,
+        // beside this thread's calls. On a context of its own that no loop runs, they run only
+        // inside the calls made on this thread, which read and dispatch the connection
+        // themselves. libatspi keeps using the context without a reference: it is never freed.
+        GMainContext* own = g_main_context_new();
+        atspi_set_main_context(own);
+        return own;
+    }();
+    (void)context;
     atspi_set_timeout(timeoutMs, timeoutMs);
 }
 

@@ -230,7 +230,7 @@ TEST_F(GtkOutline, AnApplicationThatStopsAnsweringCostsABoundedRead) {
         }
         std::optional<AccessibleElement> whole;
         ASSERT_TRUE(eventually([&] { return (whole = bounded.read(*target, {})).has_value(); },
-                               seconds(10)));
+                               seconds(20)));
         EXPECT_FALSE(whole->partial);
     }
 }
