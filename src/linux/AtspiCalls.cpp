@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "linux/AtspiElementRules.h"
+
 namespace pavix::AtspiCalls {
 
 void start(int timeoutMs) {
@@ -46,8 +48,7 @@ std::string textOf(AtspiAccessible* accessible, int limit) {
     }
     GError* error = nullptr;
     int count = atspi_text_get_character_count(text.get(), &error);
-    if (error) {
-        g_error_free(error);
+    if (!succeeded(error)) {
         return {};
     }
     return take(atspi_text_get_text(text.get(), 0, std::min(count, limit), &error), error);
@@ -56,8 +57,7 @@ std::string textOf(AtspiAccessible* accessible, int limit) {
 AtspiRole roleOf(AtspiAccessible* accessible) {
     GError* error = nullptr;
     auto role = atspi_accessible_get_role(accessible, &error);
-    if (error) {
-        g_error_free(error);
+    if (!succeeded(error)) {
         return ATSPI_ROLE_INVALID;
     }
     return role;
@@ -66,8 +66,7 @@ AtspiRole roleOf(AtspiAccessible* accessible) {
 int childCount(AtspiAccessible* accessible) {
     GError* error = nullptr;
     int count = atspi_accessible_get_child_count(accessible, &error);
-    if (error) {
-        g_error_free(error);
+    if (!succeeded(error)) {
         return 0;
     }
     return std::max(count, 0);
@@ -76,8 +75,7 @@ int childCount(AtspiAccessible* accessible) {
 Ref<AtspiAccessible> childAt(AtspiAccessible* accessible, int index) {
     GError* error = nullptr;
     Ref<AtspiAccessible> child(atspi_accessible_get_child_at_index(accessible, index, &error));
-    if (error) {
-        g_error_free(error);
+    if (!succeeded(error)) {
         return nullptr;
     }
     return child;
@@ -97,6 +95,21 @@ std::shared_ptr<const void> handleOf(AtspiAccessible* accessible) {
 bool hasState(AtspiAccessible* accessible, AtspiStateType state) {
     Ref<AtspiStateSet> states(atspi_accessible_get_state_set(accessible));
     return states && atspi_state_set_contains(states.get(), state);
+}
+
+std::optional<CaptureRect> extentsOf(AtspiAccessible* accessible) {
+    Ref<AtspiComponent> component(atspi_accessible_get_component_iface(accessible));
+    if (!component) {
+        return std::nullopt;
+    }
+    GError* error = nullptr;
+    AtspiRect* rect = atspi_component_get_extents(component.get(), ATSPI_COORD_TYPE_SCREEN, &error);
+    std::optional<CaptureRect> frame;
+    if (succeeded(error) && rect) {
+        frame = AtspiElementRules::frameOf(rect->x, rect->y, rect->width, rect->height);
+    }
+    g_free(rect);
+    return frame;
 }
 
 }  // namespace pavix::AtspiCalls

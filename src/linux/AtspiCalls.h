@@ -3,7 +3,10 @@
 #include <atspi/atspi.h>
 
 #include <memory>
+#include <optional>
 #include <string>
+
+#include "core/capture/CaptureRect.h"
 
 namespace pavix {
 
@@ -38,6 +41,8 @@ Ref<AtspiAccessible> childAt(AtspiAccessible* accessible, int index);
 // A shared handle that keeps its own reference to the accessible.
 std::shared_ptr<const void> handleOf(AtspiAccessible* accessible);
 bool hasState(AtspiAccessible* accessible, AtspiStateType state);
+// The element's frame on screen; none when it has no place (see AtspiElementRules::frameOf).
+std::optional<CaptureRect> extentsOf(AtspiAccessible* accessible);
 
 }  // namespace AtspiCalls
 }  // namespace pavix

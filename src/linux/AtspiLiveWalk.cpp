@@ -8,21 +8,6 @@ namespace {
 
 using namespace AtspiCalls;
 
-std::optional<CaptureRect> extents(AtspiAccessible* accessible) {
-    Ref<AtspiComponent> component(atspi_accessible_get_component_iface(accessible));
-    if (!component) {
-        return std::nullopt;
-    }
-    GError* error = nullptr;
-    AtspiRect* rect = atspi_component_get_extents(component.get(), ATSPI_COORD_TYPE_SCREEN, &error);
-    std::optional<CaptureRect> frame;
-    if (succeeded(error) && rect) {
-        frame = AtspiElementRules::frameOf(rect->x, rect->y, rect->width, rect->height);
-    }
-    g_free(rect);
-    return frame;
-}
-
 std::string numberOf(AtspiAccessible* accessible) {
     Ref<AtspiValue> value(atspi_accessible_get_value_iface(accessible));
     if (!value) {
@@ -115,7 +100,7 @@ AccessibleElement AtspiLiveWalk::read(AtspiAccessible* accessible,
         AtspiWalk::readChoice(accessible, facts);
     }
     if (needs.frame && AtspiElementRules::frameUsed(facts)) {
-        facts.frame = extents(accessible);
+        facts.frame = extentsOf(accessible);
     }
     if (AtspiElementRules::walksChildren(basics)) {
         readChildren(accessible, AtspiElementRules::childPlace(basics, place), element);

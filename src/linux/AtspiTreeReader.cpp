@@ -19,21 +19,6 @@ namespace {
 
 using namespace AtspiCalls;
 
-std::optional<CaptureRect> extents(AtspiAccessible* accessible) {
-    Ref<AtspiComponent> component(atspi_accessible_get_component_iface(accessible));
-    if (!component) {
-        return std::nullopt;
-    }
-    GError* error = nullptr;
-    AtspiRect* rect = atspi_component_get_extents(component.get(), ATSPI_COORD_TYPE_SCREEN, &error);
-    std::optional<CaptureRect> frame;
-    if (succeeded(error) && rect) {
-        frame = AtspiElementRules::frameOf(rect->x, rect->y, rect->width, rect->height);
-    }
-    g_free(rect);
-    return frame;
-}
-
 // libatspi's objects for every element below `frame`, by path, in one call.
 std::unordered_map<std::string, AtspiAccessible*> descendantsOf(
     AtspiAccessible* frame, std::vector<Ref<AtspiAccessible>>& keep) {
@@ -128,7 +113,7 @@ std::optional<AccessibleElement> AtspiTreeReader::read(const Window& window,
                 score += 2;
             }
             // Some toolkits report window-relative positions: the size alone still counts.
-            if (auto at = extents(frame.get())) {
+            if (auto at = extentsOf(frame.get())) {
                 if (distance(*at, window.frame) < 4) {
                     score += 8;
                 } else if (std::abs(at->width - window.frame.width) < 2 &&
