@@ -178,4 +178,28 @@ std::optional<double> AtspiBatch::number(std::size_t index) const {
     return v;
 }
 
+std::optional<std::vector<std::string>> AtspiBatch::paths(std::size_t index) const {
+    auto* message = reply(index);
+    DBusMessageIter args, list;
+    if (!message || !dbus_message_iter_init(message, &args) ||
+        dbus_message_iter_get_arg_type(&args) != DBUS_TYPE_ARRAY) {
+        return std::nullopt;
+    }
+    std::vector<std::string> out;
+    dbus_message_iter_recurse(&args, &list);
+    while (dbus_message_iter_get_arg_type(&list) == DBUS_TYPE_STRUCT) {
+        DBusMessageIter pair;
+        dbus_message_iter_recurse(&list, &pair);
+        dbus_message_iter_next(&pair);  // the bus name: the application's own
+        if (dbus_message_iter_get_arg_type(&pair) != DBUS_TYPE_OBJECT_PATH) {
+            return std::nullopt;
+        }
+        const char* path = nullptr;
+        dbus_message_iter_get_basic(&pair, &path);
+        out.emplace_back(path);
+        dbus_message_iter_next(&list);
+    }
+    return out;
+}
+
 }  // namespace pavix

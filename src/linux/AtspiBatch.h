@@ -27,6 +27,10 @@ class AtspiBatch {
     AtspiBatch(const AtspiBatch&) = delete;
     AtspiBatch& operator=(const AtspiBatch&) = delete;
 
+    DBusConnection* bus() const { return bus_; }
+    const std::string& busName() const { return busName_; }
+    int timeoutMs() const { return timeoutMs_; }
+
     // Each of these sends one call and gives the index of its answer.
     std::size_t call(const std::string& path, const char* interface, const char* method);
     std::size_t extents(const std::string& path);        // in screen points
@@ -43,6 +47,8 @@ class AtspiBatch {
     std::optional<std::string> string(std::size_t index) const;
     std::optional<long long> integer(std::size_t index) const;  // a property's integer
     std::optional<double> number(std::size_t index) const;      // a property's double
+    // The paths of a list of object references, a(so); none when the answer is another type.
+    std::optional<std::vector<std::string>> paths(std::size_t index) const;
 
   private:
     std::size_t send(DBusMessage* message);

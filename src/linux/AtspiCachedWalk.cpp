@@ -19,8 +19,12 @@ AtspiCachedWalk::AtspiCachedWalk(const std::vector<AtspiCacheItem>& items,
             byParent_[item.parent].push_back(&item);
         }
     }
-    // GTK gives no index to the children a container holds besides its own (a scrolled
-    // window's scroll bars): they follow the others, in the order they were made.
+    // Children come in the order of their indices. That is the toolkit's own order, which in a
+    // few GTK containers differs from the order in which the container hands them out one by
+    // one (a header bar's window buttons come last here, first there): the outline holds the
+    // same lines either way. GTK gives no index to the children a container holds besides its
+    // own (a scrolled window's scroll bars): they follow the others, in the order they were
+    // made.
     auto order = [](const AtspiCacheItem* item) {
         const auto slash = item->path.rfind('/');
         const auto serial = std::strtoull(item->path.c_str() + slash + 1, nullptr, 10);
@@ -48,6 +52,7 @@ std::optional<AccessibleElement> AtspiCachedWalk::read(AtspiAccessible* frame) {
     if (found == byPath_.end()) {
         return std::nullopt;
     }
+    frame_ = frame;
     auto root = plan(*found->second, {});
     if (!batch_.wait(budget_.deadline)) {
         budget_.cut = true;
@@ -57,7 +62,7 @@ std::optional<AccessibleElement> AtspiCachedWalk::read(AtspiAccessible* frame) {
     if (!batch_.wait(budget_.deadline)) {
         budget_.cut = true;
     }
-    return assemble(root, frame);
+    return assemble(root);
 }
 
 AtspiCachedWalk::Visit AtspiCachedWalk::plan(const AtspiCacheItem& item,
@@ -91,17 +96,42 @@ AtspiCachedWalk::Visit AtspiCachedWalk::plan(const AtspiCacheItem& item,
     }
     const auto childPlace = AtspiElementRules::childPlace(basics, place);
     const auto children = childrenOf(item);
-    // GTK leaves out of its cache the rows a tree view makes up on demand and counts no
-    // children of a menu (-1): such children are read live.
-    visit.listed = item.childCount >= 0 && static_cast<int>(children.size()) == item.childCount;
-    if (!visit.listed) {
-        return visit;  // read live once the batch is answered
-    }
-    for (const auto* child : children) {
-        if (!budget_.admits(childPlace.depth)) {
-            break;
+    if (item.childCount >= 0 && static_cast<int>(children.size()) == item.childCount) {
+        for (const auto* child : children) {
+            if (!budget_.admits(childPlace.depth)) {
+                break;
+            }
+            visit.children.push_back(plan(*child, childPlace));
         }
-        visit.children.push_back(plan(*child, childPlace));
+        return visit;
+    }
+    // GTK leaves some children out of its cache (the rows a tree view makes up on demand, a
+    // window's pop-overs), counts no children of a menu (-1), and its indices need not follow
+    // the order of the element's own children. The element says which children it has, in
+    // order: those the cache lists are read from it, the others live in their place.
+    auto* handle = place.depth == 0 ? frame_ : handleOf(item.path);
+    if (!handle) {
+        return visit;
+    }
+    std::vector<std::string> paths;
+    {
+        AtspiBatch ask(batch_.bus(), batch_.busName(), batch_.timeoutMs());
+        auto call = ask.call(item.path, "org.a11y.atspi.Accessible", "GetChildren");
+        ask.wait(budget_.deadline);
+        paths = ask.paths(call).value_or(std::vector<std::string>{});
+    }
+    const int count = paths.empty() ? AtspiCalls::childCount(handle) : int(paths.size());
+    for (int i = 0; i < count && budget_.admits(childPlace.depth); ++i) {
+        auto found = i < int(paths.size()) ? byPath_.find(paths[i]) : byPath_.end();
+        if (found != byPath_.end()) {
+            visit.children.push_back(plan(*found->second, childPlace));
+        } else {
+            ++budget_.visited;  // counted now, as the walk reaches it; read once answered
+            Visit live;
+            live.place = childPlace;
+            live.liveIndex = i;
+            visit.children.push_back(std::move(live));
+        }
     }
     return visit;
 }
@@ -119,10 +149,10 @@ void AtspiCachedWalk::askText(Visit& visit) {
     }
 }
 
-AccessibleElement AtspiCachedWalk::assemble(const Visit& visit, AtspiAccessible* frame) {
+AccessibleElement AtspiCachedWalk::assemble(const Visit& visit) {
     AccessibleElement element;
     const auto& item = *visit.item;
-    auto* handle = visit.place.depth == 0 ? frame : handleOf(item.path);
+    auto* handle = visit.place.depth == 0 ? frame_ : handleOf(item.path);
     if (handle) {
         element.handle = AtspiCalls::handleOf(handle);
     }
@@ -151,12 +181,13 @@ AccessibleElement AtspiCachedWalk::assemble(const Visit& visit, AtspiAccessible*
         facts.frame = batch_.rect(*visit.frame);
     }
     const auto childPlace = AtspiElementRules::childPlace(item.basics, visit.place);
-    if (!visit.listed && handle) {
-        AtspiLiveWalk(budget_).readChildren(handle, childPlace, element);
-        return element;
-    }
     for (const auto& child : visit.children) {
-        element.children.push_back(assemble(child, frame));
+        if (child.item) {
+            element.children.push_back(assemble(child));
+        } else if (auto live = handle ? AtspiCalls::childAt(handle, child.liveIndex) : nullptr) {
+            --budget_.visited;  // the live walk counts it again
+            element.children.push_back(AtspiLiveWalk(budget_).read(live.get(), childPlace));
+        }
     }
     if (childPlace.scrolled) {
         AtspiWalk::placeScrolledAway(element.children);

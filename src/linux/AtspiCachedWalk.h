@@ -29,19 +29,20 @@ class AtspiCachedWalk {
     std::optional<AccessibleElement> read(AtspiAccessible* frame);
 
   private:
-    // One element as planned: the questions sent about it and the elements below it.
+    // One element as planned: the questions sent about it and the elements below it; or a
+    // child the cache does not list, read live by its index once the batch is answered.
     struct Visit {
-        const AtspiCacheItem* item = nullptr;
+        const AtspiCacheItem* item = nullptr;  // none: read live
+        int liveIndex = -1;
         AtspiElementRules::Place place;
         AtspiElementRules::Needs needs;
         std::optional<std::size_t> actions, frame, count, text, number;
         std::vector<Visit> children;
-        bool listed = true;  // the cache lists all its children
     };
 
     Visit plan(const AtspiCacheItem& item, const AtspiElementRules::Place& place);
     void askText(Visit& visit);
-    AccessibleElement assemble(const Visit& visit, AtspiAccessible* frame);
+    AccessibleElement assemble(const Visit& visit);
     std::vector<const AtspiCacheItem*> childrenOf(const AtspiCacheItem& item) const;
     AtspiAccessible* handleOf(const std::string& path) const;
 
@@ -50,6 +51,7 @@ class AtspiCachedWalk {
     std::unordered_map<std::string, AtspiAccessible*> handles_;
     AtspiBatch& batch_;
     AtspiWalkBudget& budget_;
+    AtspiAccessible* frame_ = nullptr;
 };
 
 }  // namespace pavix
