@@ -73,10 +73,13 @@ std::optional<X11ApplicationWindows::Identity> X11ApplicationWindows::identify(
                 return known.second.member && known.second.client == info->transientFor;
             });
     }
-    identity.member = client == recorded_.id ||
-                      (recorded_.pid != 0 && info->pid == recorded_.pid) ||
-                      (!recorded_.className.empty() && info->className == recorded_.className) ||
-                      transientForMember;
+    // The class names an application, not a process: a second terminal or browser window has
+    // the recorded one's class too. It counts only where a process is not known to differ.
+    const bool samePid = recorded_.pid != 0 && info->pid == recorded_.pid;
+    const bool otherProcess = recorded_.pid != 0 && info->pid != 0 && info->pid != recorded_.pid;
+    const bool sameClass = !recorded_.className.empty() && info->className == recorded_.className;
+    identity.member =
+        client == recorded_.id || samePid || (sameClass && !otherProcess) || transientForMember;
     identity.kind = kindOf(*info);
     return identity;
 }

@@ -27,6 +27,11 @@ TEST(X11WindowLayers, ListsTheApplicationsWindowsWithTheirKinds) {
                                    .height = 200,
                                    .pid = 0,
                                    .type = "_NET_WM_WINDOW_TYPE_DIALOG"});
+    // Same class, another process: a second window of the same program (another terminal),
+    // not the recorded one's.
+    X11TestWindow sibling(
+        display,
+        {.title = "Second instance", .x = 200, .y = 150, .width = 300, .height = 200, .pid = 1});
     auto [x, y] = display.position(main.id());
     X11TestWindow menu(display, test::popupMenu(x + 40, y + 30, 160, 220, 0xff0000,
                                                 "_NET_WM_WINDOW_TYPE_DROPDOWN_MENU"));
