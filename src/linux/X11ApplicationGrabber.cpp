@@ -89,6 +89,7 @@ void X11ApplicationGrabber::syncLayers() {
             if (layer.outer.width != window.outer.width ||
                 layer.outer.height != window.outer.height) {
                 layer.stale = true;
+                layer.unnamed = false;
             }
             layer.outer = window.outer;
             kept.emplace(window.topLevel, std::move(layer));
@@ -115,7 +116,15 @@ bool X11ApplicationGrabber::takeChanged() {
         changed = true;
     }
     for (auto& [window, layer] : layers_) {
-        changed = layer.damage->take() || changed || layer.stale;
+        const bool damaged = layer.damage->take();
+        if (damaged && layer.unnamed) {
+            layer.unnamed = false;
+            layer.stale = true;
+        }
+        // A window outside the region is never drawn, so its pixmap stays unnamed: it changes
+        // nothing in the picture.
+        const bool shows = !layer.outer.intersection(region_).empty();
+        changed = changed || (shows && (damaged || (layer.stale && !layer.unnamed)));
     }
     return changed;
 }
@@ -128,8 +137,12 @@ XShmImage* X11ApplicationGrabber::grab() {
             continue;
         }
         Layer& layer = found->second;
+        if (layer.unnamed) {
+            continue;
+        }
         if (layer.stale) {
             if (!layer.pixmap->rename()) {
+                layer.unnamed = true;
                 continue;
             }
             layer.stale = false;

@@ -34,7 +34,11 @@ class X11ApplicationGrabber : public X11Grabber {
         std::unique_ptr<CompositePixmap> pixmap;
         std::unique_ptr<DamageTracker> damage;
         CaptureRect outer;
+        // Its pixmap must be named again (new, or resized) before it is drawn.
         bool stale = true;
+        // Naming it failed (the window went away between two reads): it is tried again when
+        // the window is damaged or resized, not on every tick.
+        bool unnamed = false;
     };
 
     void syncLayers();

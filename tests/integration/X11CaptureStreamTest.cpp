@@ -289,5 +289,27 @@ TEST_F(X11CaptureStreamTest, ApplicationRegionShowsOnlyTheApplicationsWindows) {
     EXPECT_GE(frames.completeCount() - before, 5);
 }
 
+// Only what the region shows is composed again: a static window whose application has another
+// window outside the region gives idle ticks, not a full frame on every tick.
+TEST_F(X11CaptureStreamTest, AStaticApplicationRegionIsIdleWhateverLiesOutsideIt) {
+    X11TestWindow target(display, {.title = "Editor", .x = 400, .y = 300, .colour = red});
+    X11TestWindow palette(
+        display,
+        {.title = "Palette", .x = 20, .y = 20, .width = 120, .height = 100, .colour = green});
+    auto [x, y] = display.position(target.id());
+    CaptureFilter filter = windowFilter(target.id());
+    filter.kind = CaptureFilter::Kind::applicationRegion;
+    CaptureStreamConfig config = sized(440, 340);
+    config.sourceRect = CaptureRect{double(x - 20), double(y - 20), 440, 340};
+    stream.start(filter, config, frames.handlers());
+    ASSERT_TRUE(frames.waitFor([](const auto& c) { return c.idle() >= 30; }))
+        << frames.completeCount() << " complete frames";
+    EXPECT_LE(frames.completeCount(), 3);
+
+    // What shows still changes the picture.
+    target.fill(blue);
+    ASSERT_TRUE(frames.waitFor([&](const auto& c) { return c.latestPixel(220, 170) == blue; }));
+}
+
 }  // namespace
 }  // namespace pavix
