@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "core/capture/CaptureError.h"
+#include "core/capture/CaptureStill.h"
 #include "linux/FfmpegVideoEncoder.h"
 #include "linux/FileSecretStore.h"
 #include "linux/LibsecretStore.h"
@@ -133,6 +134,14 @@ StudioEnvironment LinuxEnvironment::studio(asio::any_io_executor model) {
     env.windowFrames = windowFrames_.get();
     env.controlLog = std::getenv("PAVIX_CONTROL_LOG") != nullptr;
     env.controlThread = &controlThread_;
+    env.windowPicture = [](std::uint32_t windowID, int width, int height) {
+        X11CaptureStream stream;
+        CaptureFilter filter;
+        filter.kind = CaptureFilter::Kind::window;
+        filter.windowID = windowID;
+        return CaptureStill::firstFrame(stream, filter, width, height, std::chrono::seconds(3));
+    };
+    env.textRecognizer = &textRecognizer_;
     env.log = &log_;
     env.timing = timing_;
     env.nowMs = [] {

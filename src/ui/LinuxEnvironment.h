@@ -15,14 +15,16 @@
 #include "linux/FfmpegPngEncoder.h"
 #include "linux/GioTrash.h"
 #include "linux/StatvfsVolume.h"
+#include "linux/TesseractRecognizer.h"
 #include "ui/QtDefaults.h"
 
 namespace pavix {
 
 // The platform parts of this computer that the Studio is built from, owned in one place:
 // the worker pool, the network, the keyring, the settings, the window system's listings and
-// clipboard, the disk, the Trash, the video parts, and the accessibility of and input to other
-// applications. Parts that need a display are absent (or report why) when there is none.
+// clipboard, the disk, the Trash, the video parts, and the accessibility of, input to and text
+// recognition for other applications. Parts that need a display are absent (or report why)
+// when there is none.
 class LinuxEnvironment {
   public:
     LinuxEnvironment();
@@ -53,6 +55,9 @@ class LinuxEnvironment {
     AtspiActions accessibleActions_;
     std::unique_ptr<DesktopInput> desktopInput_;
     std::unique_ptr<WindowFrames> windowFrames_;
+    // Reads the text canvas applications draw; its engine is made on the first read, on the
+    // control thread.
+    TesseractRecognizer textRecognizer_;
     // The one thread that talks to the accessibility bus (its library is not thread-safe) and
     // makes the synthetic input.
     asio::thread_pool controlThread_{1};

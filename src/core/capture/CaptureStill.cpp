@@ -19,9 +19,8 @@ struct FirstFrame {
 
 }  // namespace
 
-std::vector<std::uint8_t> take(CaptureStream& stream, StillEncoder& encoder,
-                               const CaptureFilter& filter, int width, int height,
-                               std::chrono::milliseconds timeout) {
+VideoFrame firstFrame(CaptureStream& stream, const CaptureFilter& filter, int width, int height,
+                      std::chrono::milliseconds timeout) {
     FirstFrame first;
     CaptureStreamHandlers handlers;
     handlers.frame = [&first](const VideoFrame& frame) {
@@ -57,12 +56,18 @@ std::vector<std::uint8_t> take(CaptureStream& stream, StillEncoder& encoder,
     }
     stream.stop();  // no handler runs after this, so `first` may go
     if (frame) {
-        return encoder.png(*frame);
+        return *frame;
     }
     if (error) {
         throw *error;
     }
     throw CaptureError(CaptureError::kFailedToStart, "No picture arrived from the source.");
+}
+
+std::vector<std::uint8_t> take(CaptureStream& stream, StillEncoder& encoder,
+                               const CaptureFilter& filter, int width, int height,
+                               std::chrono::milliseconds timeout) {
+    return encoder.png(firstFrame(stream, filter, width, height, timeout));
 }
 
 }  // namespace pavix::CaptureStill

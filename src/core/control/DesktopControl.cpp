@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cmath>
 #include <map>
 
 #include "core/control/ControlPolicy.h"
 #include "core/control/InputError.h"
 #include "core/control/OutlineText.h"
+#include "core/control/VisualOutline.h"
 #include "core/runtime/Text.h"
 #include "core/session/PavixError.h"
 
@@ -19,6 +21,16 @@ constexpr std::array<const char*, 8> kMethods = {"readPage",  "pageText",       
                                                  "scrollBy",  "redactSensitiveText"};
 
 constexpr const char* kUnreadable = "The shared window cannot be read. Bring it back on screen.";
+constexpr const char* kNoPicture =
+    "The window's picture cannot be read: text recognition is not available here.";
+constexpr const char* kPictureFailed = "Text in the window's picture could not be read: ";
+
+// A picture side in pixels for a window side in points: one pixel a point, as X11 has it,
+// rounded up to the even sizes the capture delivers.
+int pictureSide(double points) {
+    const int side = std::max(2, static_cast<int>(std::ceil(points)));
+    return side + side % 2;
+}
 
 }  // namespace
 
@@ -50,18 +62,65 @@ ShareableWindow DesktopControl::locate() const {
     throw PavixError(kUnreadable);
 }
 
-const OutlineSnapshot& DesktopControl::read() {
+void DesktopControl::useCanvasApps(std::vector<std::string> ids) {
+    std::lock_guard lock(canvasMutex_);
+    canvasApps_ = std::move(ids);
+}
+
+std::vector<RecognizedText> DesktopControl::see(const ShareableWindow& window) {
+    const CaptureRect frame{window.x, window.y, window.width, window.height};
+    auto picture = parts_.picture(windowID_, pictureSide(window.width), pictureSide(window.height));
+    return VisualOutline::toScreen(parts_.recognizer->recognize(picture), picture.width,
+                                   picture.height, frame);
+}
+
+// The picture is read on this thread, the control thread, as the accessible tree is. A failure
+// of the picture fails a read the agent forced; for a canvas application the outline says
+// what happened, unless it has nothing else to show.
+const OutlineSnapshot& DesktopControl::read(bool forced) {
     const auto started = std::chrono::steady_clock::now();
+    const bool canSee = parts_.picture && parts_.recognizer;
+    if (forced && !canSee) {
+        throw PavixError(kNoPicture);
+    }
     auto window = locate();
+    bool visual = forced;
+    if (!visual) {
+        std::lock_guard lock(canvasMutex_);
+        visual = VisualOutline::isCanvasApp(window.appId, window.appName, canvasApps_);
+    }
     ControlledWindow target{
         window.pid, {window.x, window.y, window.width, window.height}, window.title};
     auto tree = parts_.reader.read(target, options_);
-    if (!tree) {
+    // A canvas application may show nothing on the accessibility bus: its picture is all the
+    // outline has then.
+    if (!tree && !(visual && canSee)) {
         throw PavixError(kUnreadable);
     }
     auto options = options_;
     options.title = window.title;
-    snapshot_ = OutlineBuilder::build(*tree, target.frame, options);
+    auto snapshot =
+        OutlineBuilder::build(tree ? *tree : AccessibleElement{}, target.frame, options);
+    std::string unseen;  // why the picture was not read
+    if (visual && canSee) {
+        try {
+            VisualOptions seen;
+            seen.textLimit = options_.textLimit;
+            seen.identityName = options_.identityName;
+            snapshot = VisualOutline::augment(std::move(snapshot), see(window), seen);
+        } catch (const std::exception& e) {
+            unseen = kPictureFailed + std::string(e.what());
+            if (forced || !tree) {
+                throw PavixError(unseen);
+            }
+        }
+    } else if (visual) {
+        unseen = kNoPicture;
+    }
+    if (!unseen.empty()) {
+        snapshot.outline = VisualOutline::insertLines(snapshot.outline, "(" + unseen + ")\n");
+    }
+    snapshot_ = std::move(snapshot);
     snapshot_->milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(
                                   std::chrono::steady_clock::now() - started)
                                   .count();
@@ -178,6 +237,11 @@ nlohmann::json DesktopControl::pointer(const nlohmann::json& args) {
 nlohmann::json DesktopControl::formInput(const nlohmann::json& args) {
     const auto& element = target(at(args, 0));
     const auto value = at(args, 1);
+    if (element.visual) {
+        throw InputError::unsupported("filling " + element.label +
+                                      ", which shows in the window's picture only: click it and "
+                                      "type instead");
+    }
     const auto window = frameOf(locate());
     const auto& role = element.role;
     if (OutlineRoles::isToggle(role)) {
@@ -316,7 +380,14 @@ nlohmann::json DesktopControl::handle(const std::string& method, const nlohmann:
         ~Publish() { self->publishTrail(); }
     } publish{this};
     if (method == "readPage") {
-        return read().outline;
+        // {"visual": true} reads the window's picture as well, whatever the application.
+        const auto options = at(args, 0);
+        bool visual = false;
+        if (options.is_object()) {
+            const auto flag = options.find("visual");
+            visual = flag != options.end() && flag->is_boolean() && flag->get<bool>();
+        }
+        return read(visual).outline;
     }
     if (method == "pageText") {
         return (snapshot_ ? *snapshot_ : read()).text;

@@ -10,6 +10,7 @@
 #include <mutex>
 #include <vector>
 
+#include "core/capture/CaptureStill.h"
 #include "core/control/InputDriver.h"
 #include "core/control/OutlineBuilder.h"
 #include "core/control/OutlineSnapshot.h"
@@ -17,6 +18,7 @@
 #include "platform/AccessibleActions.h"
 #include "platform/DesktopInput.h"
 #include "platform/ShareableContent.h"
+#include "platform/TextRecognizer.h"
 
 namespace pavix {
 
@@ -34,12 +36,21 @@ struct ControlParts {
     AccessibleActions& actions;
     DesktopInput& input;
     ShareableContent& content;
+    // The visual outline's parts: a picture of the window and the recogniser of its text, both
+    // used on the control thread. Either missing: windows are read from their accessible tree
+    // only.
+    WindowPicture picture = {};
+    TextRecognizer* recognizer = nullptr;
 };
 
 // The agent's control session over the one window the user shared: it refuses the
 // applications that are never operated, reads the window's outline and keeps the last one, so
 // that the agent's references name elements of what it last read, and operates them through
 // its input driver.
+//
+// The windows of canvas applications (VisualOutline::isCanvasApp), and any window when the
+// agent asks for it with "readPage"'s {"visual": true}, are also read from their picture: the
+// text recognised in it joins the outline as targets that are clicked where they show.
 //
 // Every call blocks on the accessibility bus and the window system: the session lives on the
 // control thread, which runs its methods one at a time.
@@ -56,6 +67,10 @@ class DesktopControl {
                    InputPacing pacing = {});
 
     std::uint32_t windowID() const { return windowID_; }
+
+    // The identifiers the user added to the canvas applications ("visualOnlyApps"); they count
+    // from the next read on. Any thread.
+    void useCanvasApps(std::vector<std::string> ids);
 
     // Runs one control method with its positional arguments; throws PavixError with the
     // sentence for the agent.
@@ -74,7 +89,10 @@ class DesktopControl {
 
   private:
     ShareableWindow locate() const;
-    const OutlineSnapshot& read();
+    // Reads the outline, with the window's picture for a canvas application or when `forced`.
+    const OutlineSnapshot& read(bool forced = false);
+    // The text lines of the window's picture, in screen points.
+    std::vector<RecognizedText> see(const ShareableWindow& window);
     const OutlineTarget& target(const nlohmann::json& ref) const;
     nlohmann::json pointer(const nlohmann::json& args);
     nlohmann::json formInput(const nlohmann::json& args);
@@ -99,6 +117,8 @@ class DesktopControl {
     std::mutex telemetryMutex_;  // guards what follows: taken from another thread
     std::vector<PointerSample> trail_;
     std::vector<Sighting> sightings_;
+    std::mutex canvasMutex_;  // guards what follows: set from another thread
+    std::vector<std::string> canvasApps_;
 };
 
 }  // namespace pavix

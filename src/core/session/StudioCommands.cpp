@@ -3,6 +3,7 @@
 #include <chrono>
 
 #include "core/app/ServiceAddresses.h"
+#include "core/control/VisualOutline.h"
 #include "core/runtime/Base64.h"
 #include "core/runtime/Offload.h"
 #include "core/session/CommandEnvelope.h"
@@ -69,10 +70,14 @@ asio::awaitable<std::shared_ptr<DesktopControl>> Studio::desktopControl(std::uin
         !env_.controlThread) {
         throw PavixError("local_method_forbidden: Accessibility permission is off");
     }
+    // The user's canvas applications, as the settings hold them now.
+    auto canvasApps = VisualOutline::appList(env_.defaults->text("visualOnlyApps").value_or(""));
     if (!control_ || control_->windowID() != windowID) {
         releaseControl();
         ControlParts parts{*env_.accessibility, *env_.accessibleActions, *env_.desktopInput,
                            *env_.content};
+        parts.picture = env_.windowPicture;
+        parts.recognizer = env_.textRecognizer;
         OutlineOptions options;
         options.identityName = env_.userFullName;
         auto open = [parts, windowID, options] {
@@ -80,6 +85,7 @@ asio::awaitable<std::shared_ptr<DesktopControl>> Studio::desktopControl(std::uin
         };
         control_ = co_await offloadTo(env_.controlThread->get_executor(), std::move(open));
     }
+    control_->useCanvasApps(std::move(canvasApps));
     co_return control_;
 }
 

@@ -8,6 +8,7 @@
 
 #include "core/app/Defaults.h"
 #include "core/capture/CapturePlatform.h"
+#include "core/capture/CaptureStill.h"
 #include "core/net/HttpClient.h"
 #include "core/runtime/Log.h"
 #include "core/runtime/Timing.h"
@@ -17,6 +18,7 @@
 #include "platform/DesktopInput.h"
 #include "platform/SecretStore.h"
 #include "platform/ShareableContent.h"
+#include "platform/TextRecognizer.h"
 #include "platform/Trash.h"
 #include "platform/Volume.h"
 #include "platform/WindowFrames.h"
@@ -42,6 +44,11 @@ struct StudioEnvironment {
     AccessibleActions* accessibleActions = nullptr;
     DesktopInput* desktopInput = nullptr;
     asio::thread_pool* controlThread = nullptr;
+    // The visual outline of canvas applications: a still picture of the shared window and the
+    // recogniser of its text, both used on the control thread only. Either none: windows are
+    // read from their accessible tree only.
+    WindowPicture windowPicture;
+    TextRecognizer* textRecognizer = nullptr;
     // Moving and resizing top-level windows, for the agent's window sizes; none: windows are
     // left as they are.
     WindowFrames* windowFrames = nullptr;
