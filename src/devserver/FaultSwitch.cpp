@@ -1,5 +1,7 @@
 #include "devserver/FaultSwitch.h"
 
+#include <cstdint>
+#include <optional>
 #include <sstream>
 
 namespace pavix::devserver {
@@ -138,11 +140,39 @@ std::optional<FaultRule> FaultRule::fromJson(const nlohmann::json& j, std::strin
             *why = "action must be status, drop, stall or truncate";
             return std::nullopt;
         }
-        r.status = j.value("status", 503);
+        // A whole number that fits; anything else (1e300, 2.5, 2^40) is refused below.
+        auto whole = [&](const char* key, int fallback) -> std::optional<int> {
+            const auto found = j.find(key);
+            if (found == j.end()) {
+                return fallback;
+            }
+            if (!found->is_number()) {
+                throw nlohmann::json::type_error::create(302, std::string(key) + " is no number",
+                                                         &*found);
+            }
+            if (!found->is_number_integer()) {
+                return std::nullopt;
+            }
+            const auto value = found->get<std::int64_t>();
+            if (found->is_number_unsigned() && found->get<std::uint64_t>() > 1'000'000'000) {
+                return std::nullopt;
+            }
+            if (value < -1'000'000'000 || value > 1'000'000'000) {
+                return std::nullopt;
+            }
+            return static_cast<int>(value);
+        };
+        const auto status = whole("status", 503), stallMs = whole("stallMs", 0),
+                   count = whole("count", 1), after = whole("after", 0);
+        if (!status || !stallMs || !count || !after) {
+            *why = "fault values out of range";
+            return std::nullopt;
+        }
+        r.status = *status;
         r.error = j.value("error", "fault_injected");
-        r.stallMs = j.value("stallMs", 0);
-        r.count = j.value("count", 1);
-        r.after = j.value("after", 0);
+        r.stallMs = *stallMs;
+        r.count = *count;
+        r.after = *after;
     } catch (const nlohmann::json::exception&) {
         *why = "fault fields have the wrong types";
         return std::nullopt;

@@ -74,6 +74,14 @@ TEST_F(FaultSwitchTest, BadRulesAreRefused) {
     EXPECT_EQ(arm({{"rule", "status=503"}}).body["error"], "invalid_fault");
     EXPECT_EQ(arm({{"rule", "path=/x,bogus=1"}}).body["error"], "invalid_fault");
     EXPECT_EQ(arm({{"path", "/x"}, {"action", "explode"}}).body["error"], "invalid_fault");
+    // Numbers that fit no field of a rule are refused, not narrowed.
+    for (const char* field : {"status", "stallMs", "count", "after"}) {
+        for (const json& value :
+             {json(1e300), json(-1e300), json(2.5), json(1ULL << 40), json("503")}) {
+            EXPECT_EQ(arm({{"path", "/x"}, {field, value}}).body["error"], "invalid_fault")
+                << field << " " << value;
+        }
+    }
     EXPECT_TRUE(ds::FaultSwitch::globMatch("/a/*/chunk", "/a/123/chunk"));
     EXPECT_FALSE(ds::FaultSwitch::globMatch("/a/*/chunk", "/a/123/begin"));
 }

@@ -241,6 +241,10 @@ TEST_F(ProtocolTest, OldAppVersionsAreToldToUpdate) {
     EXPECT_EQ(a.body["latestAppVersion"], "1.4.0");
     EXPECT_EQ(FakeApp(base, "1.2.0").pair(Agent(base).code()).status, 200);
     EXPECT_EQ(FakeApp(base, "dev").pair(Agent(base).code()).status, 200);
+    // Numbers longer than any integer type are compared digit by digit.
+    EXPECT_EQ(FakeApp(base, "99999999999999999999.0").pair(Agent(base).code()).status, 200);
+    EXPECT_EQ(FakeApp(base, "1.00000000000000000001").pair(Agent(base).code()).status, 426);
+    EXPECT_EQ(FakeApp(base, "1.2.000000000000000000000001").pair(Agent(base).code()).status, 200);
     EXPECT_EQ(FakeApp(base, "banana").pair(Agent(base).code()).body["error"],
               "invalid_app_version");
 

@@ -116,9 +116,13 @@ TEST(CaptureLayers, PayloadHasTheJsonShapeAndReadsBack) {
     EXPECT_EQ(CaptureLayers::fromPayload(payload), layers);
     EXPECT_EQ(
         CaptureLayers::fromPayload(nlohmann::json::parse(R"({"samples": []})")).samples.size(), 0u);
-    EXPECT_THROW(
-        CaptureLayers::fromPayload(nlohmann::json::parse(R"({"samples": [{"atMs": "x"}]})")),
-        std::invalid_argument);
+    // A time that is no whole number of milliseconds (1e300 fits no integer) is refused.
+    for (const char* atMs : {R"("x")", "1e300", "12.5"}) {
+        EXPECT_THROW(CaptureLayers::fromPayload(nlohmann::json::parse(
+                         std::string(R"({"samples": [{"atMs": )") + atMs + R"(, "rects": []}]})")),
+                     std::invalid_argument)
+            << atMs;
+    }
     EXPECT_THROW(CaptureLayers::fromPayload(nlohmann::json::object()), std::invalid_argument);
 }
 

@@ -100,7 +100,13 @@ CaptureLayers CaptureLayers::fromPayload(const nlohmann::json& json) {
     try {
         CaptureLayers layers;
         for (const auto& sample : json.at("samples")) {
-            Sample read{sample.at("atMs").get<std::int64_t>(), {}};
+            const auto& atMs = sample.at("atMs");
+            if (!atMs.is_number_integer()) {  // a float such as 1e300 fits no integer
+                throw std::invalid_argument(
+                    "malformed layer track: a sample's time is not a "
+                    "whole number of milliseconds");
+            }
+            Sample read{atMs.get<std::int64_t>(), {}};
             for (const auto& rect : sample.at("rects")) {
                 read.rects.push_back(
                     {rect.at("x").get<double>(), rect.at("y").get<double>(),
