@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -16,6 +17,7 @@
 #include "core/runtime/Uuid.h"
 #include "linux/FfmpegMediaReader.h"
 #include "linux/X11ShareableContent.h"
+#include "linux/X11WindowFrames.h"
 #include "support/ChildProcess.h"
 #include "support/DesktopBusMocks.h"
 #include "support/DevServerProcess.h"
@@ -160,6 +162,66 @@ TEST_F(RecordingEndToEnd, TheAgentsRecordingIsPublishedByteIdenticalToTheLocalVi
     EXPECT_GE(sideCar["width"].get<int>(), 640);
     EXPECT_GE(sideCar["height"].get<int>(), 400);
     EXPECT_GT(sideCar["durationMs"].get<int>(), 1000);
+
+    app->signal(SIGTERM);
+    EXPECT_EQ(app->wait(seconds(20)), 0) << app->output();
+}
+
+// With control allowed, the agent's recording may ask for a standard size: the window takes it
+// for the recording, the reply says so, and the window gets its own size back at the end.
+TEST_F(RecordingEndToEnd, TheWindowTakesTheAgentsSizeForTheRecordingAndGetsItsOwnBack) {
+    fs::create_directories(home / "config" / "pavix");
+    std::ofstream(home / "config" / "pavix" / "pavix.conf") << "[General]\nallowControl=true\n";
+    auto app = pavix({"--code", service.code(), "--pair", "--approve"});
+    ASSERT_TRUE(app->waitForLine("pavix: connected true", seconds(30))) << app->output();
+    // The window's frame with the window manager's decorations, as the sizes are meant.
+    X11WindowFrames frames;
+    auto frame = [&] {
+        for (const auto& window : X11ShareableContent().current().windows) {
+            if (window.title == "Recorded end to end") {
+                if (auto outer = frames.frame(window.id)) {
+                    return std::optional(std::pair(outer->width, outer->height));
+                }
+            }
+        }
+        return std::optional<std::pair<double, double>>();
+    };
+    const auto before = frame();
+    ASSERT_TRUE(before);
+    auto listed = envelope(service.agent({"send", "listSources", "--timeout", "20"}));
+    for (const auto& source : listed["value"]["sources"]) {
+        if (source["title"].get<std::string>().find("Recorded end to end") != std::string::npos) {
+            service.agent(
+                {"send", "selectSource", json::array({{{"sourceId", source["id"]}}}).dump()});
+        }
+    }
+    auto id = service.agent({"capture-id"});
+    id.erase(id.find_last_not_of("\n ") + 1);
+    json start = json::array({{{"captureId", id}, {"windowSize", "1280x720"}}});
+    auto started =
+        envelope(service.agent({"send", "startRecording", start.dump(), "--timeout", "30"}));
+    ASSERT_TRUE(started.contains("value")) << started.dump() << app->output();
+    EXPECT_EQ(
+        started["meta"]["desktopWindow"],
+        json({{"requested", "1280x720"}, {"width", 1280}, {"height", 720}, {"resized", true}}))
+        << started.dump();
+    auto during = frame();
+    ASSERT_TRUE(during);
+    EXPECT_NEAR(during->first, 1280, 2);
+    EXPECT_NEAR(during->second, 720, 2);
+
+    auto stopped = envelope(service.agent({"send", "stopRecording", "--timeout", "60"}));
+    ASSERT_TRUE(stopped.contains("value")) << stopped.dump() << app->output();
+    ASSERT_TRUE(eventually(
+        [&] {
+            auto after = frame();
+            return after && std::abs(after->first - before->first) <= 2 &&
+                   std::abs(after->second - before->second) <= 2;
+        },
+        seconds(10)))
+        << app->output();
+    auto sideCar = json::parse(readBytes(library() / (Uuid::upper(id) + ".json")));
+    EXPECT_GE(sideCar["width"].get<int>(), 1280);  // the recording is of the sized window
 
     app->signal(SIGTERM);
     EXPECT_EQ(app->wait(seconds(20)), 0) << app->output();
