@@ -529,6 +529,20 @@ std::optional<CaptureRect> X11WindowFrames::frame(std::uint32_t windowID) {
     return placement->frame;
 }
 
+FrameInsets X11WindowFrames::decorations(std::uint32_t windowID) {
+    std::lock_guard lock(mutex_);
+    X11ErrorTrap trap(display_.get());
+    const auto window = clientOf(display_, windowID);
+    const auto placement = window ? read(display_, *window) : std::nullopt;
+    if (!placement) {
+        return {};
+    }
+    // A recording of the window is of the client, inside its border.
+    const auto& e = placement->extents;
+    const double b = placement->border;
+    return {e.left + b, e.top + b, e.right + b, e.bottom + b};
+}
+
 bool X11WindowFrames::resizable(std::uint32_t windowID) {
     std::lock_guard lock(mutex_);
     X11ErrorTrap trap(display_.get());

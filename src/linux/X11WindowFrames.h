@@ -24,6 +24,7 @@ class X11WindowFrames : public WindowFrames {
     std::vector<ScreenFrame> screens() override;
     std::optional<CaptureRect> frame(std::uint32_t windowID) override;
     bool resizable(std::uint32_t windowID) override;
+    FrameInsets decorations(std::uint32_t windowID) override;
     std::optional<CaptureRect> setFrame(std::uint32_t windowID, const CaptureRect& frame) override;
 
   private:

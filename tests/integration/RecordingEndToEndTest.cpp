@@ -17,7 +17,6 @@
 #include "core/runtime/Uuid.h"
 #include "linux/FfmpegMediaReader.h"
 #include "linux/X11ShareableContent.h"
-#include "linux/X11WindowFrames.h"
 #include "support/ChildProcess.h"
 #include "support/DesktopBusMocks.h"
 #include "support/DevServerProcess.h"
@@ -174,14 +173,11 @@ TEST_F(RecordingEndToEnd, TheWindowTakesTheAgentsSizeForTheRecordingAndGetsItsOw
     std::ofstream(home / "config" / "pavix" / "pavix.conf") << "[General]\nallowControl=true\n";
     auto app = pavix({"--code", service.code(), "--pair", "--approve"});
     ASSERT_TRUE(app->waitForLine("pavix: connected true", seconds(30))) << app->output();
-    // The window's frame with the window manager's decorations, as the sizes are meant.
-    X11WindowFrames frames;
-    auto frame = [&] {
+    // The window's own content, which is what a recording shows and what the size is of.
+    auto frame = [] {
         for (const auto& window : X11ShareableContent().current().windows) {
             if (window.title == "Recorded end to end") {
-                if (auto outer = frames.frame(window.id)) {
-                    return std::optional(std::pair(outer->width, outer->height));
-                }
+                return std::optional(std::pair(window.width, window.height));
             }
         }
         return std::optional<std::pair<double, double>>();
@@ -222,6 +218,7 @@ TEST_F(RecordingEndToEnd, TheWindowTakesTheAgentsSizeForTheRecordingAndGetsItsOw
         << app->output();
     auto sideCar = json::parse(readBytes(library() / (Uuid::upper(id) + ".json")));
     EXPECT_GE(sideCar["width"].get<int>(), 1280);  // the recording is of the sized window
+    EXPECT_GE(sideCar["height"].get<int>(), 720);
 
     app->signal(SIGTERM);
     EXPECT_EQ(app->wait(seconds(20)), 0) << app->output();

@@ -284,36 +284,45 @@ void expectPlacedAt(X11TestDisplay& display, X11WindowFrames& frames, const X11T
 
 const std::vector<ScreenFrame> kWholeScreen = {{{0, 0, 1920, 1080}, {0, 0, 1920, 1080}}};
 
+// The preset is the size of what a recording shows, the client: the frame is that and the
+// window manager's decorations.
 TEST(X11WindowFrames, BringsAWindowToEachPresetAndBack) {
     X11TestDisplay display;
     X11WindowFrames frames;
     ASSERT_TRUE(sameScreens(frames.screens(), kWholeScreen));
-    struct Case {
-        std::string preset;
-        CaptureRect frame;  // where it goes, from a frame at (100, 100)
-    };
-    for (const auto& c : std::vector<Case>{
-             {"1280x720", {100, 100, 1280, 720}},
-             {"1440x900", {100, 100, 1440, 900}},
-             {"1920x1080", {0, 0, 1920, 1080}},  // the whole screen: moved to its corner
-         }) {
-        SCOPED_TRACE(c.preset);
+    for (const std::string preset : {"1280x720", "1440x900", "1920x1080"}) {
+        SCOPED_TRACE(preset);
         X11TestWindow window(display, windowAt(100, 100));
         const auto id = std::uint32_t(window.id());
         expectPlacedAt(display, frames, window, 100, 100);
         const auto before = managerFrame(display, window.id());
         ASSERT_TRUE(before);
         ASSERT_TRUE(frames.resizable(id));
+        const double aroundX = before->width - 400, aroundY = before->height - 300;
+        const auto decorations = frames.decorations(id);
+        EXPECT_EQ(decorations.left + decorations.right, aroundX);
+        EXPECT_EQ(decorations.top + decorations.bottom, aroundY);
 
-        auto [report, undo] = WindowResize::apply(frames, c.preset, id);
+        // 1920x1080 and a title bar do not fit the 1920x1080 screen: the largest size of its
+        // proportions that does, in the screen's corner.
+        const auto wanted = WindowSizing::preset(preset);
+        const auto content = WindowSizing::fit(wanted, {1920 - aroundX, 1080 - aroundY});
+        const bool fitted = content.width != wanted.width;
+        const CaptureRect frame{std::min(100.0, 1920 - content.width - aroundX),
+                                std::min(100.0, 1080 - content.height - aroundY),
+                                content.width + aroundX, content.height + aroundY};
+
+        auto [report, undo] = WindowResize::apply(frames, preset, id);
         EXPECT_EQ(report.payload(),
-                  expectedReport(c.preset, int(c.frame.width), int(c.frame.height), true, {}));
-        EXPECT_TRUE(near(frames.frame(id), c.frame));
-        EXPECT_TRUE(near(managerFrame(display, window.id()), c.frame));
-        // The client is the frame less the decorations it had before.
+                  expectedReport(preset, int(std::lround(content.width)),
+                                 int(std::lround(content.height)), true,
+                                 fitted ? std::optional(Reason::fittedToScreen) : std::nullopt));
+        EXPECT_TRUE(near(frames.frame(id), frame, 1));
+        EXPECT_TRUE(near(managerFrame(display, window.id()), frame, 1));
         const auto [clientWidth, clientHeight] = clientSize(display, window.id());
-        EXPECT_EQ(clientWidth, c.frame.width - (before->width - 400));
-        EXPECT_EQ(clientHeight, c.frame.height - (before->height - 300));
+        EXPECT_NEAR(clientWidth, content.width, 1);
+        EXPECT_NEAR(clientHeight, content.height, 1);
+        EXPECT_EQ(fitted, preset == "1920x1080");
         ASSERT_TRUE(undo);
         EXPECT_TRUE(near(undo->original, *before));
 
@@ -354,9 +363,11 @@ TEST(X11WindowFrames, WindowsOfOneSizeOrFullScreenAreNotResizedAndLeftAlone) {
         EXPECT_FALSE(frames.resizable(id));
 
         auto [report, undo] = WindowResize::apply(frames, "1280x720", id);
-        EXPECT_EQ(report.payload(),
-                  expectedReport("1280x720", int(before->width), int(before->height), false,
-                                 Reason::notResizable));
+        const auto d = frames.decorations(id);  // the size said is the client's
+        EXPECT_EQ(
+            report.payload(),
+            expectedReport("1280x720", int(before->width - d.left - d.right),
+                           int(before->height - d.top - d.bottom), false, Reason::notResizable));
         EXPECT_FALSE(undo);
         EXPECT_TRUE(near(managerFrame(display, window.id()), *before));
         EXPECT_TRUE(near(frames.frame(id), *before));
@@ -366,9 +377,8 @@ TEST(X11WindowFrames, WindowsOfOneSizeOrFullScreenAreNotResizedAndLeftAlone) {
 TEST(X11WindowFrames, AWindowThatLimitsItsSizeIsReportedAsLimitedByTheApplication) {
     X11TestDisplay display;
     X11WindowFrames frames;
-    // The window takes each side of the preset (less the decorations) up to its largest size,
-    // 1000x700: the width is over the limit in both presets, the height only in 1440x900 (with
-    // decorations under 200 points).
+    // The client takes each side of the preset up to its largest size, 1000x700: both presets
+    // are over the limit.
     for (const std::string preset : {"1280x720", "1440x900"}) {
         SCOPED_TRACE(preset);
         auto options = windowAt(100, 100);
@@ -385,12 +395,12 @@ TEST(X11WindowFrames, AWindowThatLimitsItsSizeIsReportedAsLimitedByTheApplicatio
 
         auto [report, undo] = WindowResize::apply(frames, preset, id);
         const auto size = WindowSizing::preset(preset);
-        const int clientWidth = std::min(1000, int(size.width) - decorationWidth);
-        const int clientHeight = std::min(700, int(size.height) - decorationHeight);
+        const int clientWidth = std::min(1000, int(size.width));
+        const int clientHeight = std::min(700, int(size.height));
         const CaptureRect limited{100, 100, double(clientWidth + decorationWidth),
                                   double(clientHeight + decorationHeight)};
-        EXPECT_EQ(report.payload(), expectedReport(preset, int(limited.width), int(limited.height),
-                                                   true, Reason::appLimited));
+        EXPECT_EQ(report.payload(),
+                  expectedReport(preset, clientWidth, clientHeight, true, Reason::appLimited));
         EXPECT_TRUE(near(managerFrame(display, window.id()), limited));
         EXPECT_EQ(clientSize(display, window.id()), std::make_pair(clientWidth, clientHeight));
         ASSERT_TRUE(undo);
@@ -480,12 +490,19 @@ TEST(X11WindowFrames, APresetLargerThanTheVisibleScreenIsFittedToIt) {
     const auto before = managerFrame(display, window.id());
     ASSERT_TRUE(before);
 
-    // 1920x1080 scaled by 1440/1920 = 0.75 (the height would allow 875/1080): 1440x810, at the
-    // left edge, and up to 875 - 810 = 65 so that it ends on the panel's edge.
+    // 1920x1080 scaled to the width left for the client (1440 less the borders), the title bar
+    // fitting too: at the left edge, and up so that the frame ends on the panel's edge.
+    const auto d = frames.decorations(id);
+    const double aroundX = d.left + d.right, aroundY = d.top + d.bottom;
+    const auto content = WindowSizing::fit({1920, 1080}, {1440 - aroundX, 875 - aroundY});
+    EXPECT_LT(content.width, 1440);
     auto [report, undo] = WindowResize::apply(frames, "1920x1080", id);
     EXPECT_EQ(report.payload(),
-              expectedReport("1920x1080", 1440, 810, true, Reason::fittedToScreen));
-    EXPECT_TRUE(near(managerFrame(display, window.id()), {0, 65, 1440, 810}));
+              expectedReport("1920x1080", int(std::lround(content.width)),
+                             int(std::lround(content.height)), true, Reason::fittedToScreen));
+    const double outerHeight = content.height + aroundY;
+    EXPECT_TRUE(near(managerFrame(display, window.id()),
+                     {0, 875 - outerHeight, content.width + aroundX, outerHeight}, 1));
     ASSERT_TRUE(undo);
     EXPECT_TRUE(undo->restore(frames));
     EXPECT_TRUE(near(managerFrame(display, window.id()), *before, 2));
@@ -496,14 +513,14 @@ TEST(X11WindowFrames, AWindowAcrossTwoMonitorsIsFittedToTheOneHoldingMoreOfIt) {
     X11WindowFrames frames;
     TestMonitors monitors(display, {{0, 0, 1200, 1080}, {1200, 0, 720, 1080}});
     struct Case {
-        int x;  // the frame's left edge; the frame is about 400 points wide
-        CaptureRect frame;
+        int x;               // the frame's left edge; the frame is about 400 points wide
+        double left, width;  // the monitor it is fitted to
     };
     for (const auto& c : std::vector<Case>{
-             // 300 points on the left monitor, 100 on the right: 1280x720 scaled by 1200/1280.
-             {900, {0, 100, 1200, 675}},
-             // 100 on the left, 300 on the right: scaled by 720/1280, moved onto the right one.
-             {1100, {1200, 100, 720, 405}},
+             // 300 points on the left monitor, 100 on the right: fitted to the left one.
+             {900, 0, 1200},
+             // 100 on the left, 300 on the right: fitted to the right one, and moved onto it.
+             {1100, 1200, 720},
          }) {
         SCOPED_TRACE(c.x);
         X11TestWindow window(display, windowAt(c.x, 100));
@@ -511,12 +528,16 @@ TEST(X11WindowFrames, AWindowAcrossTwoMonitorsIsFittedToTheOneHoldingMoreOfIt) {
         expectPlacedAt(display, frames, window, c.x, 100);
         const auto before = managerFrame(display, window.id());
         ASSERT_TRUE(before);
+        const auto d = frames.decorations(id);
+        const double aroundX = d.left + d.right, aroundY = d.top + d.bottom;
+        const auto content = WindowSizing::fit({1280, 720}, {c.width - aroundX, 1080 - aroundY});
 
         auto [report, undo] = WindowResize::apply(frames, "1280x720", id);
         EXPECT_EQ(report.payload(),
-                  expectedReport("1280x720", int(c.frame.width), int(c.frame.height), true,
-                                 Reason::fittedToScreen));
-        EXPECT_TRUE(near(managerFrame(display, window.id()), c.frame));
+                  expectedReport("1280x720", int(std::lround(content.width)),
+                                 int(std::lround(content.height)), true, Reason::fittedToScreen));
+        EXPECT_TRUE(near(managerFrame(display, window.id()),
+                         {c.left, 100, content.width + aroundX, content.height + aroundY}, 1));
         ASSERT_TRUE(undo);
         EXPECT_TRUE(undo->restore(frames));
         EXPECT_TRUE(near(managerFrame(display, window.id()), *before, 2));
@@ -537,7 +558,9 @@ TEST(X11WindowFrames, AMaximisedWindowIsRestoredBeforeItIsSized) {
 
     auto [report, undo] = WindowResize::apply(frames, "1280x720", id);
     EXPECT_EQ(report.payload(), expectedReport("1280x720", 1280, 720, true, {}));
-    EXPECT_TRUE(near(managerFrame(display, window.id()), {0, 0, 1280, 720}));
+    const auto d = frames.decorations(id);
+    EXPECT_TRUE(near(managerFrame(display, window.id()),
+                     {0, 0, 1280 + d.left + d.right, 720 + d.top + d.bottom}));
     EXPECT_FALSE(hasState(display, window.id(), "_NET_WM_STATE_MAXIMIZED_VERT"));
     EXPECT_FALSE(hasState(display, window.id(), "_NET_WM_STATE_MAXIMIZED_HORZ"));
 }
@@ -612,9 +635,12 @@ TEST(X11WindowFrames, WindowsAreSizedFromSeveralThreadsAtOnce) {
 
     EXPECT_EQ(firstResult.first.payload(), expectedReport("1280x720", 1280, 720, true, {}));
     EXPECT_EQ(secondResult.first.payload(), expectedReport("1440x900", 1440, 900, true, {}));
-    EXPECT_TRUE(near(managerFrame(display, first.id()), {100, 100, 1280, 720}));
-    // 1080 - 900 = 180: up from 200 to stay on the screen.
-    EXPECT_TRUE(near(managerFrame(display, second.id()), {300, 180, 1440, 900}));
+    const auto d = frames.decorations(std::uint32_t(first.id()));
+    const double aroundX = d.left + d.right, aroundY = d.top + d.bottom;
+    EXPECT_TRUE(near(managerFrame(display, first.id()), {100, 100, 1280 + aroundX, 720 + aroundY}));
+    // Up from 200 to stay on the screen.
+    EXPECT_TRUE(near(managerFrame(display, second.id()),
+                     {300, 1080 - 900 - aroundY, 1440 + aroundX, 900 + aroundY}));
 }
 
 }  // namespace

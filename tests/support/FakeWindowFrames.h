@@ -15,6 +15,7 @@ class FakeWindowFrames : public WindowFrames {
         CaptureRect frame;
         bool resizable = true;
         WindowSize largest{1e9, 1e9};  // what the application accepts at most
+        FrameInsets decorations;       // what a recording of it leaves out
     };
 
     std::vector<ScreenFrame> screens() override {
@@ -30,6 +31,11 @@ class FakeWindowFrames : public WindowFrames {
         std::lock_guard lock(mutex_);
         auto found = windows_.find(id);
         return found != windows_.end() && found->second.resizable;
+    }
+    FrameInsets decorations(std::uint32_t id) override {
+        std::lock_guard lock(mutex_);
+        auto found = windows_.find(id);
+        return found == windows_.end() ? FrameInsets{} : found->second.decorations;
     }
     std::optional<CaptureRect> setFrame(std::uint32_t id, const CaptureRect& frame) override {
         std::lock_guard lock(mutex_);

@@ -110,7 +110,9 @@ TEST(WindowSizingRules, AWindowIsBroughtToAPresetAndPutBack) {
                          {3, limited},
                          {4, {{2000, 100, 800, 600}}},
                          {5, {{100, 100, 1921, 1079}}},
-                         {6, {{5000, 100, 800, 600}}}});
+                         {6, {{5000, 100, 800, 600}}},
+                         {7, {{100, 100, 642, 506}, true, {1e9, 1e9}, {1, 25, 1, 1}}},
+                         {8, {{0, 0, 800, 600}, true, {1e9, 1e9}, {0, 30, 0, 0}}}});
     struct Case {
         std::uint32_t window;
         std::string preset;
@@ -135,6 +137,12 @@ TEST(WindowSizingRules, AWindowIsBroughtToAPresetAndPutBack) {
              std::nullopt},
             {6, "1920x1080",  // on no screen
              R"({"height":600,"reason":"not_resizable","requested":"1920x1080","resized":false,"width":800})",
+             std::nullopt},
+            // A recording leaves the title bar and borders out: the content takes the preset.
+            {7, "1280x720", R"({"height":720,"requested":"1280x720","resized":true,"width":1280})",
+             CaptureRect{100, 100, 1282, 746}},
+            {8, "1920x1080",  // with its title bar the preset no longer fits the screen
+             R"({"height":1050,"reason":"fitted_to_screen","requested":"1920x1080","resized":true,"width":1866})",
              std::nullopt},
         }) {
         auto before = *frames.frame(c.window);
