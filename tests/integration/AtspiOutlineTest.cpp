@@ -242,11 +242,11 @@ TEST_F(GtkOutline, TheAgentReadsTheSharedWindowThroughTheService) {
     fs::path home = DevServerProcess::scratch("control-home");
     fs::create_directories(home / "config" / "pavix");
     std::ofstream(home / "config" / "pavix" / "pavix.conf") << "[General]\nallowControl=true\n";
-    ChildProcess pavix(
-        {PAVIX_BINARY, "--server", service.server(), "--code", service.code(), "--pair"},
-        {{"XDG_CONFIG_HOME", (home / "config").string()},
-         {"XDG_STATE_HOME", (home / "state").string()},
-         {"PAVIX_CONTROL_LOG", "1"}});
+    ChildProcess pavix({PAVIX_BINARY, "--server", service.server(), "--code", service.code(),
+                        "--pair", "--approve"},
+                       {{"XDG_CONFIG_HOME", (home / "config").string()},
+                        {"XDG_STATE_HOME", (home / "state").string()},
+                        {"PAVIX_CONTROL_LOG", "1"}});
     ASSERT_TRUE(pavix.waitForLine("pavix: connected true", seconds(30))) << pavix.output();
     auto listed =
         DevServerProcess::envelope(service.agent({"send", "listSources", "--timeout", "20"}));
@@ -277,16 +277,44 @@ TEST_F(GtkOutline, TheAgentReadsTheSharedWindowThroughTheService) {
     auto text = DevServerProcess::envelope(service.agent({"send", "pageText", "--timeout", "20"}));
     EXPECT_THAT(text["value"].get<std::string>(), ::testing::HasSubstr("Password\nName\nRow 1\n"));
 
-    // The agent clicks by reference; the reply carries the pointer's trail for the video.
+    // The agent clicks by reference; the reply carries the pointer's trail for the video, in
+    // points of the window while nothing is recorded.
     std::smatch save;
-    ASSERT_TRUE(std::regex_search(outline, save, std::regex(R"(\[(ref_[0-9]+)\] button "Save")")));
-    auto click = DevServerProcess::envelope(service.agent(
-        {"send", "pointer", nlohmann::json::array({"left_click", {{"ref", save[1].str()}}}).dump(),
-         "--timeout", "20"}));
+    ASSERT_TRUE(std::regex_search(
+        outline, save,
+        std::regex(R"(\[(ref_[0-9]+)\] button "Save" — visible at \(([0-9]+),([0-9]+)\))")));
+    const double saveX = std::stod(save[2].str()), saveY = std::stod(save[3].str());
+    auto clickSave = [&] {
+        return DevServerProcess::envelope(
+            service.agent({"send", "pointer",
+                           nlohmann::json::array({"left_click", {{"ref", save[1].str()}}}).dump(),
+                           "--timeout", "20"}));
+    };
+    auto click = clickSave();
     EXPECT_EQ(click["value"]["element"], "button \"Save\"") << click.dump();
     ASSERT_FALSE(click["meta"]["pointerTrail"].empty()) << click.dump();
-    EXPECT_EQ(click["meta"]["pointerTrail"].back()["kind"], "click");
+    auto clicked = click["meta"]["pointerTrail"].back();
+    EXPECT_EQ(clicked["kind"], "click");
+    EXPECT_NEAR(clicked["x"].get<double>(), saveX, 1.0) << clicked;
+    EXPECT_NEAR(clicked["y"].get<double>(), saveY, 1.0) << clicked;
     EXPECT_TRUE(fixture.waitForLine("clicked Save", seconds(10))) << fixture.output();
+
+    // While the window is recorded with room for its pop-ups around it, the trail is in points
+    // of that recorded picture: the window sits up to 200 points in from its top-left corner.
+    auto captureId = service.agent({"capture-id"});
+    captureId.erase(captureId.find_last_not_of("\n ") + 1);
+    auto started = DevServerProcess::envelope(service.agent(
+        {"send", "startRecording", nlohmann::json::array({{{"captureId", captureId}}}).dump(),
+         "--timeout", "30"}));
+    ASSERT_TRUE(started.contains("value")) << started.dump() << pavix.output();
+    auto shared = window();
+    ASSERT_TRUE(shared);
+    auto recorded = clickSave()["meta"]["pointerTrail"].back();
+    EXPECT_NEAR(recorded["x"].get<double>(), saveX + std::min(200.0, shared->frame.x), 1.0)
+        << recorded << " window at " << shared->frame.x << "," << shared->frame.y;
+    EXPECT_NEAR(recorded["y"].get<double>(), saveY + std::min(200.0, shared->frame.y), 1.0)
+        << recorded << " window at " << shared->frame.x << "," << shared->frame.y;
+    service.agent({"send", "stopRecording", "--timeout", "60"});
     EXPECT_THAT(pavix.output(), ::testing::ContainsRegex("control pointer \\([0-9]+ bytes of "
                                                          "arguments\\) done in [0-9]+ ms, "
                                                          "[1-9][0-9]* pointer samples"));

@@ -53,9 +53,11 @@ DesktopControl::DesktopControl(ControlParts parts, std::uint32_t windowID, Outli
     driver_ = std::make_unique<InputDriver>(pid_, windowID_, parts_.actions, parts_.input, pacing);
 }
 
-ShareableWindow DesktopControl::locate() const {
+ShareableWindow DesktopControl::locate() {
     for (auto& window : parts_.content.current().windows) {
         if (window.id == windowID_ && window.onScreen) {
+            std::lock_guard lock(telemetryMutex_);
+            located_ = CaptureRect{window.x, window.y, window.width, window.height};
             return window;
         }
     }
@@ -332,10 +334,20 @@ nlohmann::json DesktopControl::redact(const nlohmann::json& args) {
     return {{"matches", rects.size()}, {"rects", rects}};
 }
 
+void DesktopControl::place(std::optional<CaptureRect> region) {
+    std::lock_guard lock(telemetryMutex_);
+    picture_.region = region;
+}
+
+// The samples of one call were made with the window where this call located it.
 void DesktopControl::publishTrail() {
     const auto& samples = driver_->telemetry();
     std::lock_guard lock(telemetryMutex_);
-    trail_.insert(trail_.end(), samples.begin() + trailSent_, samples.end());
+    const auto window = located_.value_or(CaptureRect{});
+    for (auto s = samples.begin() + static_cast<std::ptrdiff_t>(trailSent_); s != samples.end();
+         ++s) {
+        trail_.push_back({picture_.x(s->x, window), picture_.y(s->y, window), s->atMs, s->kind});
+    }
     trailSent_ = samples.size();
 }
 
@@ -344,11 +356,11 @@ void DesktopControl::noteSightings(const OutlineSnapshot& snapshot) {
         return;
     }
     Sighting sighting{std::chrono::steady_clock::now(), {}};
-    for (const auto& rect : snapshot.identity) {
-        sighting.rects.push_back(
-            {rect.x - snapshot.window.x, rect.y - snapshot.window.y, rect.width, rect.height});
-    }
     std::lock_guard lock(telemetryMutex_);
+    for (const auto& rect : snapshot.identity) {
+        sighting.rects.push_back({picture_.x(rect.x, snapshot.window),
+                                  picture_.y(rect.y, snapshot.window), rect.width, rect.height});
+    }
     sightings_.push_back(std::move(sighting));
 }
 

@@ -14,6 +14,7 @@
 #include "core/control/InputDriver.h"
 #include "core/control/OutlineBuilder.h"
 #include "core/control/OutlineSnapshot.h"
+#include "core/control/RecordedPicture.h"
 #include "platform/AccessibilityReader.h"
 #include "platform/AccessibleActions.h"
 #include "platform/DesktopInput.h"
@@ -23,8 +24,9 @@
 namespace pavix {
 
 // What the agent's actions and reads left for drawing over the recording: the pointer's samples
-// and the places where the user's own name showed. Each entry's "atMs" counts from the start
-// of the session's input driver, as the samples do.
+// and the places where the user's own name showed, in points of the recorded picture (see
+// RecordedPicture). Each entry's "atMs" counts from the start of the session's input driver, as
+// the samples do.
 struct ControlTelemetry {
     nlohmann::json pointerTrail = nlohmann::json::array();       // {"x", "y", "atMs", "kind"}
     nlohmann::json identitySightings = nlohmann::json::array();  // {"atMs", "rects"}
@@ -80,15 +82,21 @@ class DesktopControl {
     // before the session brought its own forward.
     void endRecording() { driver_->handFrontBack(); }
 
+    // Where the recording of the window lies on the screen: the region while the window is
+    // recorded with its pop-ups, none while it is recorded alone or not at all. The telemetry
+    // taken from then on is in points of that picture. Any thread.
+    void place(std::optional<CaptureRect> region);
+
     // The last outline read, if any.
     const std::optional<OutlineSnapshot>& snapshot() const { return snapshot_; }
 
-    // The pointer samples (screen points) and the sightings of the user's name (window points)
-    // since the last call. Any thread.
+    // The pointer samples and the sightings of the user's name since the last call, in points
+    // of the recorded picture. Any thread.
     ControlTelemetry takeTelemetry();
 
   private:
-    ShareableWindow locate() const;
+    // The shared window as it is now; its frame is kept for the telemetry of this call.
+    ShareableWindow locate();
     // Reads the outline, with the window's picture for a canvas application or when `forced`.
     const OutlineSnapshot& read(bool forced = false);
     // The text lines of the window's picture, in screen points.
@@ -112,10 +120,12 @@ class DesktopControl {
     std::size_t trailSent_ = 0;
     struct Sighting {
         std::chrono::steady_clock::time_point at;
-        std::vector<CaptureRect> rects;  // window points
+        std::vector<CaptureRect> rects;  // points of the recorded picture
     };
-    std::mutex telemetryMutex_;  // guards what follows: taken from another thread
-    std::vector<PointerSample> trail_;
+    std::mutex telemetryMutex_;           // guards what follows: taken from another thread
+    std::optional<CaptureRect> located_;  // the window's frame when last located, screen points
+    RecordedPicture picture_;
+    std::vector<PointerSample> trail_;  // points of the recorded picture
     std::vector<Sighting> sightings_;
     std::mutex canvasMutex_;  // guards what follows: set from another thread
     std::vector<std::string> canvasApps_;

@@ -36,6 +36,8 @@ asio::awaitable<nlohmann::json> Studio::run(std::string method, nlohmann::json a
             throw PavixError("local_method_forbidden: share a window, not a display");
         }
         auto control = co_await desktopControl(source->windowIDs.front());
+        // The telemetry of this call is placed in what is being recorded now.
+        control->place(capture_->running() ? capture_->region() : std::nullopt);
         auto handle = [control, method, args] { return control->handle(method, args); };
         const auto started = std::chrono::steady_clock::now();
         std::exception_ptr failure;
