@@ -115,11 +115,11 @@ Timing uploadOnce(ds::DevServer& server, const std::string& file, size_t bytes,
     return {seconds(t0, t1), seconds(t0, t2)};
 }
 
-double rawCurlOnce(const std::string& base, const std::string& file) {
+double rawCurlOnce(const std::string& base, const std::string& key, const std::string& file) {
     std::string cmd =
         "curl -s -S -o /dev/null -H 'Expect:' -H 'Content-Type: application/octet-stream' "
-        "--data-binary @" +
-        file + " " + base + "/agent/bench/sink";
+        "-H 'X-Pavix-Agent-Key: " +
+        key + "' --data-binary @" + file + " " + base + "/agent/bench/sink";
     auto t0 = Clock::now();
     if (std::system(cmd.c_str()) != 0) {
         std::fprintf(stderr, "raw curl failed\n");
@@ -171,7 +171,7 @@ int main(int argc, char** argv) {
 
     std::vector<double> raw, chunks, total;
     for (int r = 0; r < rounds; ++r) {
-        raw.push_back(rawCurlOnce(server.baseUrl(), file));
+        raw.push_back(rawCurlOnce(server.baseUrl(), server.agentKey(), file));
         auto t = uploadOnce(server, file, bytes, *sha);
         chunks.push_back(t.chunks);
         total.push_back(t.total);

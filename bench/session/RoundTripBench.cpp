@@ -35,8 +35,8 @@ int main(int argc, char** argv) {
     char pattern[] = "/tmp/pavix-bench.XXXXXX";
     std::filesystem::path scratch = ::mkdtemp(pattern);
 
-    ChildProcess service({PAVIX_DEVSERVER_BINARY, "--port", "0", "--data",
-                          (scratch / "service").string()});
+    ChildProcess service(
+        {PAVIX_DEVSERVER_BINARY, "--port", "0", "--data", (scratch / "service").string()});
     if (!service.waitForLine("ready", seconds(20))) {
         std::fprintf(stderr, "the development service did not start\n%s", service.output().c_str());
         return 1;
@@ -53,6 +53,8 @@ int main(int argc, char** argv) {
 
     httplib::Client agent("127.0.0.1", port);
     agent.set_read_timeout(30, 0);
+    const auto console = lineValue(service, "console ");  // its address carries the agent key
+    agent.set_default_headers({{"X-Pavix-Agent-Key", console.substr(console.find("?key=") + 5)}});
     auto devices = agent.Get("/agent/devices");
     auto list = nlohmann::json::parse(devices ? devices->body : "{}", nullptr, false);
     if (!list.is_object() || list["devices"].empty()) {
@@ -60,8 +62,8 @@ int main(int argc, char** argv) {
         return 1;
     }
     auto path = "/agent/devices/" + list["devices"][0]["deviceId"].get<std::string>() + "/commands";
-    nlohmann::json body = {{"method", "currentUrl"}, {"args", nlohmann::json::array()},
-                           {"timeoutMs", 10000}};
+    nlohmann::json body = {
+        {"method", "currentUrl"}, {"args", nlohmann::json::array()}, {"timeoutMs", 10000}};
 
     std::vector<double> millis;
     int failures = 0;

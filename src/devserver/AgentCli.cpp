@@ -1,5 +1,8 @@
 #include "devserver/AgentCli.h"
 
+#include "devserver/AgentKey.h"
+#include "devserver/Options.h"
+
 #include <httplib.h>
 #include <nlohmann/json.hpp>
 
@@ -16,9 +19,13 @@ using json = nlohmann::json;
 
 namespace {
 
-const char* kUsage = R"(usage: pavix-devserver agent [--server URL] COMMAND ...
+const char* kUsage =
+    R"(usage: pavix-devserver agent [--server URL] [--data DIR | --key KEY] COMMAND ...
 
   --server URL                the service (default $PAVIX_DEVSERVER, else http://127.0.0.1:8640)
+  --data DIR                  the service's data folder, which keeps the agent key (default the
+                              service's default folder)
+  --key KEY                   the agent key itself (default $PAVIX_AGENT_KEY, else from DIR)
 
 commands:
   status                                  service address and settings
@@ -44,6 +51,7 @@ commands:
 
 struct Cli {
     std::string server;
+    std::string key;
     std::ostream& out;
     std::ostream& err;
 
@@ -56,6 +64,7 @@ struct Cli {
     Result call(const std::string& method, const std::string& path, const json* body = nullptr,
                 int readTimeoutS = 30) {
         httplib::Client c(server);
+        c.set_default_headers({{AgentKey::kHeader, key}});
         c.set_connection_timeout(5);
         c.set_read_timeout(readTimeoutS);
         httplib::Result r = method == "GET" ? c.Get(path)
@@ -147,7 +156,16 @@ int run(const std::vector<std::string>& argsIn, std::ostream& out, std::ostream&
     }
     while (!server.empty() && server.back() == '/')
         server.pop_back();
-    Cli cli{server, out, err};
+    std::string key = takeOption(args, "--key");
+    std::string dataDir = takeOption(args, "--data");
+    if (key.empty() && dataDir.empty()) {
+        const char* env = std::getenv("PAVIX_AGENT_KEY");
+        key = env ? env : "";
+    }
+    if (key.empty()) {
+        key = AgentKey::read(dataDir.empty() ? Options::defaultDataDir() : dataDir).value_or("");
+    }
+    Cli cli{server, key, out, err};
     if (args.empty() || args[0] == "help" || args[0] == "--help") {
         (args.empty() ? err : out) << kUsage;
         return args.empty() ? 2 : 0;
@@ -272,6 +290,7 @@ int run(const std::vector<std::string>& argsIn, std::ostream& out, std::ostream&
             return 2;
         }
         httplib::Client c(server);
+        c.set_default_headers({{AgentKey::kHeader, cli.key}});
         c.set_read_timeout(120);
         std::ofstream file(args[1], std::ios::binary);
         if (!file) {

@@ -1,5 +1,6 @@
 #include "devserver/AgentRoutes.h"
 
+#include "devserver/AgentKey.h"
 #include "devserver/AppVersion.h"
 #include "devserver/ConsolePage.h"
 #include "devserver/DevServer.h"
@@ -35,6 +36,27 @@ std::optional<Reply> agentBody(const httplib::Request& req, json& out) {
 }  // namespace
 
 void AgentRoutes::install(httplib::Server& http) {
+    // Before any route: an agent call without the key ends here, and the console's address
+    // with the key leaves it in a cookie and takes the key out of the address bar.
+    http.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
+        if (req.path == "/" && req.has_param("key") &&
+            AgentKey::same(req.get_param_value("key"), s_.agentKey())) {
+            res.set_header("Set-Cookie", std::string(AgentKey::kCookie) + "=" + s_.agentKey() +
+                                             "; Path=/; HttpOnly; SameSite=Strict");
+            res.set_redirect("/", 303);
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        if (req.path.rfind("/agent/", 0) == 0 && !AgentKey::carried(req, s_.agentKey())) {
+            send(res, Reply::error(401, "agent_key_required",
+                                   {{"detail", std::string("agent calls carry the key in ") +
+                                                   AgentKey::kHeader +
+                                                   "; open the console at the address "
+                                                   "pavix-devserver printed"}}));
+            return httplib::Server::HandlerResponse::Handled;
+        }
+        return httplib::Server::HandlerResponse::Unhandled;
+    });
+
     auto get = [&](const std::string& pattern, Route r) {
         http.Get(pattern, s_.guarded([r](const httplib::Request& req, httplib::Response& res) {
             send(res, r(req));

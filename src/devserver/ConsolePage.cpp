@@ -70,6 +70,8 @@ tr:last-child td { border-bottom: 0; }
 .pill.connected, .pill.delivered, .pill.complete { background: #e6ecff; color: #3b49c9; }
 .pill.paired, .pill.queued, .pill.receiving { background: #eef0f4; color: var(--muted); }
 .pill.revoked, .pill.failed, .pill.abandoned, .pill.expired { background: #fde8e8; color: var(--bad); }
+.keyless { background: #fdeeee; color: #a33030; padding: 12px 28px; border-bottom: 1px solid #f3c9c9; }
+.keyless code { font-family: var(--mono); font-size: 13px; }
 .status { margin-top: 14px; padding: 9px 12px; border-radius: 6px; background: #f6f7fa; color: var(--muted); font-size: 13px; min-height: 38px; }
 .status.ok { background: #e9f7ef; color: #176c3c; } .status.bad { background: #fdeeee; color: #a33030; } .status.busy { background: #fff7e6; color: #8a5a00; }
 .empty { color: var(--muted); padding: 18px 0; text-align: center; }
@@ -139,6 +141,8 @@ footer { text-align: center; color: var(--muted); font-size: 12px; padding: 10px
   </nav>
   <div class="server" id="server-address"></div>
 </header>
+<div class="keyless hidden" id="keyless">This console needs the agent key. Open it at the console
+  address that pavix-devserver printed when it started (<code>console http://127.0.0.1:…/?key=…</code>).</div>
 <main>
 
 <section id="view-pair" data-view="pair">
@@ -262,6 +266,7 @@ async function api(method, path, body) {
   const res = await fetch(path, init);
   let data = {};
   try { data = await res.json(); } catch (e) { data = { error: "not_json" }; }
+  if (res.status === 401 && data.error === "agent_key_required") $("keyless").classList.remove("hidden");
   return { status: res.status, data };
 }
 function esc(s) { return String(s).replace(/[&<>"]/g, (c) => ({ "&": "&amp;", "<": "&lt;", ">": "&gt;", '"': "&quot;" }[c])); }

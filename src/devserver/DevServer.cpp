@@ -1,5 +1,6 @@
 #include "devserver/DevServer.h"
 
+#include "devserver/AgentKey.h"
 #include "devserver/AgentRoutes.h"
 #include "devserver/HttpSupport.h"
 #include "devserver/ServiceRoutes.h"
@@ -20,6 +21,7 @@ DevServer::DevServer(Options options) : opt_(std::move(options)) {
     std::filesystem::create_directories(opt_.dataDir);
     std::filesystem::permissions(opt_.dataDir, std::filesystem::perms::owner_all,
                                  std::filesystem::perm_options::replace);
+    agentKey_ = AgentKey::loadOrCreate(opt_.dataDir);
     db_ = std::make_unique<Database>(opt_.dataDir + "/devserver.sqlite3");
     tokens_ = std::make_unique<TokenStore>(
         *db_, Lifetimes{opt_.codeTtlMs, opt_.accessTtlMs, opt_.refreshTtlMs});
@@ -57,30 +59,58 @@ void DevServer::setSettings(const LiveSettings& s) {
     settings_ = s;
 }
 
+namespace {
+
+// The request as if its X-Pavix-Offset were `by` bytes further on; unchanged without one.
+httplib::Request shifted(const httplib::Request& req, int by) {
+    httplib::Request moved = req;
+    const std::string offset = req.get_header_value("X-Pavix-Offset");
+    if (!offset.empty() && offset.size() <= 12 &&
+        offset.find_first_not_of("0123456789") == std::string::npos) {
+        moved.headers.erase("X-Pavix-Offset");
+        moved.headers.emplace("X-Pavix-Offset", std::to_string(std::stoll(offset) + by));
+    }
+    return moved;
+}
+
+}  // namespace
+
 DevServer::Handler DevServer::guarded(Handler handler) {
-    return
-        [this, handler = std::move(handler)](const httplib::Request& req, httplib::Response& res) {
-            if (auto fault = faults_.take(req.method, req.path)) {
-                switch (fault->action) {
-                    case FaultRule::Action::Status:
-                        HttpSupport::send(
-                            res, Reply::error(fault->status, fault->error, {{"fault", fault->id}}));
-                        return;
-                    case FaultRule::Action::Drop:
-                        SocketControl::drop(SocketControl::find(req));
-                        HttpSupport::send(res, Reply::error(500, "fault_dropped"));
-                        return;
-                    case FaultRule::Action::Stall:
-                        std::this_thread::sleep_for(std::chrono::milliseconds(fault->stallMs));
-                        break;
-                    case FaultRule::Action::Truncate:
-                        HttpSupport::setTruncateCurrent(true);
-                        break;
-                }
+    return [this, handler = std::move(handler)](const httplib::Request& req,
+                                                httplib::Response& res) {
+        faults_.count(req.path, req.body.size());
+        if (auto fault = faults_.take(req.method, req.path)) {
+            switch (fault->action) {
+                case FaultRule::Action::Status:
+                    HttpSupport::send(
+                        res, Reply::error(fault->status, fault->error, {{"fault", fault->id}}));
+                    return;
+                case FaultRule::Action::Drop:
+                    SocketControl::drop(SocketControl::find(req));
+                    HttpSupport::send(res, Reply::error(500, "fault_dropped"));
+                    return;
+                case FaultRule::Action::Stall:
+                    std::this_thread::sleep_for(std::chrono::milliseconds(fault->stallMs));
+                    break;
+                case FaultRule::Action::Truncate:
+                    HttpSupport::setTruncateCurrent(true);
+                    break;
+                case FaultRule::Action::DropReply:
+                    handler(req, res);
+                    SocketControl::drop(SocketControl::find(req));
+                    return;
+                case FaultRule::Action::NonJson:
+                    handler(req, res);
+                    res.set_content("<html><body>Service unavailable</body></html>", "text/html");
+                    return;
+                case FaultRule::Action::Shift:
+                    handler(shifted(req, fault->shiftBytes), res);
+                    return;
             }
-            handler(req, res);
-            HttpSupport::setTruncateCurrent(false);
-        };
+        }
+        handler(req, res);
+        HttpSupport::setTruncateCurrent(false);
+    };
 }
 
 void DevServer::install() {

@@ -60,6 +60,8 @@ class DevServer {
     // "http://127.0.0.1:PORT", the base address the app is given.
     std::string baseUrl() const;
     const Options& options() const { return opt_; }
+    // The key every agent call carries (AgentKey); kept in the data folder.
+    const std::string& agentKey() const { return agentKey_; }
     LiveSettings settings();
     void setSettings(const LiveSettings& s);
 
@@ -76,6 +78,7 @@ class DevServer {
     void install();
 
     Options opt_;
+    std::string agentKey_;
     std::unique_ptr<Database> db_;
     std::unique_ptr<TokenStore> tokens_;
     CommandQueue commands_;

@@ -16,6 +16,12 @@ const char* FaultRule::actionName(Action a) {
             return "stall";
         case Action::Truncate:
             return "truncate";
+        case Action::DropReply:
+            return "drop-reply";
+        case Action::NonJson:
+            return "nonjson";
+        case Action::Shift:
+            return "shift";
     }
     return "status";
 }
@@ -31,6 +37,8 @@ nlohmann::json FaultRule::toJson() const {
     }
     if (action == Action::Stall)
         j["stallMs"] = stallMs;
+    if (action == Action::Shift)
+        j["shiftBytes"] = shiftBytes;
     return j;
 }
 
@@ -87,6 +95,13 @@ std::optional<FaultRule> FaultRule::parse(const std::string& ruleText, std::stri
             r.action = Action::Drop;
         } else if (key == "truncate") {
             r.action = Action::Truncate;
+        } else if (key == "drop-reply") {
+            r.action = Action::DropReply;
+        } else if (key == "nonjson") {
+            r.action = Action::NonJson;
+        } else if (key == "shift") {
+            r.action = Action::Shift;
+            ok = toInt(value, 1, 1000000000, &r.shiftBytes);
         } else if (key == "stall") {
             r.action = Action::Stall;
             ok = toInt(value, 0, 600000, &r.stallMs);
@@ -136,8 +151,14 @@ std::optional<FaultRule> FaultRule::fromJson(const nlohmann::json& j, std::strin
             r.action = Action::Stall;
         } else if (action == "truncate") {
             r.action = Action::Truncate;
+        } else if (action == "drop-reply") {
+            r.action = Action::DropReply;
+        } else if (action == "nonjson") {
+            r.action = Action::NonJson;
+        } else if (action == "shift") {
+            r.action = Action::Shift;
         } else {
-            *why = "action must be status, drop, stall or truncate";
+            *why = "action must be status, drop, stall, truncate, drop-reply, nonjson or shift";
             return std::nullopt;
         }
         // A whole number that fits; anything else (1e300, 2.5, 2^40) is refused below.
@@ -163,21 +184,24 @@ std::optional<FaultRule> FaultRule::fromJson(const nlohmann::json& j, std::strin
             return static_cast<int>(value);
         };
         const auto status = whole("status", 503), stallMs = whole("stallMs", 0),
-                   count = whole("count", 1), after = whole("after", 0);
-        if (!status || !stallMs || !count || !after) {
+                   shiftBytes = whole("shiftBytes", 1), count = whole("count", 1),
+                   after = whole("after", 0);
+        if (!status || !stallMs || !shiftBytes || !count || !after) {
             *why = "fault values out of range";
             return std::nullopt;
         }
         r.status = *status;
         r.error = j.value("error", "fault_injected");
         r.stallMs = *stallMs;
+        r.shiftBytes = *shiftBytes;
         r.count = *count;
         r.after = *after;
     } catch (const nlohmann::json::exception&) {
         *why = "fault fields have the wrong types";
         return std::nullopt;
     }
-    if (r.status < 100 || r.status > 599 || r.count < 1 || r.after < 0 || r.stallMs < 0) {
+    if (r.status < 100 || r.status > 599 || r.count < 1 || r.after < 0 || r.stallMs < 0 ||
+        r.shiftBytes < 1) {
         *why = "fault values out of range";
         return std::nullopt;
     }
@@ -226,6 +250,34 @@ std::optional<FaultRule> FaultSwitch::take(const std::string& method, const std:
         return applied;
     }
     return std::nullopt;
+}
+
+void FaultSwitch::watch(const std::string& glob) {
+    std::lock_guard lock(mutex_);
+    for (const auto& [watched, traffic] : watched_) {
+        if (watched == glob)
+            return;
+    }
+    watched_.emplace_back(glob, Traffic{});
+}
+
+void FaultSwitch::count(const std::string& path, std::size_t bodyBytes) {
+    std::lock_guard lock(mutex_);
+    for (auto& [glob, traffic] : watched_) {
+        if (globMatch(glob, path)) {
+            ++traffic.requests;
+            traffic.bodyBytes += static_cast<std::int64_t>(bodyBytes);
+        }
+    }
+}
+
+FaultSwitch::Traffic FaultSwitch::traffic(const std::string& glob) {
+    std::lock_guard lock(mutex_);
+    for (const auto& [watched, traffic] : watched_) {
+        if (watched == glob)
+            return traffic;
+    }
+    return {};
 }
 
 bool FaultSwitch::globMatch(const std::string& p, const std::string& t) {

@@ -68,7 +68,8 @@ std::optional<Reply> jsonBody(const httplib::Request& req, nlohmann::json& out) 
 
 std::optional<Reply> onlyKeys(const nlohmann::json& body,
                               std::initializer_list<const char*> allowed) {
-    for (auto& [key, value] : body.items()) {
+    for (const auto& item : body.items()) {
+        const std::string& key = item.key();
         bool known =
             std::any_of(allowed.begin(), allowed.end(), [&](const char* a) { return key == a; });
         if (!known) {

@@ -44,8 +44,9 @@ flags:
   --latest-app-version V   the latest app version (default 0.1.0)
   --sessions-disabled      refuse new sessions with desktop_sessions_disabled
   --fault RULE             arm a fault, e.g. path=/local-browser/poll,status=503,count=2
-                           (actions: status=N [error=CODE], drop, stall=MS, truncate;
-                           also count=N, after=N, method=M); may repeat
+                           (actions: status=N [error=CODE], drop, stall=MS, truncate,
+                           drop-reply, nonjson, shift=N; also count=N, after=N, method=M);
+                           may repeat
   --bench-sink             accept bodies up to 512 MiB on /agent/bench/sink (benchmark)
   --no-code                do not create a pairing code at start
   --verbose                log every request to standard error

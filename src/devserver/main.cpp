@@ -35,7 +35,8 @@ int serve(const std::vector<std::string>& args) {
         std::printf("pavix-devserver listening on 127.0.0.1:%d\n", port);
         std::printf("port %d\n", port);
         std::printf("server %s\n", base.c_str());
-        std::printf("console %s/\n", base.c_str());
+        // The console's address carries the agent key: it is for this machine's user alone.
+        std::printf("console %s/?key=%s\n", base.c_str(), server.agentKey().c_str());
         std::printf("data %s\n", server.options().dataDir.c_str());
         if (opt.printCode) {
             auto code = server.tokens().createCode();

@@ -194,8 +194,20 @@ const device = new FakeDevice();
 let capture = "";
 
 try {
-  await check("the pairing view shows the service's code and setup link", async () => {
+  await check("without the agent key the page says how to open it, and shows nothing", async () => {
     await page.goto(base + "/#pair");
+    await page.waitForSelector("#keyless:not(.hidden)");
+    const text = await page.textContent("#keyless");
+    assert(text.includes("needs the agent key"), "keyless banner: " + text);
+    assert(await page.textContent("#pair-code") !== lines.code, "a code showed without the key");
+    await page.screenshot({ path: join(shots, "keyless.png") });
+  });
+
+  await check("the pairing view shows the service's code and setup link", async () => {
+    // The printed console address hands the key over and leaves it out of the address bar.
+    await page.goto(lines.console + "#pair");
+    assert(!page.url().includes("key="), "the key stayed in the address: " + page.url());
+    assert(await page.isHidden("#keyless"), "the keyless banner shows with the key");
     await page.waitForFunction((code) => document.getElementById("pair-code").textContent === code, lines.code);
     const link = await page.textContent("#setup-link");
     assert(link === lines.link, `setup link ${link} != ${lines.link}`);

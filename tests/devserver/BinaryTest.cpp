@@ -1,8 +1,10 @@
 // The real binary: its start-up lines, the --fault flag, the agent command line and a clean stop.
 #include "DevServerFixture.h"
+#include "devserver/AgentKey.h"
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -98,8 +100,10 @@ class BinaryTest : public ::testing::Test {
         base = "http://127.0.0.1:" + lines["port"];
     }
 
+    // The agent command line, which reads the key from the service's data folder.
     CliResult cli(std::vector<std::string> args) {
-        std::vector<std::string> full = {PAVIX_DEVSERVER_BINARY, "agent", "--server", base};
+        std::vector<std::string> full = {
+            PAVIX_DEVSERVER_BINARY, "agent", "--server", base, "--data", dir.path.string()};
         full.insert(full.end(), args.begin(), args.end());
         Child c(full);
         std::string out = c.rest();
@@ -113,7 +117,7 @@ class BinaryTest : public ::testing::Test {
 };
 
 TEST_F(BinaryTest, PrintsItsAddressesAndAPairingCodeAndStopsCleanly) {
-    EXPECT_EQ(lines["console"], base + "/");
+    EXPECT_EQ(lines["console"], base + "/?key=" + ds::AgentKey::read(lines["data"]).value_or("?"));
     EXPECT_EQ(lines["server"], base);
     EXPECT_EQ(lines["code"].size(), 8u);
     EXPECT_EQ(lines["link"], ds::UrlCodec::setupLink(base, lines["code"]));
@@ -126,6 +130,79 @@ TEST_F(BinaryTest, PrintsItsAddressesAndAPairingCodeAndStopsCleanly) {
     ASSERT_TRUE(page);
     EXPECT_NE(page->body.find("<html"), std::string::npos);
     EXPECT_EQ(server->terminate(), 0);
+}
+
+// The agent's side answers only the key, which the service keeps for its owner alone; the
+// console's address hands it to the browser as a same-site cookie. The service listens on
+// loopback only.
+TEST_F(BinaryTest, TheAgentInterfaceAnswersOnlyItsKeyOnLoopback) {
+    const auto keyFile = dir.path / "agent-key";
+    struct stat info {};
+    ASSERT_EQ(::stat(keyFile.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+    const auto key = ds::AgentKey::read(dir.path.string()).value_or("");
+    ASSERT_EQ(key.rfind("pvx_ak_", 0), 0u) << key;
+
+    struct Case {
+        std::string what;
+        httplib::Headers headers;
+        int status;
+    };
+    for (const auto& c : std::vector<Case>{
+             {"no key", {}, 401},
+             {"a wrong key", {{"X-Pavix-Agent-Key", "pvx_ak_0"}}, 401},
+             {"the key with one more letter", {{"X-Pavix-Agent-Key", key + "0"}}, 401},
+             {"the key twice", {{"X-Pavix-Agent-Key", key}, {"X-Pavix-Agent-Key", key}}, 401},
+             {"the key in another cookie", {{"Cookie", "other=" + key}}, 401},
+             {"the key", {{"X-Pavix-Agent-Key", key}}, 200},
+             {"the console's cookie", {{"Cookie", "a=1; pavix_agent_key=" + key}}, 200},
+         }) {
+        httplib::Client client(base);
+        for (const auto& path : {"/agent/devices", "/agent/recordings"}) {
+            auto r = client.Get(path, c.headers);
+            ASSERT_TRUE(r) << c.what;
+            EXPECT_EQ(r->status, c.status) << c.what << " " << path;
+            if (c.status == 401) {
+                EXPECT_EQ(json::parse(r->body)["error"], "agent_key_required");
+            }
+        }
+    }
+    // The console's address sets the cookie and takes the key out of the address bar; a
+    // wrong key gets the page, which then says what it needs.
+    httplib::Client browser(base);
+    auto handed = browser.Get("/?key=" + key);
+    ASSERT_TRUE(handed);
+    EXPECT_EQ(handed->status, 303);
+    EXPECT_EQ(handed->get_header_value("Location"), "/");
+    EXPECT_EQ(handed->get_header_value("Set-Cookie"),
+              "pavix_agent_key=" + key + "; Path=/; HttpOnly; SameSite=Strict");
+    auto wrong = browser.Get("/?key=pvx_ak_0");
+    ASSERT_TRUE(wrong);
+    EXPECT_EQ(wrong->status, 200);
+    EXPECT_FALSE(wrong->has_header("Set-Cookie"));
+    // A command line without the key hears why.
+    Child refused(
+        {PAVIX_DEVSERVER_BINARY, "agent", "--server", base, "--key", "pvx_ak_0", "devices"});
+    refused.rest();
+    EXPECT_NE(refused.wait(), 0);
+    EXPECT_EQ(cli({"devices"}).code, 0);
+
+    // Bound to 127.0.0.1 and nothing else: the kernel's own tables of listening sockets.
+    char port[8];
+    std::snprintf(port, sizeof port, ":%04X", std::stoi(lines["port"]));
+    std::vector<std::string> bound;
+    for (const char* name : {"/proc/net/tcp", "/proc/net/tcp6"}) {
+        std::ifstream table(name);
+        for (std::string line; std::getline(table, line);) {
+            std::istringstream fields(line);
+            std::string slot, local, remote, state;
+            fields >> slot >> local >> remote >> state;
+            if (state == "0A" && local.size() > 5 && local.substr(local.size() - 5) == port) {
+                bound.push_back(local);
+            }
+        }
+    }
+    EXPECT_EQ(bound, std::vector<std::string>{std::string("0100007F") + port});
 }
 
 TEST_F(BinaryTest, TheAgentCommandLineDrivesADevice) {

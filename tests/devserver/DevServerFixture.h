@@ -114,14 +114,16 @@ class FakeApp {
 // The agent API.
 class Agent {
   public:
-    explicit Agent(std::string base) : base_(std::move(base)) {}
+    Agent(std::string base, std::string key) : base_(std::move(base)), key_(std::move(key)) {}
     Answer get(const std::string& path) const {
         httplib::Client c(base_);
+        c.set_default_headers({{"X-Pavix-Agent-Key", key_}});
         return toAnswer(c.Get(path));
     }
     Answer post(const std::string& path, const json& body = json::object(),
                 int readTimeoutS = 30) const {
         httplib::Client c(base_);
+        c.set_default_headers({{"X-Pavix-Agent-Key", key_}});
         c.set_read_timeout(readTimeoutS);
         return toAnswer(c.Post(path, body.dump(), "application/json"));
     }
@@ -136,6 +138,7 @@ class Agent {
 
   private:
     std::string base_;
+    std::string key_;
 };
 
 // A successful reply envelope as the app posts it.
@@ -173,6 +176,7 @@ class ServiceTest : public ::testing::Test {
         server = std::make_unique<ds::DevServer>(o);
         server->start();
         base = server->baseUrl();
+        key = server->agentKey();
     }
     void restart() {
         server.reset();
@@ -188,7 +192,7 @@ class ServiceTest : public ::testing::Test {
     // A fake app paired with a fresh code.
     FakeApp paired(const std::string& name = "test-box") {
         FakeApp app(base);
-        auto a = app.pair(Agent(base).code(), name);
+        auto a = app.pair(Agent(base, key).code(), name);
         EXPECT_EQ(a.status, 200) << a.raw;
         return app;
     }
@@ -196,6 +200,7 @@ class ServiceTest : public ::testing::Test {
     TempDir dir;
     std::unique_ptr<ds::DevServer> server;
     std::string base;
+    std::string key;  // the agent key
 };
 
 }  // namespace devtest

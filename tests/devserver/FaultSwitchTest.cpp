@@ -1,8 +1,10 @@
-// The fault switch the reliability tests rely on: status answers, dropped connections, stalls and
-// truncated bodies, for the next N requests on a path.
+// The fault switch the reliability tests rely on: status answers, dropped connections, stalls,
+// truncated and non-JSON bodies, replies lost after the work and shifted offsets, for the next N
+// requests on a path; and the count of what reached a watched path.
 #include "DevServerFixture.h"
 
 #include <chrono>
+#include <iterator>
 
 namespace devtest {
 namespace {
@@ -11,7 +13,7 @@ using namespace std::chrono;
 
 class FaultSwitchTest : public ServiceTest {
   protected:
-    Answer arm(const json& rule) { return Agent(base).post("/agent/faults", rule); }
+    Answer arm(const json& rule) { return Agent(base, key).post("/agent/faults", rule); }
     Answer version() {
         httplib::Client c(base);
         c.set_read_timeout(5);
@@ -27,7 +29,7 @@ TEST_F(FaultSwitchTest, StatusFaultAnswersTheNextNRequestsThenStops) {
         EXPECT_EQ(a.body["error"], "fault_injected");
     }
     EXPECT_EQ(version().status, 200);
-    EXPECT_TRUE(Agent(base).get("/agent/faults").body["faults"].empty());
+    EXPECT_TRUE(Agent(base, key).get("/agent/faults").body["faults"].empty());
 }
 
 TEST_F(FaultSwitchTest, AfterLetsTheFirstRequestsThroughAndErrorSetsTheCode) {
@@ -74,8 +76,13 @@ TEST_F(FaultSwitchTest, BadRulesAreRefused) {
     EXPECT_EQ(arm({{"rule", "status=503"}}).body["error"], "invalid_fault");
     EXPECT_EQ(arm({{"rule", "path=/x,bogus=1"}}).body["error"], "invalid_fault");
     EXPECT_EQ(arm({{"path", "/x"}, {"action", "explode"}}).body["error"], "invalid_fault");
+    for (const char* rule : {"path=/x,shift=0", "path=/x,shift=-3", "path=/x,shift=x"}) {
+        EXPECT_EQ(arm({{"rule", rule}}).body["error"], "invalid_fault") << rule;
+    }
+    EXPECT_EQ(arm({{"path", "/x"}, {"action", "shift"}, {"shiftBytes", 0}}).body["error"],
+              "invalid_fault");
     // Numbers that fit no field of a rule are refused, not narrowed.
-    for (const char* field : {"status", "stallMs", "count", "after"}) {
+    for (const char* field : {"status", "stallMs", "shiftBytes", "count", "after"}) {
         for (const json& value :
              {json(1e300), json(-1e300), json(2.5), json(1ULL << 40), json("503")}) {
             EXPECT_EQ(arm({{"path", "/x"}, {field, value}}).body["error"], "invalid_fault")
@@ -84,6 +91,52 @@ TEST_F(FaultSwitchTest, BadRulesAreRefused) {
     }
     EXPECT_TRUE(ds::FaultSwitch::globMatch("/a/*/chunk", "/a/123/chunk"));
     EXPECT_FALSE(ds::FaultSwitch::globMatch("/a/*/chunk", "/a/123/begin"));
+}
+
+// Each action on one piece of an upload: what the client gets and what the service holds
+// afterwards. Every piece on the watched path is counted with its body, faulted or not.
+TEST_F(FaultSwitchTest, EachActionOnAPieceAndWhatReachedTheService) {
+    struct Case {
+        const char* action;  // empty: no fault
+        int status;          // 0: no reply, or not a whole one
+        bool json;
+        const char* error;
+        int64_t held;
+    };
+    const Case cases[] = {
+        {"", 200, true, "", 1000},
+        {"status=502", 502, true, "fault_injected", 0},
+        {"drop", 0, false, "", 0},
+        {"drop-reply", 0, false, "", 1000},
+        {"truncate", 0, false, "", 1000},
+        {"nonjson", 200, false, "", 1000},
+        {"shift=7", 409, true, "upload_offset_mismatch", 0},
+    };
+    FakeApp app = paired();
+    const std::string piece(1000, 'p');
+    const std::string pieces = "/local-browser/desktop-upload/*/chunk";
+    server->faults().watch(pieces);
+    for (const auto& c : cases) {
+        std::string id = app.post("desktop-recording/begin", {{"requestId", ds::Ids::uuid()}})
+                             .body.value("id", "");
+        json begin = {{"bytes", piece.size()},
+                      {"sha256", ds::Digest::sha256(piece)},
+                      {"media", {{"width", 2}, {"height", 2}, {"durationMs", 1}}}};
+        ASSERT_EQ(app.post("desktop-upload/" + id + "/begin", begin).status, 200);
+        if (*c.action) {
+            std::string rule = "path=/local-browser/desktop-upload/" + id + "/chunk," + c.action;
+            ASSERT_EQ(arm({{"rule", rule}}).status, 200);
+        }
+        auto a = app.chunk(id, 0, piece);
+        EXPECT_EQ(a.status, c.status) << c.action << ": " << a.raw;
+        EXPECT_EQ(a.body.is_object(), c.json) << c.action;
+        EXPECT_EQ(a.body.is_object() ? a.body.value("error", "") : "", c.error) << c.action;
+        EXPECT_EQ(server->uploads().upload(id)->received, c.held) << c.action;
+    }
+    auto reached = server->faults().traffic(pieces);
+    EXPECT_EQ(reached.requests, std::ssize(cases));
+    EXPECT_EQ(reached.bodyBytes, std::ssize(cases) * std::ssize(piece));
+    EXPECT_EQ(server->faults().traffic("/local-browser/poll").requests, 0);  // not watched
 }
 
 }  // namespace

@@ -41,7 +41,7 @@ TEST_F(MultiDeviceTest, EachDeviceGetsOnlyItsOwnCommands) {
         });
     }
     // Wait until every device is held in a poll.
-    Agent agent(base);
+    Agent agent(base, key);
     for (int i = 0; i < 100; ++i) {
         auto list = agent.get("/agent/devices").body["devices"];
         int polling = 0;

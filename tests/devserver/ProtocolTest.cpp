@@ -25,7 +25,7 @@ class ProtocolTest : public ServiceTest {
 };
 
 TEST_F(ProtocolTest, PairingAnswersTheIdentityAndTheCodeWorksOnce) {
-    Agent agent(base);
+    Agent agent(base, key);
     auto code = agent.post("/agent/pairing-codes");
     ASSERT_EQ(code.status, 200);
     EXPECT_EQ(code.body["setupLink"], "pavix-mac://pair?server=http%3A%2F%2F127.0.0.1%3A" +
@@ -63,7 +63,7 @@ class ShortLivedCredentials : public ServiceTest {
 };
 
 TEST_F(ShortLivedCredentials, ExpiredCodeAndExpiredAccessTokenAreRefused) {
-    Agent agent(base);
+    Agent agent(base, key);
     auto stale = agent.code();
     std::this_thread::sleep_for(250ms);
     FakeApp late(base);
@@ -106,7 +106,7 @@ TEST_F(ProtocolTest, RefreshRotatesBothTokensAndRetiresTheOldOnes) {
 
 TEST_F(ProtocolTest, AgentCanExpireTheAccessToken) {
     FakeApp app = paired();
-    Agent agent(base);
+    Agent agent(base, key);
     ASSERT_EQ(agent.post("/agent/devices/" + app.deviceId() + "/expire-access").status, 200);
     auto a = app.post("poll");
     EXPECT_EQ(a.status, 401);
@@ -123,7 +123,7 @@ TEST_F(ProtocolTest, RevokeEndsTheCredentialForGood) {
     EXPECT_EQ(app.post("device/refresh", {{"refreshToken", refresh}}).status, 401);
     app.token = app.identity["accessToken"];
     EXPECT_EQ(app.post("poll").body["error"], "device_credentials_expired");
-    EXPECT_EQ(Agent(base).get("/agent/devices").body["devices"][0]["state"], "revoked");
+    EXPECT_EQ(Agent(base, key).get("/agent/devices").body["devices"][0]["state"], "revoked");
 }
 
 TEST_F(ProtocolTest, DisconnectEndsTheSessionAndResumeOpensANewOne) {
@@ -144,7 +144,7 @@ TEST_F(ProtocolTest, HeldPollIsEndedByDisconnectFromTheAgent) {
     auto start = std::chrono::steady_clock::now();
     auto held = std::async(std::launch::async, [&] { return app.post("poll"); });
     std::this_thread::sleep_for(200ms);
-    Agent(base).post("/agent/devices/" + app.deviceId() + "/disconnect");
+    Agent(base, key).post("/agent/devices/" + app.deviceId() + "/disconnect");
     auto a = held.get();
     EXPECT_EQ(a.body["error"], "local_browser_disconnected");
     EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
@@ -153,7 +153,7 @@ TEST_F(ProtocolTest, HeldPollIsEndedByDisconnectFromTheAgent) {
 TEST_F(ProtocolTest, LongPollIsAnsweredByAQueuedCommandAndTheResultIsAcceptedOnce) {
     setPollHold(10000);
     FakeApp app = paired();
-    Agent agent(base);
+    Agent agent(base, key);
     auto start = std::chrono::steady_clock::now();
     auto held = std::async(std::launch::async, [&] { return app.post("poll"); });
     std::this_thread::sleep_for(200ms);  // the poll is held
@@ -187,7 +187,7 @@ TEST_F(ProtocolTest, LongPollIsAnsweredByAQueuedCommandAndTheResultIsAcceptedOnc
 
 TEST_F(ProtocolTest, ResultEnvelopesAreCheckedStrictly) {
     FakeApp app = paired();
-    Agent agent(base);
+    Agent agent(base, key);
     auto sent = std::async(std::launch::async,
                            [&] { return agent.send(app.deviceId(), "pressKey", {"Return"}); });
     json cmd = takeCommand(app);
@@ -206,7 +206,7 @@ TEST_F(ProtocolTest, ResultEnvelopesAreCheckedStrictly) {
 
 TEST_F(ProtocolTest, ACommandDroppedByTheDeviceIsAbandonedWhenItPollsAgain) {
     FakeApp app = paired();
-    Agent agent(base);
+    Agent agent(base, key);
     auto sent =
         std::async(std::launch::async, [&] { return agent.send(app.deviceId(), "screenshot"); });
     json cmd = takeCommand(app);
@@ -221,7 +221,7 @@ TEST_F(ProtocolTest, ACommandDroppedByTheDeviceIsAbandonedWhenItPollsAgain) {
 
 TEST_F(ProtocolTest, AnUnansweredCommandTimesOutForTheAgentAndIsNeverDeliveredLate) {
     FakeApp app = paired();
-    auto result = Agent(base).send(app.deviceId(), "screenshot", json::array(), 300);
+    auto result = Agent(base, key).send(app.deviceId(), "screenshot", json::array(), 300);
     EXPECT_EQ(result.status, 504);
     EXPECT_EQ(result.body["error"], "command_timeout");
     EXPECT_EQ(app.post("poll").body, json::object());
@@ -234,18 +234,19 @@ TEST_F(ProtocolTest, OldAppVersionsAreToldToUpdate) {
     s.latestAppVersion = "1.4.0";
     server->setSettings(s);
     FakeApp old(base, "1.1.9");
-    auto a = old.pair(Agent(base).code());
+    auto a = old.pair(Agent(base, key).code());
     EXPECT_EQ(a.status, 426);
     EXPECT_EQ(a.body["error"], "app_update_required");
     EXPECT_EQ(a.body["minimumAppVersion"], "1.2");
     EXPECT_EQ(a.body["latestAppVersion"], "1.4.0");
-    EXPECT_EQ(FakeApp(base, "1.2.0").pair(Agent(base).code()).status, 200);
-    EXPECT_EQ(FakeApp(base, "dev").pair(Agent(base).code()).status, 200);
+    EXPECT_EQ(FakeApp(base, "1.2.0").pair(Agent(base, key).code()).status, 200);
+    EXPECT_EQ(FakeApp(base, "dev").pair(Agent(base, key).code()).status, 200);
     // Numbers longer than any integer type are compared digit by digit.
-    EXPECT_EQ(FakeApp(base, "99999999999999999999.0").pair(Agent(base).code()).status, 200);
-    EXPECT_EQ(FakeApp(base, "1.00000000000000000001").pair(Agent(base).code()).status, 426);
-    EXPECT_EQ(FakeApp(base, "1.2.000000000000000000000001").pair(Agent(base).code()).status, 200);
-    EXPECT_EQ(FakeApp(base, "banana").pair(Agent(base).code()).body["error"],
+    EXPECT_EQ(FakeApp(base, "99999999999999999999.0").pair(Agent(base, key).code()).status, 200);
+    EXPECT_EQ(FakeApp(base, "1.00000000000000000001").pair(Agent(base, key).code()).status, 426);
+    EXPECT_EQ(FakeApp(base, "1.2.000000000000000000000001").pair(Agent(base, key).code()).status,
+              200);
+    EXPECT_EQ(FakeApp(base, "banana").pair(Agent(base, key).code()).body["error"],
               "invalid_app_version");
 
     // It may not poll or start a recording any more, but keeps its credential and its uploads.
@@ -314,7 +315,7 @@ TEST_F(ProtocolTest, DiagnosticsAreRecordedForTheAgent) {
     auto a = app.post("diagnostics",
                       {{"event", "pair_failed"}, {"code", "http_502"}, {"appVersion", "0.1.0"}});
     ASSERT_EQ(a.status, 200) << a.raw;
-    auto list = Agent(base).get("/agent/diagnostics").body["diagnostics"];
+    auto list = Agent(base, key).get("/agent/diagnostics").body["diagnostics"];
     ASSERT_EQ(list.size(), 1u);
     EXPECT_EQ(list[0]["event"], "pair_failed");
     EXPECT_EQ(list[0]["code"], "http_502");
@@ -345,7 +346,7 @@ TEST_F(ProtocolTest, DisabledSessionsRefuseNewOnesButNotUploads) {
     auto s = server->settings();
     s.sessionsDisabled = true;
     server->setSettings(s);
-    auto a = FakeApp(base).pair(Agent(base).code());
+    auto a = FakeApp(base).pair(Agent(base, key).code());
     EXPECT_EQ(a.status, 503);
     EXPECT_EQ(a.body["error"], "desktop_sessions_disabled");
     EXPECT_EQ(app.post("device/resume").body["error"], "desktop_sessions_disabled");

@@ -43,6 +43,7 @@ class UploadTest : public ServiceTest {
     Answer step(const std::string& name) { return app.post("desktop-upload/" + id + "/" + name); }
     std::string download() {
         httplib::Client c(base);
+        c.set_default_headers({{"X-Pavix-Agent-Key", key}});
         auto r = c.Get("/agent/recordings/" + id + "/video");
         EXPECT_TRUE(r);
         if (!r)
@@ -109,7 +110,7 @@ TEST_F(UploadTest, InterruptedAtEveryChunkBoundaryAndResumedEndsByteIdentical) {
     ASSERT_EQ(step("publish").status, 200);
     EXPECT_EQ(download(), data);
 
-    auto list = Agent(base).get("/agent/recordings").body["recordings"];
+    auto list = Agent(base, key).get("/agent/recordings").body["recordings"];
     ASSERT_EQ(list.size(), 1u);
     EXPECT_EQ(list[0]["id"], id);
     EXPECT_EQ(list[0]["sha256"], ds::Digest::sha256(data));
@@ -234,7 +235,7 @@ TEST_F(UploadTest, BeginChecksTheFingerprintMediaAndCapture) {
 TEST_F(UploadTest, AnAgentCaptureIdCanBeUploadedByItsDevice) {
     app = paired();
     std::string capture = ds::Ids::uuid();
-    Agent agent(base);
+    Agent agent(base, key);
     // The agent hands the id out in "startRecording"; nobody answers, so it times out.
     agent.send(app.deviceId(), "startRecording", json::array({{{"captureId", capture}}}), 100);
     id = capture;

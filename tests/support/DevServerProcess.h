@@ -50,7 +50,7 @@ class DevServerProcess {
     // Runs the agent command line and returns its output. A command line that does not end
     // (its own waits are at most a minute) is an error that says what it printed so far.
     std::string agent(std::vector<std::string> arguments) {
-        std::vector<std::string> command = {binary_, "agent", "--server", server_};
+        std::vector<std::string> command = {binary_, "agent", "--server", server_, "--data", data_};
         command.insert(command.end(), arguments.begin(), arguments.end());
         ChildProcess cli(command);
         if (!cli.wait(std::chrono::seconds(90))) {
