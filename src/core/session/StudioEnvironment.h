@@ -9,6 +9,7 @@
 #include "core/app/Defaults.h"
 #include "core/capture/CapturePlatform.h"
 #include "core/capture/CaptureStill.h"
+#include "core/library/CaptureTransfer.h"
 #include "core/net/HttpClient.h"
 #include "core/runtime/Log.h"
 #include "core/runtime/Timing.h"
@@ -57,6 +58,9 @@ struct StudioEnvironment {
     bool controlLog = false;
     Log* log = nullptr;
     Timing timing;
+    // The largest piece an upload sends, at most CaptureTransfer::kChunkSize (the service's
+    // limit); the soak programs send small pieces, so that a short video has many of them.
+    std::int64_t uploadPieceBytes = CaptureTransfer::kChunkSize;
     // Milliseconds since 1970 on the wall clock (credential expiry times are in that unit).
     std::function<double()> nowMs;
     std::string appVersion = "dev";

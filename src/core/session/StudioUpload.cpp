@@ -81,7 +81,9 @@ asio::awaitable<void> Studio::upload(LocalCapture capture, std::filesystem::path
 // Sends the piece at `offset` and returns where the next one starts.
 asio::awaitable<std::int64_t> Studio::sendPiece(std::string base, std::filesystem::path file,
                                                 std::int64_t offset, std::int64_t size) {
-    auto count = std::min(size - offset, CaptureTransfer::kChunkSize);
+    const auto limit =
+        std::clamp<std::int64_t>(env_.uploadPieceBytes, 1, CaptureTransfer::kChunkSize);
+    auto count = std::min(size - offset, limit);
     auto bytes = co_await CaptureTransfer::chunk(*env_.pool, file, offset, count);
     ServiceRequests::Payload piece;
     piece.chunk = std::move(bytes);
