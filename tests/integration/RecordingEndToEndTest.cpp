@@ -47,22 +47,38 @@ class RecordingEndToEnd : public ::testing::Test {
         }
     }
     ~RecordingEndToEnd() override {
+        launched.clear();  // ends what is still running while its home is there
         window.signal(SIGTERM);
         window.wait(seconds(5));
         fs::remove_all(home);
     }
-    std::unique_ptr<ChildProcess> pavix(std::vector<std::string> arguments,
+    std::shared_ptr<ChildProcess> pavix(std::vector<std::string> arguments,
                                         std::map<std::string, std::string> environment = {}) {
         arguments.insert(arguments.begin(), {"--server", service.server()});
         return launch(std::move(arguments), std::move(environment));
     }
-    // pavix as the desktop starts it: with the arguments alone.
-    std::unique_ptr<ChildProcess> launch(std::vector<std::string> arguments,
+    // pavix as the desktop starts it: with the arguments alone, and with everything it can log
+    // turned on, which is checked for secrets at the end.
+    std::shared_ptr<ChildProcess> launch(std::vector<std::string> arguments,
                                          std::map<std::string, std::string> environment = {}) {
         arguments.insert(arguments.begin(), PAVIX_BINARY);
         environment["XDG_CONFIG_HOME"] = (home / "config").string();
         environment["XDG_STATE_HOME"] = (home / "state").string();
-        return std::make_unique<ChildProcess>(arguments, environment);
+        environment["PAVIX_CONTROL_LOG"] = "1";
+        return launched.emplace_back(std::make_shared<ChildProcess>(arguments, environment));
+    }
+    // No line of any pavix of the test, nor its support bundle, holds the service's access or
+    // refresh token (the service's tokens say what they are in their first letters) or a
+    // pairing code.
+    void TearDown() override {
+        for (const auto& app : launched) {
+            for (const auto& line : app->lines()) {
+                for (const auto& secret : {std::string("pvx_at_"), std::string("pvx_rt_"),
+                                           service.code(), std::string("Bearer")}) {
+                    EXPECT_EQ(line.find(secret), std::string::npos) << line;
+                }
+            }
+        }
     }
     // Runs a one-shot pavix command to its end.
     std::pair<int, std::string> run(std::vector<std::string> arguments) {
@@ -108,6 +124,7 @@ class RecordingEndToEnd : public ::testing::Test {
 
     DevServerProcess service;
     fs::path home;
+    std::vector<std::shared_ptr<ChildProcess>> launched;
     ChildProcess window{
         {PAVIX_DEMO_WINDOW_BINARY, "--title", "Recorded end to end", "--size", "640x400"}};
 };

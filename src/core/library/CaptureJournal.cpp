@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <fstream>
 #include <sstream>
+#include <stdexcept>
 #include <system_error>
 
 #include "core/runtime/Uuid.h"
@@ -58,14 +59,23 @@ void writeAll(int fd, const std::string& bytes, const std::string& what) {
     }
 }
 
+// `id` as it goes into a file name; ids come from the service, the agent, the command line
+// and files on disk.
+const std::string& captureName(const std::string& id) {
+    if (!Uuid::isValid(id)) {
+        throw std::invalid_argument("not a capture id: " + id.substr(0, 40));
+    }
+    return id;
+}
+
 }  // namespace
 
 std::filesystem::path CaptureJournal::file(const std::string& id) const {
-    return directory_ / ("Pavix-" + id + ".mp4");
+    return directory_ / ("Pavix-" + captureName(id) + ".mp4");
 }
 
 std::filesystem::path CaptureJournal::manifest(const std::string& id) const {
-    return directory_ / (id + ".json");
+    return directory_ / (captureName(id) + ".json");
 }
 
 void CaptureJournal::save(const LocalCapture& capture) const {
@@ -160,6 +170,17 @@ std::vector<LocalCapture> CaptureJournal::load() const {
 }
 
 std::vector<LocalCapture> CaptureJournal::recover() const {
+    // A side-car write that the last run did not finish left its temporary copy; the side-car
+    // itself is whole (the old one or the new one). Only this journal's own temporaries go.
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(directory_, error)) {
+        const auto name = entry.path().filename().string();
+        const std::string suffix = ".json.tmp";
+        if (name.size() == 1 + 36 + suffix.size() && name[0] == '.' &&
+            name.compare(37, suffix.size(), suffix) == 0 && Uuid::isValid(name.substr(1, 36))) {
+            std::filesystem::remove(entry.path(), error);
+        }
+    }
     auto captures = load();
     for (auto& capture : captures) {
         auto before = capture.stage;

@@ -17,6 +17,8 @@ class CaptureJournal {
     const std::filesystem::path& directory() const { return directory_; }
 
     // The video of a recording: directory + "Pavix-" + id + ".mp4". Touches nothing.
+    // The video and the side-car of capture `id`. Only a UUID names a file of the library:
+    // anything else throws std::invalid_argument before it can become a path.
     std::filesystem::path file(const std::string& id) const;
     std::filesystem::path manifest(const std::string& id) const;
 
@@ -30,7 +32,8 @@ class CaptureJournal {
     // or whose name is not their record's own id are skipped.
     std::vector<LocalCapture> load() const;
     // Loads, and closes what a previous run left open: recording and finalizing become
-    // interrupted, uploading becomes saved; changed records are saved.
+    // interrupted, uploading becomes saved; changed records are saved, and the temporary copies
+    // of side-car writes that were cut short are removed.
     std::vector<LocalCapture> recover() const;
 
     static constexpr double uploadedRetention = 2'592'000;  // 30 days, in seconds
