@@ -1,15 +1,18 @@
 // What the development service reads from a client's request before any route acts on it: the
-// JSON body, the app version header against the configured minimum, and the fault rules the
-// agent API and the command line arm. The input is three lines (Content-Type, Authorization,
-// X-Pavix-App-Version) followed by the body.
+// JSON body and its keys, the bearer token, the agent key in its header or cookie, the app
+// version header against the configured minimum, and the fault rules the agent API and the
+// command line arm. The input is three lines (Content-Type, Authorization, X-Pavix-App-Version)
+// followed by the body; the second line is also sent as a Cookie header.
 
 #include <httplib.h>
 
 #include <nlohmann/json.hpp>
 
 #include "FuzzCheck.h"
+#include "devserver/AgentKey.h"
 #include "devserver/AppVersion.h"
 #include "devserver/FaultSwitch.h"
+#include "devserver/HttpSupport.h"
 #include "devserver/Reply.h"
 
 namespace {
@@ -53,6 +56,35 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (i + 1 < lines.size()) {
             request.body += '\n';
         }
+    }
+
+    request.headers.emplace("Cookie", line(1));
+
+    // The body as the routes read it: a JSON object under the right media type, else refused;
+    // of its keys only the route's own.
+    nlohmann::json parsed;
+    if (!HttpSupport::jsonBody(request, parsed)) {
+        PAVIX_FUZZ_CHECK(parsed.is_object(), "a body taken that is not an object");
+        if (auto refused = HttpSupport::onlyKeys(parsed, {"code", "deviceName"})) {
+            PAVIX_FUZZ_CHECK(refused->status == 400, "an unexpected key not refused with 400");
+        } else {
+            for (const auto& item : parsed.items()) {
+                PAVIX_FUZZ_CHECK(item.key() == "code" || item.key() == "deviceName",
+                                 "an unexpected key let through");
+            }
+        }
+    }
+    if (auto token = HttpSupport::bearer(request)) {
+        PAVIX_FUZZ_CHECK(!token->empty() && token->find(' ') == std::string::npos &&
+                             line(1) == "Bearer " + *token,
+                         "a bearer token that is not the header's");
+    }
+    const std::string key = "pvx_ak_0123";
+    PAVIX_FUZZ_CHECK(AgentKey::same(line(1), line(2)) == (line(1) == line(2)),
+                     "keys compared wrongly");
+    if (AgentKey::carried(request, key)) {
+        PAVIX_FUZZ_CHECK(line(1).find("pavix_agent_key=" + key) != std::string::npos,
+                         "an agent key taken that the request does not carry");
     }
 
     // The JSON body as the routes read it: an object, else refused.
