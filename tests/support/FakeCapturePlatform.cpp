@@ -33,6 +33,7 @@ void FakeStreamScript::fail(const CaptureError& error) {
 void FakeCaptureStream::start(const CaptureFilter& filter, const CaptureStreamConfig& config,
                               CaptureStreamHandlers handlers) {
     bool deliver = false;
+    std::chrono::milliseconds delay{0};
     {
         std::lock_guard lock(script_->mutex);
         ++script_->starts;
@@ -45,6 +46,7 @@ void FakeCaptureStream::start(const CaptureFilter& filter, const CaptureStreamCo
         number_ = script_->runningStream = script_->starts;
         script_->mostLive = std::max(script_->mostLive, ++script_->live);
         deliver = script_->deliverFrames;
+        delay = script_->firstFrameDelay;
     }
     started_ = true;
     if (!deliver) {
@@ -52,7 +54,11 @@ void FakeCaptureStream::start(const CaptureFilter& filter, const CaptureStreamCo
     }
     auto pixels = std::make_shared<const std::vector<std::uint8_t>>(
         std::size_t(config.width) * config.height * 4, 0x80);
-    producer_ = std::thread([this, pixels, config, handlers] {
+    producer_ = std::thread([this, pixels, config, handlers, delay] {
+        const auto first = std::chrono::steady_clock::now() + delay;
+        while (!stopping_ && std::chrono::steady_clock::now() < first) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
         while (!stopping_) {
             {
                 // A stream that failed, or that a later one replaced, delivers nothing more.

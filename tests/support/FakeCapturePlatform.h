@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
@@ -20,7 +21,8 @@ struct FakeStreamScript {
     std::mutex mutex;
     // Behaviour.
     std::optional<CaptureError> startError;
-    bool deliverFrames = true;  // a complete frame every 2 ms while running
+    bool deliverFrames = true;                     // a complete frame every 2 ms while running
+    std::chrono::milliseconds firstFrameDelay{0};  // from the start to the first frame
     // The stream ends by itself after this many frames.
     std::optional<std::pair<int, CaptureError>> failAfterFrames;
     // Record.

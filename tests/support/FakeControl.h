@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/capture/CaptureRect.h"
+#include "core/control/AccessibleElement.h"
 #include "platform/AccessibleActions.h"
 #include "platform/DesktopInput.h"
 
@@ -18,6 +19,15 @@ inline ElementHandle element(const std::string& name) {
 }
 inline std::string nameOf(const ElementHandle& handle) {
     return handle ? *static_cast<const std::string*>(handle.get()) : "";
+}
+
+// What the bus says of an element of `role` named `title`, at `frame` on the screen.
+inline ElementFacts facts(const std::string& role, const std::string& title, CaptureRect frame) {
+    ElementFacts f;
+    f.roleWord = role;
+    f.title = title;
+    f.frame = frame;
+    return f;
 }
 
 // An application's elements as the bus would answer for them; every call is noted in `calls`.

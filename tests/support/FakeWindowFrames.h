@@ -15,7 +15,7 @@ class FakeWindowFrames : public WindowFrames {
         CaptureRect frame;
         bool resizable = true;
         WindowSize largest{1e9, 1e9};  // what the application accepts at most
-        FrameInsets decorations;       // what a recording of it leaves out
+        FrameInsets decorations{};     // what a recording of it leaves out
     };
 
     std::vector<ScreenFrame> screens() override {

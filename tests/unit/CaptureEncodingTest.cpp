@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <limits>
 
@@ -16,11 +17,7 @@ CaptureEncoding enc(std::int64_t w, std::int64_t h, std::int64_t bitrate, bool h
 }
 
 TEST(CaptureGeometry, ShrinksToTheSmallerRatioNeverEnlargesAndRoundsDownToEven) {
-    EXPECT_EQ(CaptureGeometry::make(1512, 982, 2.0), (CaptureGeometry{2216, 1440}));
-    EXPECT_EQ(CaptureGeometry::make(900, 600), (CaptureGeometry{900, 600}));
-    EXPECT_EQ(CaptureGeometry::make(1001, 601), (CaptureGeometry{1000, 600}));
-    EXPECT_EQ(CaptureGeometry::make(3, 3), (CaptureGeometry{2, 2}));
-    EXPECT_EQ(CaptureGeometry::make(1, 1), std::nullopt);
+    // Sizes under the default cap, the candidates' first, are checked with the candidates.
     EXPECT_EQ(CaptureGeometry::make(50000, 10, 1.0), std::nullopt);  // height shrinks below 2
     EXPECT_EQ(CaptureGeometry::make(5000, 10, 1.0), (CaptureGeometry{2560, 4}));
     EXPECT_EQ(CaptureGeometry::make(3840, 1080, 1.0, 1920, 1080), (CaptureGeometry{1920, 540}));
@@ -53,33 +50,38 @@ TEST(CaptureEncoding, BitRateReferencePointsIncludingTheDeliberateStepAt921600Pi
     EXPECT_EQ(CaptureEncoding::bitrateFor(2073601, 1), 3'375'000);  // top tier
 }
 
-TEST(CaptureEncoding, RetinaDisplayYieldsThreeCandidatesLargestFirst) {
-    EXPECT_EQ(CaptureEncoding::candidates(1512, 982, 2.0),
-              (std::vector<CaptureEncoding>{enc(2216, 1440, 5'194'000, true),
-                                            enc(1662, 1080, 3'463'000, false),
-                                            enc(1108, 720, 2'422'000, false)}));
-}
-
-TEST(CaptureEncoding, SmallOrOddSourcesYieldOneCandidateWithoutDuplicates) {
-    EXPECT_EQ(CaptureEncoding::candidates(900, 600, 1.0),
-              (std::vector<CaptureEncoding>{enc(900, 600, 1'672'000, false)}));
-    EXPECT_EQ(CaptureEncoding::candidates(1001, 601, 1.0),
-              (std::vector<CaptureEncoding>{enc(1000, 600, 1'848'000, false)}));
-    EXPECT_EQ(CaptureEncoding::candidates(3, 3, 1.0),
-              (std::vector<CaptureEncoding>{enc(2, 2, 1'000, false)}));
-    EXPECT_TRUE(CaptureEncoding::candidates(1, 1, 1.0).empty());
-    // Between the caps: 1600×900 fits under the first two caps, so it appears once.
-    EXPECT_EQ(CaptureEncoding::candidates(1600, 900, 1.0),
-              (std::vector<CaptureEncoding>{enc(1600, 900, 2'778'000, false),
-                                            enc(1280, 720, 2'778'000, false)}));
-}
-
-TEST(CaptureEncoding, ExactlyFullHdDoesNotRequireHardwareOnePixelMoreDoes) {
-    auto full = CaptureEncoding::candidates(1920, 1080, 1.0);
-    ASSERT_EQ(full.size(), 2u);
-    EXPECT_EQ(full[0], enc(1920, 1080, 4'000'000, false));
-    auto tall = CaptureEncoding::candidates(2073601, 1, 1.0);  // shrinks below 2 rows: none
-    EXPECT_TRUE(tall.empty());
+// One candidate a cap (2560×1440, 1920×1080, 1280×720), largest first, none twice and none
+// enlarged; a size needs the hardware encoder only above the pixels of 1920×1080.
+TEST(CaptureEncoding, CandidatesAreTheSourceUnderEachCapLargestFirstWithoutDuplicates) {
+    struct Case {
+        const char* name;
+        std::array<double, 3> source;  // width, height, pixel scale
+        std::vector<CaptureEncoding> expected;
+    };
+    for (const auto& c : std::vector<Case>{
+             {"a Retina display",
+              {1512, 982, 2.0},
+              {enc(2216, 1440, 5'194'000, true), enc(1662, 1080, 3'463'000, false),
+               enc(1108, 720, 2'422'000, false)}},
+             {"small", {900, 600, 1.0}, {enc(900, 600, 1'672'000, false)}},
+             {"odd", {1001, 601, 1.0}, {enc(1000, 600, 1'848'000, false)}},
+             {"the smallest", {3, 3, 1.0}, {enc(2, 2, 1'000, false)}},
+             {"too small", {1, 1, 1.0}, {}},
+             {"the same size under two caps",
+              {1600, 900, 1.0},
+              {enc(1600, 900, 2'778'000, false), enc(1280, 720, 2'778'000, false)}},
+             {"exactly full HD",
+              {1920, 1080, 1.0},
+              {enc(1920, 1080, 4'000'000, false), enc(1280, 720, 2'778'000, false)}},
+             {"two columns more than full HD",
+              {1922, 1080, 1.0},
+              {enc(1922, 1080, 3'379'000, true), enc(1920, 1078, 3'993'000, false),
+               enc(1280, 718, 2'770'000, false)}},
+             {"below 2 rows under every cap", {2073601, 1, 1.0}, {}},
+         }) {
+        const auto [width, height, scale] = c.source;
+        EXPECT_EQ(CaptureEncoding::candidates(width, height, scale), c.expected) << c.name;
+    }
 }
 
 TEST(CaptureEncoding, ChooseTakesTheFirstAcceptedInOrder) {

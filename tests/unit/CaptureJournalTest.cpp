@@ -57,6 +57,13 @@ TEST_F(Journal, SideCarsRoundTripWithTheirFormatAndPermissions) {
     journal.save(capture);
 
     EXPECT_EQ(journal.file(capture.id).filename(), "Pavix-" + id(1) + ".mp4");
+    // Only a capture id names a file: nothing else gets near a path.
+    for (const std::string& bad :
+         std::initializer_list<std::string>{"", "../" + id(1), id(1) + "/..", "/etc/passwd",
+                                            id(1) + " ", "0F8C2A4E-5B1D-4C7A-9E3F-00000000000/"}) {
+        EXPECT_THROW(journal.file(bad), std::invalid_argument) << bad;
+        EXPECT_THROW(journal.manifest(bad), std::invalid_argument) << bad;
+    }
     struct stat info {};
     ASSERT_EQ(::stat(journal.directory().c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0700u);
@@ -161,8 +168,20 @@ TEST_F(Journal, RecoveryClosesWhatTheLastRunLeftOpen) {
         }
         return stages;
     };
+    // A write cut short left its temporary copy: it goes; files that are not the journal's stay.
+    const auto left = journal.directory() / ("." + id(0) + ".json.tmp");
+    const std::vector<fs::path> others{journal.directory() / ".notes.json.tmp",
+                                       journal.directory() / (id(0) + ".json.tmp")};
+    for (const auto& path : others) {
+        std::ofstream(path) << "{";
+    }
+    std::ofstream(left) << "{\"id\":";
     EXPECT_EQ(stagesOf(journal.recover()), expected);
     EXPECT_EQ(stagesOf(journal.load()), expected);  // and so on disk
+    EXPECT_FALSE(fs::exists(left));
+    for (const auto& path : others) {
+        EXPECT_TRUE(fs::exists(path)) << path;
+    }
 }
 
 // A write goes to a temporary file that is renamed over the side-car: a write that fails keeps
@@ -189,16 +208,10 @@ TEST_F(Journal, WritesNeverLoseOrTearARecord) {
     EXPECT_TRUE(journal.load().empty());
 }
 
-TEST(LocalCaptureRules, ExpiryAndRetry) {
-    LocalCapture uploaded;
-    uploaded.stage = Stage::uploaded;
-    uploaded.createdAt = 1'000;
-    LocalCapture saved = uploaded;
+// The expiry of uploaded copies is checked through the library's retention, in LibraryTest.
+TEST(LocalCaptureRules, RetryNeedsASavedRecordOfThisDevice) {
+    LocalCapture saved;
     saved.stage = Stage::saved;
-    auto retention = CaptureJournal::uploadedRetention;
-    EXPECT_TRUE(CaptureJournal::expired({uploaded, saved}, 1'000 + retention, retention).empty());
-    EXPECT_EQ(CaptureJournal::expired({uploaded, saved}, 1'001 + retention, retention).size(), 1u);
-
     saved.durationMs = 3'000;
     saved.serverOrigin = "https://a.example";
     saved.deviceId = "d1";

@@ -107,15 +107,14 @@ TEST_F(CaptureTest, FallsBackToTheNextSizeWhenTheEncoderRefusesAndDeletesThePart
     EXPECT_FALSE(fs::exists(folder / "other.mp4"));
     EXPECT_EQ(capture.width(), 1920);
     EXPECT_EQ(h.await(capture.stop()), file);
-}
 
-TEST_F(CaptureTest, RefusalOfEveryCandidateSaysWhyAndLeavesNoFile) {
+    // Every candidate refused: the start says why and leaves no file.
     parts.encoders->refuseWidths = {2560, 1920, 1280};
-    EXPECT_EQ(failureOf(capture.start(windowSource(2560, 1440), file)),
+    EXPECT_EQ(failureOf(capture.start(windowSource(2560, 1440), folder / "none.mp4")),
               "The recording could not be encoded.");
     EXPECT_TRUE(h.log.contains("encoder rejected 1920x1080; trying a smaller size"));
     EXPECT_TRUE(h.log.contains("encoder rejected 1280x720; no smaller size"));
-    EXPECT_FALSE(fs::exists(file));
+    EXPECT_FALSE(fs::exists(folder / "none.mp4"));
     EXPECT_FALSE(capture.running());
 }
 
@@ -236,8 +235,9 @@ class CaptureWithSlowChecks : public CaptureTest {
 };
 
 TEST_F(CaptureWithSlowChecks, AStreamThatEndsInTheWaitThatSawTheFirstFrameFailsTheStart) {
-    // The first check comes before any frame; the first frame and the stream's end (20 frames,
-    // about 40 ms, later) both arrive while the start waits for its next check.
+    // The first check comes before any frame (100 ms away); the first frame and the stream's
+    // end (20 frames, about 40 ms, later) both arrive while the start waits for its next check.
+    parts.streams->firstFrameDelay = std::chrono::milliseconds(100);
     parts.streams->failAfterFrames.emplace(
         20, CaptureError(CaptureError::kSystemStoppedStream, "stopped"));
     try {

@@ -104,11 +104,7 @@ TEST_F(CommandLoop, FailuresAreReducedForTheAgentAndLoggedInFull) {
               json({{"error", "local_method_forbidden: Accessibility permission is off"}}));
     h.accessibility.on = true;
     AccessibleElement tree;
-    ElementFacts save;
-    save.roleWord = "button";
-    save.title = "Save";
-    save.frame = CaptureRect{10, 10, 40, 20};
-    tree.children.push_back({save, {}, {}});
+    tree.children.push_back({facts("button", "Save", {10, 10, 40, 20}), {}, {}});
     h.accessibility.tree = tree;
     auto outline = call("readPage");
     ASSERT_TRUE(outline.contains("value")) << outline.dump();

@@ -50,21 +50,19 @@ class Control : public ::testing::Test {
         content.set({{window}, {}});
         AccessibleElement tree;
         tree.facts.frame = CaptureRect{100, 50, 640, 480};
-        ElementFacts save;
-        save.roleWord = "button";
-        save.title = "Save";
-        save.frame = CaptureRect{110, 60, 40, 20};
         ElementFacts text;
         text.kind = ElementFacts::Kind::staticText;
         text.value = "Hello";
-        ElementFacts remember;
-        remember.roleWord = "checkbox";
-        remember.title = "Remember me";
+        auto remember = facts("checkbox", "Remember me", {110, 90, 120, 20});
         remember.checked = false;
-        remember.frame = CaptureRect{110, 90, 120, 20};
-        tree.children = {
-            {save, {}, element("Save")}, {text, {}, {}}, {remember, {}, element("Remember me")}};
+        tree.children = {{facts("button", "Save", {110, 60, 40, 20}), {}, element("Save")},
+                         {text, {}, {}},
+                         {remember, {}, element("Remember me")}};
         accessibility.tree = tree;
+        // The window is the application's own on the screen, in front; its buttons press.
+        input.windows = {{{100, 50, 640, 480}, 77}};
+        input.front = 77;
+        actions.pressable = {"Save", "Remember me"};
     }
 
     // The sentence a failure says, or "" when `run` succeeded.
@@ -127,9 +125,6 @@ TEST_F(Control, RefusesWithoutAccessibilityAndForAppsItNeverOperates) {
 // The methods that operate the window read their positional arguments, name what they
 // refuse, and act only on references of the last read.
 TEST_F(Control, OperatesElementsOfTheLastReadByReferenceOrPoint) {
-    input.windows = {{{100, 50, 640, 480}, 77}};
-    input.front = 77;
-    actions.pressable = {"Save", "Remember me"};
     DesktopControl control(parts(), 4242, {}, InputPacing::none());
     auto run = [&](const std::string& method, json args) {
         try {
@@ -207,12 +202,9 @@ TEST_F(Control, NamesWhereTheUsersNameAndPasswordFieldsShow) {
     signedIn.kind = ElementFacts::Kind::staticText;
     signedIn.value = "Signed in as Ann Example";
     signedIn.frame = CaptureRect{500, 60, 200, 20};
-    ElementFacts password;
-    password.roleWord = "textbox";
-    password.title = "Password";
+    auto password = facts("textbox", "Password", {110, 120, 160, 24});
     password.secure = true;
     password.value = "hunter2";
-    password.frame = CaptureRect{110, 120, 160, 24};
     accessibility.tree->children.push_back({signedIn, {}, {}});
     accessibility.tree->children.push_back({password, {}, element("Password")});
     OutlineOptions options;
@@ -235,6 +227,59 @@ TEST_F(Control, NamesWhereTheUsersNameAndPasswordFieldsShow) {
     DesktopControl anonymous(parts(), 4242, {}, InputPacing::none());
     anonymous.handle("readPage", json::array());
     EXPECT_TRUE(anonymous.takeTelemetry().identitySightings.empty());
+}
+
+// The pointer's samples and the user's name are placed in the recorded picture: the window's
+// own top-left while it is recorded alone (or not at all), the region's while it is recorded
+// with its pop-ups; a window that moved between two calls is placed where each call found it.
+TEST_F(Control, PlacesTheTelemetryInTheRecordedPicture) {
+    ElementFacts signedIn;
+    signedIn.kind = ElementFacts::Kind::staticText;
+    signedIn.value = "Signed in as Ann Example";
+    signedIn.frame = CaptureRect{500, 60, 200, 20};
+    accessibility.tree->children.push_back({signedIn, {}, {}});
+    OutlineOptions options;
+    options.identityName = "Ann Example";
+    DesktopControl control(parts(), 4242, options, InputPacing::none());
+    struct Case {
+        std::optional<CaptureRect> region;
+        double moveBy;  // the window and its elements move right by this much first
+        json click;     // the last sample of a click on "Save"
+        json name;      // where "Ann Example" shows
+    };
+    double moved = 0;
+    for (const auto& c : std::vector<Case>{
+             {std::nullopt, 0, {30.0, 20.0}, {400.0, 10.0, 200.0, 20.0}},
+             {CaptureRect{0, 0, 940, 730}, 0, {130.0, 70.0}, {500.0, 60.0, 200.0, 20.0}},
+             {CaptureRect{40, 20, 760, 540}, 0, {90.0, 50.0}, {460.0, 40.0, 200.0, 20.0}},
+             {CaptureRect{40, 20, 760, 540}, 100, {190.0, 50.0}, {560.0, 40.0, 200.0, 20.0}},
+             {std::nullopt, 100, {30.0, 20.0}, {400.0, 10.0, 200.0, 20.0}},
+         }) {
+        if (c.moveBy != 0) {
+            auto windows = content.current();
+            windows.windows[0].x += c.moveBy;
+            content.set(windows);
+            accessibility.tree->facts.frame->x += c.moveBy;
+            for (auto& child : accessibility.tree->children) {
+                if (child.facts.frame) {
+                    child.facts.frame->x += c.moveBy;
+                }
+            }
+            moved += c.moveBy;
+        }
+        control.place(c.region);
+        control.handle("readPage", json::array());
+        control.handle("pointer", json::array({"left_click", {{"ref", "ref_1"}}}));
+        const auto telemetry = control.takeTelemetry();
+        const auto where = "region " + (c.region ? std::to_string(c.region->x) : "none") +
+                           ", moved " + std::to_string(moved);
+        ASSERT_FALSE(telemetry.pointerTrail.empty()) << where;
+        const auto& last = telemetry.pointerTrail.back();
+        EXPECT_EQ(last["kind"], "click") << where;
+        EXPECT_EQ(json::array({last["x"], last["y"]}), c.click) << where;
+        ASSERT_EQ(telemetry.identitySightings.size(), 1u) << where;
+        EXPECT_EQ(telemetry.identitySightings[0]["rects"][0], c.name) << where;
+    }
 }
 
 }  // namespace

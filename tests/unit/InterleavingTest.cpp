@@ -11,7 +11,6 @@
 
 #include <asio/co_spawn.hpp>
 #include <atomic>
-#include <fstream>
 #include <iostream>
 #include <mutex>
 #include <random>
@@ -24,6 +23,7 @@
 #include "core/session/ErrorText.h"
 #include "support/EditorDesktop.h"
 #include "support/FakeCapturePlatform.h"
+#include "support/LibraryRecords.h"
 #include "support/ScriptedUploads.h"
 #include "support/StudioHarness.h"
 
@@ -60,11 +60,6 @@ std::string sha256(const std::string& data) {
         out += "0123456789abcdef"[digest[i] & 15];
     }
     return out;
-}
-
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // Whether `status` is one of the system's sentences: the fixed ones, the ones built around a
@@ -326,7 +321,7 @@ class Sequence {
         for (const auto& entry : fs::directory_iterator(h_.library, ignored)) {
             auto name = entry.path().filename().string();
             if (entry.path().extension() == ".json" && name[0] != '.') {
-                auto text = readFile(entry.path());
+                auto text = readBytes(entry.path());
                 auto parsed = json::parse(text, nullptr, false);
                 if (parsed.is_discarded()) {
                     fail("a side-car is not JSON: " + name);
@@ -360,7 +355,7 @@ class Sequence {
                     if (!upload || !upload->published) {
                         fail("record " + id + " is uploaded but the service published nothing");
                     } else if (videos.count(id) != 0) {
-                        auto bytes = readFile(studio.journal().file(id));
+                        auto bytes = readBytes(studio.journal().file(id));
                         if (upload->data != bytes || upload->sha256 != sha256(bytes)) {
                             fail("record " + id + " is uploaded but the service holds other bytes");
                         }

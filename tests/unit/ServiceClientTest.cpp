@@ -62,12 +62,10 @@ TEST(ServiceEndpoint, AcceptsHttpsAndLoopbackHttpOnly) {
     }
 }
 
-TEST_F(ServiceClient, NothingIsSentBeforeAnEndpointIsSet) {
+TEST_F(ServiceClient, JsonRequestsCarryPrefixVersionTokenAndContentType) {
+    // Nothing is sent before pairing set the endpoint.
     EXPECT_EQ(outcomeOf("poll"), "Not connected");
     EXPECT_TRUE(h.server.requests().empty());
-}
-
-TEST_F(ServiceClient, JsonRequestsCarryPrefixVersionTokenAndContentType) {
     h.pairWithCode();
     h.server.reply("/local-browser/result/abc", 200, R"({"ok":true})");
     auto reply = post("result/abc", {{"value", 1}});

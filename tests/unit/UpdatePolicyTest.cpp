@@ -9,8 +9,6 @@
 namespace pavix {
 namespace {
 
-using Kind = UpdateDecision::Kind;
-
 TEST(AppVersion, OrdersPartByPartWithMissingPartsAsZero) {
     struct Case {
         const char* left;
@@ -80,10 +78,6 @@ TEST(UpdatePolicy, DecidesInItsOrder) {
         EXPECT_EQ(decided, c.expected)
             << c.latest.value_or("-") << " " << c.minimum.value_or("-") << " " << c.recording;
     }
-    // A manifest without a version and no minimum: nothing to do.
-    EXPECT_EQ(
-        UpdatePolicy::decision("1.3", UpdatePolicy::latestVersion("{}"), std::nullopt, false).kind,
-        Kind::none);
 }
 
 TEST(UpdatePolicy, ChecksOnceADayAndNeverWhileRecording) {

@@ -29,15 +29,14 @@ std::vector<CaptureEncoding> CaptureEncoding::candidates(double width, double he
         if (!geometry) {
             continue;  // invalid input fails for every cap; a tiny source fails for each too
         }
-        const bool duplicate = std::any_of(result.begin(), result.end(), [&](const auto& e) {
-            return e.size == *geometry;
-        });
+        const bool duplicate = std::any_of(result.begin(), result.end(),
+                                           [&](const auto& e) { return e.size == *geometry; });
         if (duplicate) {
             continue;
         }
-        result.push_back(CaptureEncoding{
-            *geometry, bitrateFor(geometry->width, geometry->height),
-            pixelCount(geometry->width, geometry->height) > hardwarePixelCount});
+        result.push_back(
+            CaptureEncoding{*geometry, bitrateFor(geometry->width, geometry->height),
+                            pixelCount(geometry->width, geometry->height) > hardwarePixelCount});
     }
     return result;
 }
@@ -50,7 +49,8 @@ std::int64_t CaptureEncoding::bitrateFor(std::int64_t width, std::int64_t height
     } else if (p > 921'600.0) {
         thousands = std::round(p * 4'000'000.0 / 2'073'600.0 / 1000.0);
     } else {
-        // Deliberately above the middle tier just below 921,600 pixels (see the Part).
+        // Deliberately more generous than the middle tier's line: just below 921,600 pixels a
+        // small window, which carries fine text, gets more bits than the tier would give it.
         thousands = std::ceil(2.0 * 3'000'000.0 * std::pow(p / 2'073'600.0, 0.95) / 1000.0);
     }
     return 1000 * static_cast<std::int64_t>(thousands);

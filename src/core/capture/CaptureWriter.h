@@ -31,13 +31,13 @@ namespace pavix {
 // `finish` and `cancel` block (they wait for the frame being encoded); call them off the model
 // executor.
 class CaptureWriter {
-public:
+  public:
     static constexpr int frameRate = 60;
     static constexpr std::int64_t maxKeyFrameIntervalNs = 2'000'000'000;
     // Frames waiting for the encoding thread, beside the one it is encoding.
     static constexpr std::size_t defaultQueueDepth = 2;
 
-    // Sentences of the Part (with the Linux words).
+    // What the user is told when the file cannot be made.
     static constexpr const char* cannotEncodeMessage = "This computer cannot encode the recording.";
     static constexpr const char* notEncodedMessage = "The recording could not be encoded.";
     static constexpr const char* noFramesMessage = "The recording has no frames.";
@@ -98,7 +98,7 @@ public:
     const CaptureEncoding& encoding() const { return encoding_; }
     Counters counters() const;
 
-private:
+  private:
     struct Pending {
         VideoFrame frame;
         std::int64_t ptsNs = 0;
@@ -112,17 +112,17 @@ private:
     const CaptureEncoding encoding_;
     std::unique_ptr<VideoEncoder> encoder_;
 
-    mutable std::mutex mutex_;          // guards everything below up to `thread_`
-    std::condition_variable work_;      // the encoding thread waits for frames or a stop
-    std::vector<Pending> queue_;        // ring of `queueDepth` slots
+    mutable std::mutex mutex_;      // guards everything below up to `thread_`
+    std::condition_variable work_;  // the encoding thread waits for frames or a stop
+    std::vector<Pending> queue_;    // ring of `queueDepth` slots
     std::size_t head_ = 0;
     std::size_t count_ = 0;
     bool finishing_ = false;
     bool stop_ = false;
     bool sessionStarted_ = false;
-    std::int64_t origin_ = 0;                       // time of the first frame taken
-    std::optional<std::int64_t> lastTaken_;         // time of the last frame queued
-    std::optional<std::int64_t> lastAppended_;      // time of the last frame encoded
+    std::int64_t origin_ = 0;                   // time of the first frame taken
+    std::optional<std::int64_t> lastTaken_;     // time of the last frame queued
+    std::optional<std::int64_t> lastAppended_;  // time of the last frame encoded
     std::exception_ptr failed_;
     std::function<void()> onFirstFrame_;
     std::function<void(std::exception_ptr)> onFailure_;
