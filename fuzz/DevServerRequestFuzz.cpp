@@ -75,8 +75,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
     }
     if (auto token = HttpSupport::bearer(request)) {
+        // The library hands header values over as C strings: up to the first NUL.
         PAVIX_FUZZ_CHECK(!token->empty() && token->find(' ') == std::string::npos &&
-                             line(1) == "Bearer " + *token,
+                             line(1).substr(0, line(1).find('\0')) == "Bearer " + *token,
                          "a bearer token that is not the header's");
     }
     const std::string key = "pvx_ak_0123";
