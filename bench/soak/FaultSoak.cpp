@@ -1,6 +1,6 @@
 // pavix-fault-soak: seeded runs of the upload of a saved recording (begin, pieces with receipts,
 // complete, publish) through the application's model with the real HTTP client, against the
-// development service in this process. Each run draws a schedule of faults from the seed: the
+// development service in this process. Each run draws a schedule of faults from --seed: the
 // service's fault switch (connections dropped on the way in and on the way back, 500/502/503,
 // a 409 for a wrong offset, truncated and non-JSON replies, replies slower than the client's
 // time-out), the service restarted between pieces on the same port and data, and the client

@@ -1,6 +1,6 @@
 // pavix-kill-soak: recordings of a window with moving content by the real pavix executable for
 // the agent of the real development service, on a private desktop. Each recording is killed
-// with SIGKILL at a moment drawn from the seed: while it records, while its video is finished,
+// with SIGKILL at a moment drawn from --seed: while it records, while its video is finished,
 // while it uploads (the service holds the first piece), or as a side-car is being written
 // (the n-th write after the stop, seen through inotify). pavix is then launched again on the
 // same home, which recovers the library. FFmpeg (the project's MediaProbe) then reads each video.
@@ -461,7 +461,7 @@ int soakMain(int argc, char** argv) {
         Soak soak(settings, scratch.path());
         soak.pair();
         // Each block of four recordings is killed at the four moments, in an order drawn from
-        // the seed, so that a short soak still meets different moments.
+        // --seed, so that a short soak still meets different moments.
         std::array<Moment, 4> order{};
         for (int index = 0; index < settings.recordings; ++index) {
             if (index % 4 == 0) {
