@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <asio/co_spawn.hpp>
+#include <asio/detached.hpp>
 #include <filesystem>
 #include <fstream>
 
@@ -247,6 +248,21 @@ TEST_F(CaptureWithSlowChecks, AStreamThatEndsInTheWaitThatSawTheFirstFrameFailsT
         EXPECT_EQ(e.code(), CaptureError::kSystemStoppedStream);
     }
     EXPECT_FALSE(capture.running());
+}
+
+// The model may go away while a start waits on the pool, as when the application quits: the
+// start's frame is destroyed after the model, with the executor, and must then touch nothing
+// of the capture (the sanitized build reports the write into freed memory).
+TEST(CaptureTeardown, AStartWaitingOnThePoolOutlivesItsCaptureHarmlessly) {
+    testing::FakeCaptureParts parts;
+    auto h = std::make_unique<test::StudioHarness>(captureTiming(), parts.platform());
+    h->content.set({{window(1280, 720, false)}, {{kDisplay, 0, 0, 1920, 1080}}});
+    auto& capture = h->studio().capture();
+    asio::co_spawn(h->io, capture.start(windowSource(1280, 720), h->library / "a.mp4"),
+                   asio::detached);
+    ASSERT_EQ(h->io.run_one(), 1u);  // the start runs up to its offload and parks
+    EXPECT_TRUE(capture.running());
+    h.reset();
 }
 
 TEST_F(CaptureTest, ApplicationWindowIsRecordedWithItsPopupsAndLayersAreSampled) {

@@ -138,10 +138,16 @@ asio::awaitable<void> Capture::start(CaptureSource source, std::filesystem::path
         throw PavixError(didNotStartMessage);
     }
     starting_ = true;
+    // Also ends the start when its frame is destroyed unfinished, which may happen after the
+    // capture itself is gone (the executor is destroyed last): the flag is then left alone.
     struct Starting {
-        bool& flag;
-        ~Starting() { flag = false; }
-    } starting{starting_};
+        std::weak_ptr<Capture*> self;
+        ~Starting() {
+            if (auto capture = self.lock()) {
+                (*capture)->starting_ = false;
+            }
+        }
+    } starting{self_};
 
     auto read = [content = parts_.content, file, preview = preview_] {
         preview->hideAndWait();  // no preview stream runs beside a recording
