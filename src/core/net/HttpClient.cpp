@@ -12,6 +12,7 @@
 #include <mutex>
 #include <thread>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "core/net/TransportError.h"
@@ -209,10 +210,18 @@ class HttpClient::Engine {
         return true;
     }
 
-    static void finish(Transfer& t, CURLcode code) {
+    // Takes a transfer out of the multi handle and frees its libcurl handles here, on the
+    // network thread: the transfer itself may be let go of last by the awaiting side, and a
+    // handle that once belonged to the multi handle is touched by this thread alone.
+    void detach(Transfer& t) {
+        curl_multi_remove_handle(multi_, t.easy);
+        curl_easy_cleanup(std::exchange(t.easy, nullptr));
+        curl_slist_free_all(std::exchange(t.headers, nullptr));
+    }
+
+    // `status` is the reply's HTTP status, 0 when none came.
+    static void finish(Transfer& t, CURLcode code, long status) {
         if (code == CURLE_OK) {
-            long status = 0;
-            curl_easy_getinfo(t.easy, CURLINFO_RESPONSE_CODE, &status);
             if (status > 0) {
                 t.complete(nullptr, HttpResponse{status, std::move(t.reply)});
                 return;
@@ -255,7 +264,7 @@ class HttpClient::Engine {
                 if (found == active_.end()) {
                     continue;  // finished before the cancellation arrived
                 }
-                curl_multi_remove_handle(multi_, t->easy);
+                detach(*t);
                 active_.erase(found);
                 t->complete(std::make_exception_ptr(
                                 TransportError(TransportError::kCancelled, "cancelled")),
@@ -274,14 +283,16 @@ class HttpClient::Engine {
                 }
                 auto transfer = found->second;
                 CURLcode result = message->data.result;
-                curl_multi_remove_handle(multi_, transfer->easy);
+                long status = 0;
+                curl_easy_getinfo(transfer->easy, CURLINFO_RESPONSE_CODE, &status);
+                detach(*transfer);
                 active_.erase(found);
-                finish(*transfer, result);
+                finish(*transfer, result, status);
             }
             curl_multi_poll(multi_, nullptr, 0, 1000, nullptr);
         }
         for (auto& [easy, t] : active_) {
-            curl_multi_remove_handle(multi_, easy);
+            detach(*t);
             t->complete(
                 std::make_exception_ptr(TransportError(TransportError::kCancelled, "cancelled")),
                 {});
