@@ -1,6 +1,7 @@
 #include "support/ScriptedService.h"
 
 #include "core/runtime/Uuid.h"
+#include "devserver/SocketControl.h"
 
 namespace pavix::test {
 
@@ -24,22 +25,26 @@ ScriptedService::ScriptedService(TestServer& server) : server_(server) {
     for (const char* name : {"device/resume", "disconnect", "device/revoke", "diagnostics"}) {
         server_.reply(path(name), 200, "{}");
     }
-    server_.on(path("poll"), [this, json](const httplib::Request&, httplib::Response& response) {
-        std::unique_lock lock(mutex_);
-        if (failingPolls_ > 0) {
-            --failingPolls_;
-            json(response, {{"error", "unavailable"}}, pollStatus_);
-            return;
-        }
-        changed_.wait_for(lock, pollHold, [this] { return !queued_.empty() || stopping_; });
-        if (queued_.empty()) {
-            json(response, nlohmann::json::object());
-            return;
-        }
-        auto next = queued_.front();
-        queued_.pop_front();
-        json(response, next);
-    });
+    server_.on(
+        path("poll"), [this, json](const httplib::Request& request, httplib::Response& response) {
+            std::unique_lock lock(mutex_);
+            if (failingPolls_ > 0) {
+                --failingPolls_;
+                json(response, {{"error", "unavailable"}}, pollStatus_);
+                return;
+            }
+            // A poll the client gave up on (its session ended) is still held here; like the real
+            // service, it must not take a command that the next session's poll would get.
+            const int connection = devserver::SocketControl::find(request);
+            changed_.wait_for(lock, pollHold, [this] { return !queued_.empty() || stopping_; });
+            if (queued_.empty() || !devserver::SocketControl::alive(connection)) {
+                json(response, nlohmann::json::object());
+                return;
+            }
+            auto next = queued_.front();
+            queued_.pop_front();
+            json(response, next);
+        });
 }
 
 ScriptedService::~ScriptedService() {

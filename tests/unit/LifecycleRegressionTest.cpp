@@ -182,22 +182,6 @@ TEST_F(Regression, TheSessionsEndForgetsItsAddressAndALinkForAnotherServerEndsTh
     EXPECT_EQ(h.server.count(path("poll")), polls);  // the old loop has ended
 }
 
-TEST_F(Regression, DisposeEndsOnlyItsOwnSession) {
-    h.pairWithCode();
-    h.studio().setConsent(true);
-    auto id = Uuid::make();
-    uploads.expect(id);
-    ASSERT_TRUE(call("startRecording", json::array({{{"captureId", id}}})).contains("value"));
-    EXPECT_EQ(call("dispose")["value"]["disposed"], true);
-    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
-    // The sentence and the kept video are checked with the other endings (EndedRecording).
-    // The next session serves more than one command.
-    h.pairWithCode();
-    EXPECT_TRUE(call("listSources").contains("value"));
-    EXPECT_TRUE(call("listSources").contains("value"));
-    EXPECT_TRUE(h.studio().state().connected);
-}
-
 TEST_F(Regression, AConnectionDroppedWithoutAReplyIsOneFailedRequestNeverSentTwice) {
     pairAndLeave();
     // Warm a kept-alive connection, then drop the next request on it without a byte.

@@ -207,7 +207,7 @@ class EndedRecording : public Recording, public ::testing::WithParamInterface<En
 };
 
 // The recording is finished and its video kept, nothing is uploaded without the agent's stop,
-// and the session ends at the service with the ending's sentence.
+// and the session ends at the service with the ending's sentence; the next session works.
 TEST_P(EndedRecording, FinishesTheVideoKeepsItAndEndsTheSession) {
     connectAndSelect();
     h.studio().setConsent(true);
@@ -230,6 +230,11 @@ TEST_P(EndedRecording, FinishesTheVideoKeepsItAndEndsTheSession) {
     EXPECT_TRUE(fs::exists(h.studio().journal().file(h.studio().current()->id)));
     EXPECT_EQ(capture.encoders->finishes, 1);
     EXPECT_FALSE(uploads.upload(id));
+    // The ending belonged to that session only: the next one serves more than one command.
+    h.pairWithCode();
+    EXPECT_TRUE(call("listSources").contains("value"));
+    EXPECT_TRUE(call("listSources").contains("value"));
+    EXPECT_TRUE(h.studio().state().connected);
 }
 
 INSTANTIATE_TEST_SUITE_P(
