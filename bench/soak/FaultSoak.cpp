@@ -43,7 +43,6 @@
 #include <vector>
 
 #include "Launch.h"
-#include "Process.h"
 #include "Scratch.h"
 #include "core/library/CaptureJournal.h"
 #include "core/library/CaptureTransfer.h"
@@ -51,11 +50,13 @@
 #include "devserver/DevServer.h"
 #include "linux/FfmpegVideoEncoder.h"
 #include "linux/MediaProbe.h"
+#include "support/ChildProcess.h"
 
 namespace fs = std::filesystem;
 namespace ds = pavix::devserver;
 using namespace pavix;
 using namespace pavix::soak;
+using pavix::test::ChildProcess;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
@@ -562,18 +563,17 @@ class Run {
             rule.stallMs = kHoldMs;
             hold = rig_.service.arm(rule);
         }
-        Process client(
-            {{rig_.self.string(), "--client", "--library", rig_.home.library.string(),
-              "--credentials", rig_.home.credentials.string(), "--server", rig_.service.url(),
-              "--record", id_, "--piece", std::to_string(rig_.settings.piece), "--stop-after",
-              std::to_string(stopAfter)},
-             {},
-             true});
+        ChildProcess client(
+            {rig_.self.string(), "--client", "--library", rig_.home.library.string(),
+             "--credentials", rig_.home.credentials.string(), "--server", rig_.service.url(),
+             "--record", id_, "--piece", std::to_string(rig_.settings.piece), "--stop-after",
+             std::to_string(stopAfter)},
+            {}, true);
         const auto deadline = Clock::now() + kRetryLimit;
         bool killed = false;
         while (!killed && Clock::now() < deadline) {
             if (stopAfter > 0) {
-                auto line = client.waitForLine("", milliseconds(1000));
+                auto line = client.nextLine(milliseconds(1000));
                 if (line && *line == "receipt " + std::to_string(stopAfter)) {
                     killed = true;
                 } else if (!line && client.wait(milliseconds(0))) {

@@ -40,15 +40,16 @@
 #include <thread>
 #include <vector>
 
-#include "Process.h"
 #include "Scratch.h"
 #include "core/runtime/Uuid.h"
 #include "linux/MediaProbe.h"
+#include "support/ChildProcess.h"
 
 namespace fs = std::filesystem;
 using namespace pavix;
 using namespace pavix::soak;
 using nlohmann::json;
+using pavix::test::ChildProcess;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
@@ -217,10 +218,9 @@ class Soak {
         : settings_(settings),
           root_(root),
           library_(root / "home" / "Videos" / "Pavix"),
-          service_({{PAVIX_DEVSERVER_BINARY, "--port", "0", "--data", (root / "service").string(),
-                     "--poll-hold-ms", "1000"},
-                    {}}),
-          window_({{PAVIX_DEMO_WINDOW_BINARY, "--title", kWindowTitle, "--size", "640x400"}, {}}) {
+          service_({PAVIX_DEVSERVER_BINARY, "--port", "0", "--data", (root / "service").string(),
+                    "--poll-hold-ms", "1000"}),
+          window_({PAVIX_DEMO_WINDOW_BINARY, "--title", kWindowTitle, "--size", "640x400"}) {
         fs::create_directories(root / "config");
         fs::create_directories(root / "state");
         fs::create_directories(library_);
@@ -398,19 +398,19 @@ class Soak {
         throw std::runtime_error("the service printed no " + prefix + "line");
     }
 
-    std::unique_ptr<Process> pavix(std::vector<std::string> arguments) {
+    std::unique_ptr<ChildProcess> pavix(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), {PAVIX_BINARY, "--server", server_});
-        return std::make_unique<Process>(
-            Process::Options{arguments,
-                             {{"XDG_CONFIG_HOME", (root_ / "config").string()},
-                              {"XDG_STATE_HOME", (root_ / "state").string()}}});
+        return std::make_unique<ChildProcess>(
+            arguments,
+            std::map<std::string, std::string>{{"XDG_CONFIG_HOME", (root_ / "config").string()},
+                                               {"XDG_STATE_HOME", (root_ / "state").string()}});
     }
 
     Settings settings_;
     fs::path root_;
     fs::path library_;
-    Process service_;
-    Process window_;
+    ChildProcess service_;
+    ChildProcess window_;
     std::string server_;
     std::string code_;
     std::unique_ptr<Agent> agent_;
