@@ -1,30 +1,49 @@
-// Records the same animated 1920×1080 content for 20 s with Pavix (X11CaptureStream +
-// CaptureWriter + FfmpegVideoEncoder) and with `ffmpeg -f x11grab … -c:v libx264`, one after the
-// other on the same display, and prints delivered frames per second, dropped frames, CPU seconds
-// per recorded second, peak memory and the ratios; then the CPU cost of recording a window that
-// does not change. Run it under scripts/with-desktop.
+// Records the same 1920×1080 content with Pavix (X11CaptureStream + CaptureWriter +
+// FfmpegVideoEncoder) and with `ffmpeg -f x11grab … -c:v libx264` at matched settings, one after
+// the other on the same display, several times each; and encodes as many frames of the same
+// picture with libx264 alone, from memory, at Pavix's settings. Every row runs in a process of
+// its own, so that its CPU time and peak memory are its own. Frames are counted from the files
+// with ffprobe, the same way for both recorders. Run it under scripts/with-desktop.
+//
+//   pavix-bench-capture [--seconds N] [--repeats N] [--content animated,scrolling,video,still]
 
 #include <X11/Xlib.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
-#include <fstream>
+#include <functional>
+#include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "core/capture/CaptureEncoding.h"
 #include "core/capture/CaptureWriter.h"
+#include "linux/FfmpegColourConversion.h"
+#include "linux/FfmpegH264.h"
 #include "linux/FfmpegVideoEncoder.h"
-#include "linux/MediaProbe.h"
 #include "linux/X11CaptureStream.h"
 #include "linux/X11Display.h"
 #include "linux/X11Monitors.h"
+
+extern "C" {
+#include <libswscale/swscale.h>
+}
+
+extern char** environ;
 
 namespace {
 
@@ -32,14 +51,21 @@ using namespace std::chrono_literals;
 namespace fs = std::filesystem;
 
 constexpr int width = 1920, height = 1080;
-constexpr auto duration = 20s;
 
-struct Figures {
-    double fps = 0;
-    long dropped = 0;
-    long duplicated = -1;  // ffmpeg repeats pictures to hold its frame rate; -1: not applicable
-    double cpuPerSecond = 0;
-    long peakKiB = 0;
+struct Settings {
+    int seconds = 20;
+    int repeats = 3;
+    std::vector<std::string> contents = {"animated", "scrolling", "video", "still"};
+};
+
+// One run of one row.
+struct Run {
+    double fps = 0;      // frames in the file over the file's duration
+    long frames = 0;     // frames in the file
+    long shed = -1;      // frames the writer dropped; -1: not known
+    long skipped = -1;   // capture ticks that never came; -1: not known
+    double cpu = 0;      // CPU seconds per second recorded
+    double peakMiB = 0;  // the row's own process
 };
 
 double cpuOf(const rusage& usage) {
@@ -47,22 +73,24 @@ double cpuOf(const rusage& usage) {
            (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
-double cpuSelf() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return cpuOf(usage);
+double threadCpu() {
+    timespec t{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+    return t.tv_sec + t.tv_nsec / 1e9;
 }
 
-long peakSelfKiB() {
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    return usage.ru_maxrss;
+// The colour of the animated picture's frame `n`, and where its white bar is.
+unsigned sweepColour(unsigned n) {
+    return (n * 0x010203u) & 0xffffff;
+}
+int barAt(unsigned n) {
+    return int(n * 8 % width);
 }
 
-// A 1920×1080 window at the origin in a child process, so that drawing costs this process
-// nothing. When `animated` it paints a new picture 60 times a second: a colour sweep with a
-// moving bar, every pixel changing.
-pid_t startWindow(bool animated) {
+// A 1920×1080 window at the origin, painted by a child process so that drawing costs the
+// measured rows nothing. "animated": a new colour and a moving bar 60 times a second, every
+// pixel changing; "scrolling": lines of text moving up 4 pixels a frame; "still": nothing.
+pid_t startWindow(const std::string& content) {
     int channel[2];
     if (pipe(channel) != 0) {
         std::perror("pipe");
@@ -74,7 +102,7 @@ pid_t startWindow(bool animated) {
         Display* display = XOpenDisplay(nullptr);
         XSetWindowAttributes attributes{};
         attributes.override_redirect = True;
-        attributes.background_pixel = 0x336699;
+        attributes.background_pixel = 0xf4f4f0;
         Window window = XCreateWindow(display, DefaultRootWindow(display), 0, 0, width, height, 0,
                                       CopyFromParent, InputOutput, CopyFromParent,
                                       CWOverrideRedirect | CWBackPixel, &attributes);
@@ -83,15 +111,28 @@ pid_t startWindow(bool animated) {
         XSync(display, False);
         [[maybe_unused]] auto written = write(channel[1], "r", 1);
         close(channel[1]);
+        auto next = std::chrono::steady_clock::now();
         for (unsigned frame = 0;; ++frame) {
-            if (animated) {
-                XSetForeground(display, gc, (frame * 0x010203u) & 0xffffff);
+            if (content == "animated") {
+                XSetForeground(display, gc, sweepColour(frame));
                 XFillRectangle(display, window, gc, 0, 0, width, height);
                 XSetForeground(display, gc, 0xffffff);
-                XFillRectangle(display, window, gc, int(frame * 8 % width), 0, 120, height);
-                XSync(display, False);
+                XFillRectangle(display, window, gc, barAt(frame), 0, 120, height);
+            } else if (content == "scrolling") {
+                XCopyArea(display, window, window, gc, 0, 4, width, height - 4, 0, 0);
+                XSetForeground(display, gc, 0xf4f4f0);
+                XFillRectangle(display, window, gc, 0, height - 4, width, 4);
+                if (frame % 5 == 0) {
+                    std::string line = "Line " + std::to_string(frame / 5) +
+                                       ": the quick brown fox jumps over the lazy dog, again.";
+                    XSetForeground(display, gc, 0x202020);
+                    XDrawString(display, window, gc, 40, height - 6, line.c_str(),
+                                int(line.size()));
+                }
             }
-            std::this_thread::sleep_for(16'667us);  // the picture source's pace
+            XSync(display, False);
+            next += 16'667us;  // the picture source's pace
+            std::this_thread::sleep_until(next);
         }
     }
     close(channel[1]);
@@ -101,8 +142,38 @@ pid_t startWindow(bool animated) {
         std::exit(1);
     }
     close(channel[0]);
-    std::this_thread::sleep_for(300ms);  // let the first pictures land
     return child;
+}
+
+pid_t spawn(const std::vector<std::string>& arguments, const fs::path& log = {}) {
+    posix_spawn_file_actions_t files;
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_addopen(&files, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    if (!log.empty()) {
+        posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, log.c_str(),
+                                         O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        posix_spawn_file_actions_adddup2(&files, STDOUT_FILENO, STDERR_FILENO);
+    }
+    std::vector<char*> argv;
+    for (const auto& argument : arguments) {
+        argv.push_back(const_cast<char*>(argument.c_str()));
+    }
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    int failed = posix_spawnp(&pid, argv[0], &files, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&files);
+    if (failed != 0) {
+        std::fprintf(stderr, "cannot start %s: %s\n", argv[0], std::strerror(failed));
+        std::exit(1);
+    }
+    return pid;
+}
+
+// A window playing a video (FFmpeg's moving test picture, 60 fps) at the origin.
+pid_t startVideo() {
+    return spawn({"ffplay", "-loglevel", "error", "-an", "-noborder", "-left", "0", "-top", "0",
+                  "-x", std::to_string(width), "-y", std::to_string(height), "-f", "lavfi", "-i",
+                  "testsrc2=size=1920x1080:rate=60"});
 }
 
 void stopChild(pid_t child) {
@@ -110,134 +181,408 @@ void stopChild(pid_t child) {
     waitpid(child, nullptr, 0);
 }
 
-Figures recordWithPavix(const fs::path& file) {
-    pavix::CaptureEncoding encoding{pavix::CaptureGeometry{width, height},
-                                    pavix::CaptureEncoding::bitrateFor(width, height), false};
-    double cpuBefore = cpuSelf();
-    auto started = std::chrono::steady_clock::now();
-    pavix::CaptureWriter writer(file.string(), encoding,
-                                std::make_unique<pavix::FfmpegVideoEncoder>());
-    pavix::X11CaptureStream stream;
-    pavix::CaptureFilter filter;
-    filter.kind = pavix::CaptureFilter::Kind::display;
-    {
-        pavix::X11Display connection;
-        filter.displayID = pavix::X11Monitors::list(connection).at(0).id;
+// Runs `work` in a child process and returns its usage; the child sends `out` back.
+rusage inChild(const std::function<std::string()>& work, std::string& out) {
+    int channel[2];
+    if (pipe(channel) != 0) {
+        std::perror("pipe");
+        std::exit(1);
     }
-    pavix::CaptureStreamConfig config;
-    config.width = width;
-    config.height = height;
-    pavix::CaptureStreamHandlers handlers;
-    handlers.frame = [&writer](const pavix::VideoFrame& frame) { writer.append(frame); };
-    handlers.error = [](const pavix::CaptureError& error) {
-        std::fprintf(stderr, "stream error %d: %s\n", error.code(), error.what());
-    };
-    stream.start(filter, config, handlers);
-    std::this_thread::sleep_for(duration);  // the recording's length
-    stream.stop();
-    writer.finish(pavix::CaptureWriter::now());
-    double elapsed =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    auto counters = writer.counters();
-    Figures figures;
-    figures.fps = counters.framesAppended / std::chrono::duration<double>(duration).count();
-    figures.dropped = counters.framesShed;
-    figures.cpuPerSecond = (cpuSelf() - cpuBefore) / elapsed;
-    figures.peakKiB = peakSelfKiB();
-    return figures;
-}
-
-// The last "name=N" of ffmpeg's progress lines ("drop", "dup").
-long counterFrom(const fs::path& log, const std::string& name) {
-    std::ifstream in(log);
-    std::string text((std::istreambuf_iterator<char>(in)), {});
-    auto at = text.rfind(name + "=");
-    return at == std::string::npos ? 0 : std::atol(text.c_str() + at + name.size() + 1);
-}
-
-Figures recordWithFfmpeg(const fs::path& file, const fs::path& log) {
-    const char* display = std::getenv("DISPLAY");
-    std::string seconds = std::to_string(duration.count());
-    auto started = std::chrono::steady_clock::now();
+    std::fflush(stdout);
     pid_t child = fork();
     if (child == 0) {
-        FILE* err = std::freopen(log.c_str(), "w", stderr);
-        (void)err;
-        execlp("ffmpeg", "ffmpeg", "-nostdin", "-loglevel", "error", "-stats", "-f", "x11grab",
-               "-framerate", "60", "-video_size", "1920x1080", "-i", display, "-t", seconds.c_str(),
-               "-c:v", "libx264", "-preset", "veryfast", "-tune", "zerolatency", "-bf", "0", "-g",
-               "120", "-y", file.c_str(), static_cast<char*>(nullptr));
-        _exit(127);
+        close(channel[0]);
+        auto text = work();
+        [[maybe_unused]] auto written = write(channel[1], text.data(), text.size());
+        close(channel[1]);
+        _exit(0);
     }
+    close(channel[1]);
+    char buffer[512];
+    ssize_t got;
+    while ((got = read(channel[0], buffer, sizeof buffer)) > 0) {
+        out.append(buffer, std::size_t(got));
+    }
+    close(channel[0]);
+    int status = 0;
+    rusage usage{};
+    wait4(child, &status, 0, &usage);
+    return usage;
+}
+
+// Frames and duration of a file's video, from ffprobe.
+void probe(const fs::path& file, Run& run) {
+    std::string command =
+        "ffprobe -v error -select_streams v:0 -count_packets -show_entries "
+        "stream=nb_read_packets:format=duration -of default=nw=1 '" +
+        file.string() + "'";
+    FILE* pipe = popen(command.c_str(), "r");
+    char line[256];
+    double duration = 0;
+    while (pipe && std::fgets(line, sizeof line, pipe)) {
+        std::sscanf(line, "nb_read_packets=%ld", &run.frames);
+        std::sscanf(line, "duration=%lf", &duration);
+    }
+    if (pipe) {
+        pclose(pipe);
+    }
+    run.fps = duration > 0 ? run.frames / duration : 0;
+}
+
+Run recordWithPavix(const fs::path& file, const Settings& settings) {
+    std::string report;
+    auto usage = inChild(
+        [&] {
+            pavix::CaptureEncoding encoding{pavix::CaptureGeometry{width, height},
+                                            pavix::CaptureEncoding::bitrateFor(width, height),
+                                            false};
+            pavix::CaptureWriter writer(file.string(), encoding,
+                                        std::make_unique<pavix::FfmpegVideoEncoder>());
+            pavix::X11CaptureStream stream;
+            pavix::CaptureFilter filter;
+            filter.kind = pavix::CaptureFilter::Kind::display;
+            {
+                pavix::X11Display connection;
+                filter.displayID = pavix::X11Monitors::list(connection).at(0).id;
+            }
+            pavix::CaptureStreamConfig config;
+            config.width = width;
+            config.height = height;
+            std::atomic<long> ticks{0};
+            pavix::CaptureStreamHandlers handlers;
+            handlers.frame = [&](const pavix::VideoFrame& frame) {
+                ++ticks;
+                writer.append(frame);
+            };
+            handlers.error = [](const pavix::CaptureError& error) {
+                std::fprintf(stderr, "stream error %d: %s\n", error.code(), error.what());
+            };
+            auto started = std::chrono::steady_clock::now();
+            stream.start(filter, config, handlers);
+            std::this_thread::sleep_for(std::chrono::seconds(settings.seconds));
+            stream.stop();
+            double elapsed =
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+            writer.finish(pavix::CaptureWriter::now());
+            // Every tick of the stream calls the handler, with a picture or an idle frame.
+            long expected = std::lround(elapsed * 60);
+            std::ostringstream out;
+            out << writer.counters().framesShed << " " << std::max(0L, expected - ticks.load())
+                << " " << elapsed;
+            return out.str();
+        },
+        report);
+    Run run;
+    double elapsed = settings.seconds;
+    std::istringstream(report) >> run.shed >> run.skipped >> elapsed;
+    probe(file, run);
+    run.cpu = cpuOf(usage) / elapsed;
+    run.peakMiB = usage.ru_maxrss / 1024.0;
+    return run;
+}
+
+// ffmpeg at Pavix's settings: 4:2:0 with BT.709 limited range, the same average and peak bit
+// rate, High profile, no B-frames, a key frame every 2 s, preset veryfast, zero latency; each
+// grabbed picture written once (no repeats to hold a constant rate).
+Run recordWithFfmpeg(const fs::path& file, const Settings& settings) {
+    const auto bitrate = std::to_string(pavix::CaptureEncoding::bitrateFor(width, height));
+    const auto peak = std::to_string(2 * pavix::CaptureEncoding::bitrateFor(width, height));
+    auto started = std::chrono::steady_clock::now();
+    pid_t child = spawn({"ffmpeg",
+                         "-nostdin",
+                         "-loglevel",
+                         "error",
+                         "-f",
+                         "x11grab",
+                         "-framerate",
+                         "60",
+                         "-video_size",
+                         "1920x1080",
+                         "-i",
+                         std::getenv("DISPLAY"),
+                         "-t",
+                         std::to_string(settings.seconds),
+                         "-vf",
+                         "scale=out_color_matrix=bt709:out_range=tv,format=yuv420p",
+                         "-c:v",
+                         "libx264",
+                         "-preset",
+                         "veryfast",
+                         "-tune",
+                         "zerolatency",
+                         "-profile:v",
+                         "high",
+                         "-b:v",
+                         bitrate,
+                         "-maxrate",
+                         peak,
+                         "-bufsize",
+                         peak,
+                         "-bf",
+                         "0",
+                         "-g",
+                         "120",
+                         "-color_primaries",
+                         "bt709",
+                         "-color_trc",
+                         "bt709",
+                         "-colorspace",
+                         "bt709",
+                         "-color_range",
+                         "tv",
+                         "-fps_mode",
+                         "passthrough",
+                         "-y",
+                         file.string()},
+                        file.string() + ".log");
     int status = 0;
     rusage usage{};
     wait4(child, &status, 0, &usage);
     double elapsed =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    Figures figures;
-    auto info = pavix::MediaProbe::read(file.string(), {true, 0});
-    figures.dropped = counterFrom(log, "drop");
-    figures.duplicated = counterFrom(log, "dup");
-    if (info && info->durationSeconds && *info->durationSeconds > 0) {
-        // Distinct pictures: the repeated ones carry nothing new.
-        figures.fps = (info->frameCount - figures.duplicated) / *info->durationSeconds;
-    }
-    figures.cpuPerSecond = cpuOf(usage) / elapsed;
-    figures.peakKiB = usage.ru_maxrss;
-    return figures;
+    Run run;
+    probe(file, run);
+    run.cpu = cpuOf(usage) / elapsed;
+    run.peakMiB = usage.ru_maxrss / 1024.0;
+    return run;
 }
 
-void print(const char* label, const Figures& f) {
-    std::printf("%-28s %10.1f %9ld %14.3f %12ld", label, f.fps, f.dropped, f.cpuPerSecond,
-                f.peakKiB);
-    if (f.duplicated >= 0) {
-        std::printf("   (%ld frames repeated to hold 60 fps)", f.duplicated);
-    }
-    std::printf("\n");
+// libx264 alone, opened exactly as Pavix opens it, encoding `frames` pictures of the animated
+// content from memory at 60 fps. The CPU spent painting the pictures is not counted.
+Run encodeAlone(long frames, const Settings& settings) {
+    std::string report;
+    auto usage = inChild(
+        [&] {
+            pavix::VideoEncoderSettings encoderSettings;
+            encoderSettings.width = width;
+            encoderSettings.height = height;
+            encoderSettings.bitrate = pavix::CaptureEncoding::bitrateFor(width, height);
+            std::string why;
+            auto opened = pavix::ffmpeg::openH264(encoderSettings, true, &why);
+            if (!opened.context) {
+                std::fprintf(stderr, "libx264: %s\n", why.c_str());
+                return std::string("0");
+            }
+            AVCodecContext* c = opened.context.get();
+            pavix::ffmpeg::FramePtr frame(av_frame_alloc());
+            frame->format = c->pix_fmt;
+            frame->width = width;
+            frame->height = height;
+            av_frame_get_buffer(frame.get(), 0);
+            pavix::ffmpeg::PacketPtr packet(av_packet_alloc());
+            double painting = 0;
+            auto drain = [&] {
+                while (avcodec_receive_packet(c, packet.get()) == 0) {
+                    av_packet_unref(packet.get());
+                }
+            };
+            for (long n = 0; n < frames; ++n) {
+                double before = threadCpu();
+                av_frame_make_writable(frame.get());
+                // The sweep colour and the white bar in BT.709 limited-range YUV.
+                unsigned rgb = sweepColour(unsigned(n));
+                double r = (rgb >> 16) / 255.0, g = ((rgb >> 8) & 255) / 255.0,
+                       b = (rgb & 255) / 255.0;
+                double y = 0.2126 * r + 0.7152 * g + 0.0722 * b;
+                auto Y = std::uint8_t(16 + 219 * y);
+                auto U = std::uint8_t(128 + 224 * (b - y) / 1.8556);
+                auto V = std::uint8_t(128 + 224 * (r - y) / 1.5748);
+                const int bar = barAt(unsigned(n));
+                for (int row = 0; row < height; ++row) {
+                    auto* line = frame->data[0] + row * frame->linesize[0];
+                    std::memset(line, Y, width);
+                    std::memset(line + bar, 235, std::min(120, width - bar));
+                }
+                for (int row = 0; row < height / 2; ++row) {
+                    auto* u = frame->data[1] + row * frame->linesize[1];
+                    auto* v = frame->data[2] + row * frame->linesize[2];
+                    std::memset(u, U, width / 2);
+                    std::memset(v, V, width / 2);
+                    std::memset(u + bar / 2, 128, std::min(60, (width - bar) / 2));
+                    std::memset(v + bar / 2, 128, std::min(60, (width - bar) / 2));
+                }
+                frame->pts = n * 1500;  // 1/60 s in the encoder's 1/90000 s
+                painting += threadCpu() - before;
+                avcodec_send_frame(c, frame.get());
+                drain();
+            }
+            avcodec_send_frame(c, nullptr);
+            drain();
+            return std::to_string(painting);
+        },
+        report);
+    double painting = std::atof(report.c_str());
+    Run run;
+    run.frames = frames;
+    run.fps = double(frames) / settings.seconds;
+    run.cpu = (cpuOf(usage) - painting) / settings.seconds;
+    run.peakMiB = usage.ru_maxrss / 1024.0;
+    return run;
 }
 
-double ratio(double a, double b) {
-    return b > 0 ? a / b : 0;
+// The median and the range of one figure over the runs.
+std::string spread(const std::vector<Run>& runs, double Run::*figure, int decimals) {
+    std::vector<double> values;
+    for (const auto& run : runs) {
+        values.push_back(run.*figure);
+    }
+    std::sort(values.begin(), values.end());
+    char text[96];
+    const double median = values[values.size() / 2];
+    if (values.size() == 1) {
+        std::snprintf(text, sizeof text, "%.*f", decimals, median);
+    } else {
+        std::snprintf(text, sizeof text, "%.*f (%.*f-%.*f)", decimals, median, decimals,
+                      values.front(), decimals, values.back());
+    }
+    return text;
+}
+
+double median(const std::vector<Run>& runs, double Run::*figure) {
+    std::vector<double> values;
+    for (const auto& run : runs) {
+        values.push_back(run.*figure);
+    }
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+std::string worst(const std::vector<Run>& runs, long Run::*figure) {
+    long most = -1;
+    for (const auto& run : runs) {
+        most = std::max(most, run.*figure);
+    }
+    return most < 0 ? "-" : std::to_string(most);
+}
+
+void print(const char* label, const std::vector<Run>& runs) {
+    std::printf("%-30s %20s %6s %8s %20s %18s\n", label, spread(runs, &Run::fps, 1).c_str(),
+                worst(runs, &Run::shed).c_str(), worst(runs, &Run::skipped).c_str(),
+                spread(runs, &Run::cpu, 3).c_str(), spread(runs, &Run::peakMiB, 0).c_str());
+}
+
+// CPU milliseconds per 1920×1080 frame converted from BGRA to 4:2:0 BT.709: Pavix's own
+// converter, and libswscale set up as it would be for the same conversion.
+void printConversion() {
+    std::vector<std::uint8_t> bgra(std::size_t(width) * height * 4);
+    for (std::size_t i = 0; i < bgra.size(); ++i) {
+        bgra[i] = std::uint8_t(i * 2654435761u >> 24);
+    }
+    std::vector<std::uint8_t> y(std::size_t(width) * height), u(y.size() / 4), v(y.size() / 4);
+    constexpr int rounds = 120;
+    auto timed = [](const std::function<void()>& work) {
+        work();  // warm
+        double before = threadCpu();
+        for (int i = 0; i < rounds; ++i) {
+            work();
+        }
+        return (threadCpu() - before) * 1000 / rounds;
+    };
+    const double ours = timed([&] {
+        pavix::ffmpeg::bgraToI420Bt709(bgra.data(), width * 4, width, height, y.data(), width,
+                                       u.data(), width / 2, v.data(), width / 2);
+    });
+    SwsContext* context =
+        sws_getContext(width, height, AV_PIX_FMT_BGRA, width, height, AV_PIX_FMT_YUV420P,
+                       SWS_BILINEAR, nullptr, nullptr, nullptr);
+    sws_setColorspaceDetails(context, sws_getCoefficients(SWS_CS_DEFAULT), 1,
+                             sws_getCoefficients(SWS_CS_ITU709), 0, 0, 1 << 16, 1 << 16);
+    const double theirs = timed([&] {
+        const std::uint8_t* source[4] = {bgra.data()};
+        const int sourceStride[4] = {width * 4};
+        std::uint8_t* target[4] = {y.data(), u.data(), v.data()};
+        const int targetStride[4] = {width, width / 2, width / 2};
+        sws_scale(context, source, sourceStride, 0, height, target, targetStride);
+    });
+    sws_freeContext(context);
+    std::printf(
+        "BGRA to 4:2:0 BT.709, 1920x1080, CPU ms per frame: Pavix %.2f, libswscale %.2f "
+        "(%.1fx)\n",
+        ours, theirs, theirs / std::max(1e-9, ours));
+}
+
+Settings parse(int argc, char** argv) {
+    Settings settings;
+    for (int i = 1; i < argc; ++i) {
+        std::string option = argv[i];
+        const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
+        if (option == "--seconds" && value) {
+            settings.seconds = std::max(1, std::atoi(value));
+        } else if (option == "--repeats" && value) {
+            settings.repeats = std::max(1, std::atoi(value));
+        } else if (option == "--content" && value) {
+            settings.contents.clear();
+            std::stringstream list(value);
+            for (std::string item; std::getline(list, item, ',');) {
+                settings.contents.push_back(item);
+            }
+        } else {
+            std::fprintf(stderr,
+                         "usage: pavix-bench-capture [--seconds N] [--repeats N] "
+                         "[--content animated,scrolling,video,still]\n");
+            std::exit(2);
+        }
+        ++i;
+    }
+    return settings;
 }
 
 }  // namespace
 
-int main() {
+int main(int argc, char** argv) {
+    const Settings settings = parse(argc, argv);
     if (std::getenv("DISPLAY") == nullptr) {
         std::fprintf(stderr, "no DISPLAY: run under scripts/with-desktop\n");
+        return 1;
+    }
+    if (std::system("command -v ffmpeg >/dev/null 2>&1 && command -v ffprobe >/dev/null 2>&1")) {
+        std::fprintf(stderr, "ffmpeg and ffprobe are needed: apt-get install ffmpeg\n");
         return 1;
     }
     fs::path folder =
         fs::temp_directory_path() / ("pavix-capture-bench-" + std::to_string(getpid()));
     fs::create_directories(folder);
 
-    std::printf("Animated 1920x1080 content, %lld s each, one after the other\n",
-                static_cast<long long>(duration.count()));
-    std::printf("%-28s %10s %9s %14s %12s\n", "", "new fps", "dropped", "cpu s per s", "peak KiB");
-    pid_t animation = startWindow(true);
-    auto pavixFigures = recordWithPavix(folder / "pavix.mp4");
-    print("Pavix", pavixFigures);
-    bool haveFfmpeg = std::system("command -v ffmpeg >/dev/null 2>&1") == 0;
-    Figures ffmpegFigures;
-    if (haveFfmpeg) {
-        ffmpegFigures = recordWithFfmpeg(folder / "ffmpeg.mp4", folder / "ffmpeg.log");
-        print("ffmpeg x11grab + libx264", ffmpegFigures);
-    } else {
-        std::printf("ffmpeg is not installed: no comparison\n");
+    std::printf(
+        "1920x1080 content, %d s a run, %d runs a row, one after the other; median "
+        "(lowest-highest)\nshed: frames the writer dropped; skipped: capture ticks that "
+        "never came (worst run)\n",
+        settings.seconds, settings.repeats);
+    printConversion();
+    for (const auto& content : settings.contents) {
+        pid_t source = content == "video" ? startVideo() : startWindow(content);
+        std::this_thread::sleep_for(1s);  // let the first pictures land
+        std::printf("\n%s\n%-30s %20s %6s %8s %20s %18s\n", content.c_str(), "", "new fps", "shed",
+                    "skipped", "cpu s per s", "peak MiB");
+        std::vector<Run> ours, theirs;
+        for (int i = 0; i < settings.repeats; ++i) {
+            ours.push_back(
+                recordWithPavix(folder / ("pavix-" + std::to_string(i) + ".mp4"), settings));
+            theirs.push_back(
+                recordWithFfmpeg(folder / ("ffmpeg-" + std::to_string(i) + ".mp4"), settings));
+        }
+        stopChild(source);
+        print("Pavix", ours);
+        print("ffmpeg x11grab, same settings", theirs);
+        const double ourCpu = median(ours, &Run::cpu);
+        std::printf("%-30s %20.2f %6s %8s %20.2f %18.2f\n", "Pavix / ffmpeg",
+                    median(ours, &Run::fps) / std::max(1e-9, median(theirs, &Run::fps)), "", "",
+                    ourCpu / std::max(1e-9, median(theirs, &Run::cpu)),
+                    median(ours, &Run::peakMiB) / std::max(1e-9, median(theirs, &Run::peakMiB)));
+        if (content == "animated") {
+            std::vector<Run> alone;
+            const long frames = long(median(ours, &Run::fps) * settings.seconds);
+            for (int i = 0; i < settings.repeats; ++i) {
+                alone.push_back(encodeAlone(frames, settings));
+            }
+            print("libx264 alone, same frames", alone);
+            std::printf("%-30s %20s %6s %8s %20.2f\n", "Pavix / libx264 alone", "", "", "",
+                        ourCpu / std::max(1e-9, median(alone, &Run::cpu)));
+        }
+        for (const auto& entry : fs::directory_iterator(folder)) {
+            fs::remove(entry.path());
+        }
     }
-    stopChild(animation);
-    if (haveFfmpeg) {
-        std::printf("%-28s %10.2f %9s %14.2f %12.2f\n", "Pavix / ffmpeg",
-                    ratio(pavixFigures.fps, ffmpegFigures.fps), "-",
-                    ratio(pavixFigures.cpuPerSecond, ffmpegFigures.cpuPerSecond),
-                    ratio(pavixFigures.peakKiB, ffmpegFigures.peakKiB));
-    }
-
-    pid_t still = startWindow(false);
-    auto staticFigures = recordWithPavix(folder / "static.mp4");
-    stopChild(still);
-    std::printf("\nStatic 1920x1080 window, %lld s\n", static_cast<long long>(duration.count()));
-    print("Pavix", staticFigures);
     fs::remove_all(folder);
     return 0;
 }
