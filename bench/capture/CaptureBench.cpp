@@ -3,9 +3,12 @@
 // the other on the same display, several times each; and encodes as many frames of the same
 // picture with libx264 alone, from memory, at Pavix's settings. Every row runs in a process of
 // its own, so that its CPU time and peak memory are its own. Frames are counted from the files
-// with ffprobe, the same way for both recorders. Run it under scripts/with-desktop.
+// with ffprobe, the same way for both recorders. "large" is the animated picture on a private
+// 2560×1440 X server, recorded at the size Pavix chooses for it. Run it under
+// scripts/with-desktop.
 //
-//   pavix-bench-capture [--seconds N] [--repeats N] [--content animated,scrolling,video,still]
+//   pavix-bench-capture [--seconds N] [--repeats N]
+//                       [--content animated,scrolling,video,still,large]
 
 #include <X11/Xlib.h>
 #include <fcntl.h>
@@ -25,6 +28,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -33,6 +37,7 @@
 #include "core/capture/CaptureEncoding.h"
 #include "core/capture/CaptureWriter.h"
 #include "linux/FfmpegColourConversion.h"
+#include "linux/FfmpegEncoderProbe.h"
 #include "linux/FfmpegH264.h"
 #include "linux/FfmpegVideoEncoder.h"
 #include "linux/X11CaptureStream.h"
@@ -52,10 +57,17 @@ namespace fs = std::filesystem;
 
 constexpr int width = 1920, height = 1080;
 
+// A width and a height in pixels.
+struct Size {
+    int width = 1920;
+    int height = 1080;
+    std::string text() const { return std::to_string(width) + "x" + std::to_string(height); }
+};
+
 struct Settings {
     int seconds = 20;
     int repeats = 3;
-    std::vector<std::string> contents = {"animated", "scrolling", "video", "still"};
+    std::vector<std::string> contents = {"animated", "scrolling", "video", "still", "large"};
 };
 
 // One run of one row.
@@ -83,14 +95,15 @@ double threadCpu() {
 unsigned sweepColour(unsigned n) {
     return (n * 0x010203u) & 0xffffff;
 }
-int barAt(unsigned n) {
-    return int(n * 8 % width);
+int barAt(unsigned n, int across = width) {
+    return int(n * 8 % unsigned(across));
 }
 
-// A 1920×1080 window at the origin, painted by a child process so that drawing costs the
+// A window covering `size` at the origin, painted by a child process so that drawing costs the
 // measured rows nothing. "animated": a new colour and a moving bar 60 times a second, every
 // pixel changing; "scrolling": lines of text moving up 4 pixels a frame; "still": nothing.
-pid_t startWindow(const std::string& content) {
+pid_t startWindow(const std::string& content, Size size = {}) {
+    const int width = size.width, height = size.height;
     int channel[2];
     if (pipe(channel) != 0) {
         std::perror("pipe");
@@ -117,7 +130,7 @@ pid_t startWindow(const std::string& content) {
                 XSetForeground(display, gc, sweepColour(frame));
                 XFillRectangle(display, window, gc, 0, 0, width, height);
                 XSetForeground(display, gc, 0xffffff);
-                XFillRectangle(display, window, gc, barAt(frame), 0, 120, height);
+                XFillRectangle(display, window, gc, barAt(frame, width), 0, 120, height);
             } else if (content == "scrolling") {
                 XCopyArea(display, window, window, gc, 0, 4, width, height - 4, 0, 0);
                 XSetForeground(display, gc, 0xf4f4f0);
@@ -210,6 +223,78 @@ rusage inChild(const std::function<std::string()>& work, std::string& out) {
     return usage;
 }
 
+// A private X server with a 2560×1440 screen while this lives; DISPLAY names it meanwhile.
+class LargeScreen {
+  public:
+    static constexpr Size size{2560, 1440};
+
+    LargeScreen() : previous_(std::getenv("DISPLAY")) {
+        int channel[2];
+        if (pipe(channel) != 0) {
+            std::perror("pipe");
+            std::exit(1);
+        }
+        posix_spawn_file_actions_t files;
+        posix_spawn_file_actions_init(&files);
+        posix_spawn_file_actions_adddup2(&files, channel[1], 3);
+        const std::string screen = size.text() + "x24";
+        const char* argv[] = {"Xvfb",         "-displayfd", "3",   "-screen", "0",
+                              screen.c_str(), "-nolisten",  "tcp", nullptr};
+        int failed =
+            posix_spawnp(&server_, "Xvfb", &files, nullptr, const_cast<char**>(argv), environ);
+        posix_spawn_file_actions_destroy(&files);
+        close(channel[1]);
+        std::string number;
+        char c;
+        while (!failed && read(channel[0], &c, 1) == 1 && c != '\n') {
+            number += c;
+        }
+        close(channel[0]);
+        if (failed || number.empty()) {
+            std::fprintf(stderr, "Xvfb did not start\n");
+            std::exit(1);
+        }
+        setenv("DISPLAY", (":" + number).c_str(), 1);
+    }
+    ~LargeScreen() {
+        setenv("DISPLAY", previous_.c_str(), 1);
+        stopChild(server_);
+    }
+    LargeScreen(const LargeScreen&) = delete;
+    LargeScreen& operator=(const LargeScreen&) = delete;
+
+  private:
+    static void stopChild(pid_t child) {
+        kill(child, SIGTERM);
+        waitpid(child, nullptr, 0);
+    }
+
+    std::string previous_;
+    pid_t server_ = -1;
+};
+
+// The size Pavix itself chooses for a screen of `screen`: the first candidate this machine can
+// encode (asked in a child process, so that this one starts no encoder threads).
+Size chosenSize(Size screen) {
+    std::string chosen;
+    inChild(
+        [&] {
+            pavix::FfmpegEncoderProbe probe;
+            auto encoding = pavix::CaptureEncoding::choose(
+                pavix::CaptureEncoding::candidates(screen.width, screen.height, 1.0),
+                [&](const pavix::CaptureEncoding& candidate) {
+                    return pavix::CaptureWriter::canEncode(candidate, std::nullopt, probe);
+                });
+            return encoding ? std::to_string(encoding->size.width) + " " +
+                                  std::to_string(encoding->size.height)
+                            : std::string("0 0");
+        },
+        chosen);
+    Size size;
+    std::istringstream(chosen) >> size.width >> size.height;
+    return size;
+}
+
 // Frames and duration of a file's video, from ffprobe.
 void probe(const fs::path& file, Run& run) {
     std::string command =
@@ -229,7 +314,9 @@ void probe(const fs::path& file, Run& run) {
     run.fps = duration > 0 ? run.frames / duration : 0;
 }
 
-Run recordWithPavix(const fs::path& file, const Settings& settings) {
+// Records the first display at `size` (the screen is fitted to it when it differs).
+Run recordWithPavix(const fs::path& file, const Settings& settings, Size size = {}) {
+    const int width = size.width, height = size.height;
     std::string report;
     auto usage = inChild(
         [&] {
@@ -282,59 +369,28 @@ Run recordWithPavix(const fs::path& file, const Settings& settings) {
 }
 
 // ffmpeg at Pavix's settings: 4:2:0 with BT.709 limited range, the same average and peak bit
-// rate, High profile, no B-frames, a key frame every 2 s, preset veryfast, zero latency; each
-// grabbed picture written once (no repeats to hold a constant rate).
-Run recordWithFfmpeg(const fs::path& file, const Settings& settings) {
+// rate, High profile, no B-frames, a key frame every 2 s, preset veryfast, zero latency but
+// frame threads; each grabbed picture written once (no repeats to hold a constant rate).
+Run recordWithFfmpeg(const fs::path& file, const Settings& settings, Size screen = {},
+                     Size size = {}) {
+    const int width = size.width, height = size.height;
     const auto bitrate = std::to_string(pavix::CaptureEncoding::bitrateFor(width, height));
     const auto peak = std::to_string(2 * pavix::CaptureEncoding::bitrateFor(width, height));
     auto started = std::chrono::steady_clock::now();
-    pid_t child = spawn({"ffmpeg",
-                         "-nostdin",
-                         "-loglevel",
-                         "error",
-                         "-f",
-                         "x11grab",
-                         "-framerate",
-                         "60",
-                         "-video_size",
-                         "1920x1080",
-                         "-i",
-                         std::getenv("DISPLAY"),
-                         "-t",
-                         std::to_string(settings.seconds),
-                         "-vf",
-                         "scale=out_color_matrix=bt709:out_range=tv,format=yuv420p",
-                         "-c:v",
-                         "libx264",
-                         "-preset",
-                         "veryfast",
-                         "-tune",
-                         "zerolatency",
-                         "-profile:v",
-                         "high",
-                         "-b:v",
-                         bitrate,
-                         "-maxrate",
-                         peak,
-                         "-bufsize",
-                         peak,
-                         "-bf",
-                         "0",
-                         "-g",
-                         "120",
-                         "-color_primaries",
-                         "bt709",
-                         "-color_trc",
-                         "bt709",
-                         "-colorspace",
-                         "bt709",
-                         "-color_range",
-                         "tv",
-                         "-fps_mode",
-                         "passthrough",
-                         "-y",
-                         file.string()},
-                        file.string() + ".log");
+    std::vector<std::string> arguments = {"ffmpeg", "-nostdin", "-loglevel", "error"};
+    auto add = [&](std::initializer_list<std::string> more) {
+        arguments.insert(arguments.end(), more);
+    };
+    add({"-f", "x11grab", "-framerate", "60", "-video_size", screen.text()});
+    add({"-i", std::getenv("DISPLAY"), "-t", std::to_string(settings.seconds)});
+    add({"-vf", "scale=" + std::to_string(width) + ":" + std::to_string(height) +
+                    ":out_color_matrix=bt709:out_range=tv,format=yuv420p"});
+    add({"-c:v", "libx264", "-preset", "veryfast", "-tune", "zerolatency"});
+    add({"-x264-params", "sliced-threads=0", "-profile:v", "high"});
+    add({"-b:v", bitrate, "-maxrate", peak, "-bufsize", peak, "-bf", "0", "-g", "120"});
+    add({"-color_primaries", "bt709", "-color_trc", "bt709", "-colorspace", "bt709"});
+    add({"-color_range", "tv", "-fps_mode", "passthrough", "-y", file.string()});
+    pid_t child = spawn(arguments, file.string() + ".log");
     int status = 0;
     rusage usage{};
     wait4(child, &status, 0, &usage);
@@ -519,7 +575,7 @@ Settings parse(int argc, char** argv) {
         } else {
             std::fprintf(stderr,
                          "usage: pavix-bench-capture [--seconds N] [--repeats N] "
-                         "[--content animated,scrolling,video,still]\n");
+                         "[--content animated,scrolling,video,still,large]\n");
             std::exit(2);
         }
         ++i;
@@ -544,22 +600,41 @@ int main(int argc, char** argv) {
     fs::create_directories(folder);
 
     std::printf(
-        "1920x1080 content, %d s a run, %d runs a row, one after the other; median "
+        "1920x1080 content unless said, %d s a run, %d runs a row, one after the other; median "
         "(lowest-highest)\nshed: frames the writer dropped; skipped: capture ticks that "
         "never came (worst run)\n",
         settings.seconds, settings.repeats);
     printConversion();
     for (const auto& content : settings.contents) {
-        pid_t source = content == "video" ? startVideo() : startWindow(content);
+        // "large": the animated picture on a 2560x1440 screen, recorded at the size Pavix
+        // chooses for it.
+        std::optional<LargeScreen> large;
+        Size screen, size;
+        if (content == "large") {
+            large.emplace();
+            screen = size = LargeScreen::size;
+            size = chosenSize(screen);
+            if (size.width == 0) {
+                std::printf("\nlarge: no size of a 2560x1440 screen can be encoded here\n");
+                continue;
+            }
+        }
+        pid_t source = content == "video"   ? startVideo()
+                       : content == "large" ? startWindow("animated", screen)
+                                            : startWindow(content);
         std::this_thread::sleep_for(1s);  // let the first pictures land
-        std::printf("\n%s\n%-30s %20s %6s %8s %20s %18s\n", content.c_str(), "", "new fps", "shed",
-                    "skipped", "cpu s per s", "peak MiB");
+        std::printf("\n%s\n", content.c_str());
+        if (large) {
+            std::printf("a %s screen; Pavix chose to record it at %s\n", screen.text().c_str(),
+                        size.text().c_str());
+        }
+        std::printf("%-30s %20s %6s %8s %20s %18s\n", "", "new fps", "shed", "skipped",
+                    "cpu s per s", "peak MiB");
         std::vector<Run> ours, theirs;
         for (int i = 0; i < settings.repeats; ++i) {
-            ours.push_back(
-                recordWithPavix(folder / ("pavix-" + std::to_string(i) + ".mp4"), settings));
-            theirs.push_back(
-                recordWithFfmpeg(folder / ("ffmpeg-" + std::to_string(i) + ".mp4"), settings));
+            const auto name = std::to_string(i) + ".mp4";
+            ours.push_back(recordWithPavix(folder / ("pavix-" + name), settings, size));
+            theirs.push_back(recordWithFfmpeg(folder / ("ffmpeg-" + name), settings, screen, size));
         }
         stopChild(source);
         print("Pavix", ours);

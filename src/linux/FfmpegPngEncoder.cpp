@@ -33,10 +33,7 @@ void check(int rc, const char* what) {
 }  // namespace
 
 std::vector<std::uint8_t> FfmpegPngEncoder::png(const VideoFrame& frame) {
-    if (!frame.complete || !frame.pixels || frame.width <= 0 || frame.height <= 0 ||
-        frame.stride < frame.width * 4 ||
-        frame.pixels->size() <
-            std::size_t(frame.stride) * std::size_t(frame.height - 1) + frame.width * 4u) {
+    if (!frame.complete || frame.layout != PixelLayout::bgra || !frame.holdsPicture()) {
         throw std::invalid_argument("The frame has no picture to encode.");
     }
     const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_PNG);

@@ -24,11 +24,13 @@ namespace {
 
 constexpr const char* kFragmentedMovFlags = "frag_keyframe+empty_moov+default_base_moof";
 
-void logLine(const std::string& text) { std::fprintf(stderr, "pavix: video encoder: %s\n", text.c_str()); }
+void logLine(const std::string& text) {
+    std::fprintf(stderr, "pavix: video encoder: %s\n", text.c_str());
+}
 
 std::int64_t nsToTicks(std::int64_t ns) {
-    return av_rescale_rnd(ns, ffmpeg::timeBase.den, std::int64_t{1'000'000'000} * ffmpeg::timeBase.num,
-                          AV_ROUND_NEAR_INF);
+    return av_rescale_rnd(ns, ffmpeg::timeBase.den,
+                          std::int64_t{1'000'000'000} * ffmpeg::timeBase.num, AV_ROUND_NEAR_INF);
 }
 
 // Creates `path` owner read and write only, refusing to replace an existing file.
@@ -45,14 +47,17 @@ void createPrivateFile(const std::string& path) {
 // The parent folder, for syncing a rename.
 std::string parentOf(const std::string& path) {
     const auto slash = path.rfind('/');
-    if (slash == std::string::npos) return ".";
-    if (slash == 0) return "/";
+    if (slash == std::string::npos)
+        return ".";
+    if (slash == 0)
+        return "/";
     return path.substr(0, slash);
 }
 
 bool syncPath(const std::string& path, int flags) {
     const int fd = ::open(path.c_str(), flags | O_CLOEXEC);
-    if (fd < 0) return false;
+    if (fd < 0)
+        return false;
     const bool ok = ::fsync(fd) == 0;
     ::close(fd);
     return ok;
@@ -63,7 +68,8 @@ struct FormatOutput {
     ~FormatOutput() { close(); }
     void close() {
         if (context) {
-            if (context->pb) avio_closep(&context->pb);
+            if (context->pb)
+                avio_closep(&context->pb);
             avformat_free_context(context);
             context = nullptr;
         }
@@ -73,7 +79,8 @@ struct FormatOutput {
 struct FormatInput {
     AVFormatContext* context = nullptr;
     ~FormatInput() {
-        if (context) avformat_close_input(&context);
+        if (context)
+            avformat_close_input(&context);
     }
 };
 
@@ -92,7 +99,7 @@ struct FfmpegVideoEncoder::State {
     ffmpeg::FramePtr picture;   // converted picture, encoder size
     ffmpeg::FramePtr hardware;  // upload target (VAAPI)
     ffmpeg::PacketPtr packet;
-    ffmpeg::PacketPtr held;     // written once the next packet tells its duration
+    ffmpeg::PacketPtr held;  // written once the next packet tells its duration
     bool haveHeld = false;
 
     std::int64_t lastPts = -1;
@@ -129,7 +136,8 @@ struct FfmpegVideoEncoder::State {
         scaler = sws_getContext(width, height, AV_PIX_FMT_BGRA, placeWidth, placeHeight,
                                 encoder.softwareFormat, SWS_BILINEAR, nullptr, nullptr, nullptr);
         if (!scaler) {
-            logLine("no colour converter for " + std::to_string(width) + "x" + std::to_string(height));
+            logLine("no colour converter for " + std::to_string(width) + "x" +
+                    std::to_string(height));
             return false;
         }
         // RGB in full range to BT.709 limited-range YCbCr.
@@ -164,7 +172,45 @@ struct FfmpegVideoEncoder::State {
         }
     }
 
+    // A picture already in 4:2:0 is copied plane by plane (interleaving the chroma for NV12).
+    bool copyPlanes(const VideoFrame& frame) {
+        if (frame.width != settings.width || frame.height != settings.height) {
+            logLine("a 4:2:0 picture of another size than the video");
+            return false;
+        }
+        AVFrame* f = picture.get();
+        const int rc = av_frame_make_writable(f);
+        if (rc < 0) {
+            return fail("frame buffer", rc);
+        }
+        const std::uint8_t* y = frame.pixels->data();
+        const std::uint8_t* u = y + std::size_t(frame.stride) * frame.height;
+        const std::uint8_t* v = u + std::size_t(frame.stride / 2) * (frame.height / 2);
+        av_image_copy_plane(f->data[0], f->linesize[0], y, frame.stride, frame.width, frame.height);
+        const int chromaWidth = frame.width / 2, chromaHeight = frame.height / 2;
+        if (encoder.softwareFormat == AV_PIX_FMT_NV12) {
+            for (int row = 0; row < chromaHeight; ++row) {
+                std::uint8_t* out = f->data[1] + std::ptrdiff_t(row) * f->linesize[1];
+                const std::uint8_t* cb = u + std::ptrdiff_t(row) * (frame.stride / 2);
+                const std::uint8_t* cr = v + std::ptrdiff_t(row) * (frame.stride / 2);
+                for (int column = 0; column < chromaWidth; ++column) {
+                    out[2 * column] = cb[column];
+                    out[2 * column + 1] = cr[column];
+                }
+            }
+        } else {
+            av_image_copy_plane(f->data[1], f->linesize[1], u, frame.stride / 2, chromaWidth,
+                                chromaHeight);
+            av_image_copy_plane(f->data[2], f->linesize[2], v, frame.stride / 2, chromaWidth,
+                                chromaHeight);
+        }
+        return true;
+    }
+
     bool convert(const VideoFrame& frame) {
+        if (frame.layout == PixelLayout::i420) {
+            return copyPlanes(frame);
+        }
         AVFrame* f = picture.get();
         if (frame.width == settings.width && frame.height == settings.height) {
             // Every ordinary frame: the direct conversion, no scaling.
@@ -222,7 +268,7 @@ struct FfmpegVideoEncoder::State {
 
     bool writePacket(AVPacket* p) {
         if (p->flags & AV_PKT_FLAG_KEY) {
-            lastKeyPts = p->pts;
+            lastKeyPts = std::max(lastKeyPts, p->pts);
             haveKey = true;
         }
         p->stream_index = stream->index;
@@ -270,15 +316,24 @@ struct FfmpegVideoEncoder::State {
     bool send(std::int64_t pts) {
         AVFrame* f = picture.get();
         f->pts = pts;
-        f->pict_type = (!haveKey || pts - lastKeyPts >= keyIntervalTicks) ? AV_PICTURE_TYPE_I
-                                                                         : AV_PICTURE_TYPE_NONE;
+        // The encoder hands packets back a few frames late (frame threads): the last key frame
+        // is the later of the last one asked for and the last one seen coming out (the encoder
+        // may start one of its own at a scene change).
+        const bool due = !haveKey || pts - lastKeyPts >= keyIntervalTicks;
+        f->pict_type = due ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
+        if (due) {
+            lastKeyPts = pts;
+            haveKey = true;
+        }
         AVFrame* toSend = f;
         if (encoder.hardware) {
             av_frame_unref(hardware.get());
             int rc = av_hwframe_get_buffer(encoder.context->hw_frames_ctx, hardware.get(), 0);
-            if (rc < 0) return fail("hardware frame", rc);
+            if (rc < 0)
+                return fail("hardware frame", rc);
             rc = av_hwframe_transfer_data(hardware.get(), f, 0);
-            if (rc < 0) return fail("hardware upload", rc);
+            if (rc < 0)
+                return fail("hardware upload", rc);
             av_frame_copy_props(hardware.get(), f);
             toSend = hardware.get();
         }
@@ -293,7 +348,9 @@ struct FfmpegVideoEncoder::State {
 FfmpegVideoEncoder::FfmpegVideoEncoder() : FfmpegVideoEncoder(Options{}) {}
 FfmpegVideoEncoder::FfmpegVideoEncoder(Options options) : options_(options) {}
 
-FfmpegVideoEncoder::~FfmpegVideoEncoder() { cancel(); }
+FfmpegVideoEncoder::~FfmpegVideoEncoder() {
+    cancel();
+}
 
 bool FfmpegVideoEncoder::open(const std::string& path, const VideoEncoderSettings& settings) {
     cancel();
@@ -366,9 +423,7 @@ bool FfmpegVideoEncoder::open(const std::string& path, const VideoEncoderSetting
 
 bool FfmpegVideoEncoder::append(const VideoFrame& frame, std::int64_t ptsNs) {
     State* s = state_.get();
-    if (!s || !frame.pixels || frame.width <= 0 || frame.height <= 0 ||
-        frame.stride < frame.width * 4 ||
-        frame.pixels->size() < std::size_t(frame.stride) * (frame.height - 1) + frame.width * 4) {
+    if (!s || !frame.holdsPicture()) {
         return false;
     }
     if (!s->convert(frame)) {
@@ -441,10 +496,12 @@ void FfmpegVideoEncoder::cancel() {
 
 bool FfmpegVideoEncoder::rewriteAsRegularMp4(const std::string& path, std::string* why) {
     std::string ignored;
-    if (!why) why = &ignored;
+    if (!why)
+        why = &ignored;
     ffmpeg::configureLogging();
     const std::string parent = parentOf(path);
-    const std::string name = path.substr(path.rfind('/') == std::string::npos ? 0 : path.rfind('/') + 1);
+    const std::string name =
+        path.substr(path.rfind('/') == std::string::npos ? 0 : path.rfind('/') + 1);
     const std::string temporary = parent + "/." + name + ".rewrite";
 
     auto failed = [&](const std::string& what, int code) {
@@ -455,8 +512,10 @@ bool FfmpegVideoEncoder::rewriteAsRegularMp4(const std::string& path, std::strin
     bool ok = [&] {
         FormatInput in;
         int rc = avformat_open_input(&in.context, path.c_str(), nullptr, nullptr);
-        if (rc < 0) return failed("reading", rc);
-        if ((rc = avformat_find_stream_info(in.context, nullptr)) < 0) return failed("reading", rc);
+        if (rc < 0)
+            return failed("reading", rc);
+        if ((rc = avformat_find_stream_info(in.context, nullptr)) < 0)
+            return failed("reading", rc);
         if (in.context->nb_streams != 1 ||
             in.context->streams[0]->codecpar->codec_type != AVMEDIA_TYPE_VIDEO) {
             return failed("unexpected streams", 0);
@@ -471,9 +530,11 @@ bool FfmpegVideoEncoder::rewriteAsRegularMp4(const std::string& path, std::strin
         }
         FormatOutput out;
         rc = avformat_alloc_output_context2(&out.context, nullptr, "mp4", temporary.c_str());
-        if (rc < 0) return failed("mp4 muxer", rc);
+        if (rc < 0)
+            return failed("mp4 muxer", rc);
         AVStream* target = avformat_new_stream(out.context, nullptr);
-        if (!target) return failed("out of memory", 0);
+        if (!target)
+            return failed("out of memory", 0);
         if ((rc = avcodec_parameters_copy(target->codecpar, source->codecpar)) < 0) {
             return failed("stream parameters", rc);
         }
@@ -487,7 +548,8 @@ bool FfmpegVideoEncoder::rewriteAsRegularMp4(const std::string& path, std::strin
         av_dict_set(&options, "movflags", "faststart", 0);
         rc = avformat_write_header(out.context, &options);
         av_dict_free(&options);
-        if (rc < 0) return failed("writing", rc);
+        if (rc < 0)
+            return failed("writing", rc);
 
         // Packets are written one behind, so that the last one can be given the length the
         // fragments recorded for the track (the demuxer reports a single frame's).
@@ -507,21 +569,28 @@ bool FfmpegVideoEncoder::rewriteAsRegularMp4(const std::string& path, std::strin
         };
         for (;;) {
             rc = av_read_frame(in.context, packet.get());
-            if (rc == AVERROR_EOF) break;
-            if (rc < 0) return failed("reading", rc);
-            if (haveHeld && (rc = writeHeld()) < 0) return failed("writing", rc);
+            if (rc == AVERROR_EOF)
+                break;
+            if (rc < 0)
+                return failed("reading", rc);
+            if (haveHeld && (rc = writeHeld()) < 0)
+                return failed("writing", rc);
             av_packet_move_ref(held.get(), packet.get());
             haveHeld = true;
         }
-        if (!haveHeld) return failed("no frames", 0);
+        if (!haveHeld)
+            return failed("no frames", 0);
         if (source->duration != AV_NOPTS_VALUE && held->pts != AV_NOPTS_VALUE) {
             const std::int64_t start =
                 source->start_time != AV_NOPTS_VALUE ? source->start_time : 0;
             held->duration = std::max(held->duration, start + source->duration - held->pts);
         }
-        if ((rc = writeHeld()) < 0) return failed("writing", rc);
-        if ((rc = av_write_trailer(out.context)) < 0) return failed("writing", rc);
-        if ((rc = avio_closep(&out.context->pb)) < 0) return failed("closing", rc);
+        if ((rc = writeHeld()) < 0)
+            return failed("writing", rc);
+        if ((rc = av_write_trailer(out.context)) < 0)
+            return failed("writing", rc);
+        if ((rc = avio_closep(&out.context->pb)) < 0)
+            return failed("closing", rc);
         return true;
     }();
 

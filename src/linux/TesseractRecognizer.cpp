@@ -42,9 +42,7 @@ constexpr long kMostUpscaledPixels = 2560L * 1600L;
 // The picture's luma, 8 bits a pixel. Throws when the frame does not hold its pixels.
 PixPtr grey(const VideoFrame& picture) {
     const auto& pixels = picture.pixels;
-    if (picture.width <= 0 || picture.height <= 0 || picture.stride < picture.width * 4 ||
-        !pixels ||
-        pixels->size() < std::size_t(picture.stride) * (picture.height - 1) + picture.width * 4) {
+    if (picture.layout != PixelLayout::bgra || !picture.holdsPicture()) {
         throw TextRecognitionError("The window's picture is malformed.");
     }
     PixPtr out(pixCreate(picture.width, picture.height, 8));

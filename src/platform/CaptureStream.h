@@ -18,6 +18,9 @@ struct CaptureStreamConfig {
     bool showsCursor = true;
     // Pictures for a preview: reduced quickly and roughly rather than filtered as for a video.
     bool draft = false;
+    // The layout of the delivered pictures: BGRA, or the encoder's own 4:2:0 for a recording,
+    // converted once on the capture thread straight from the grabbed picture.
+    PixelLayout layout = PixelLayout::bgra;
     // The shortest time between two frames; 1/60 s gives up to 60 frames a second.
     double minimumFrameInterval = 1.0 / 60.0;
     // For an application-region filter: the recorded part of the screen, in root coordinates.
@@ -27,7 +30,8 @@ struct CaptureStreamConfig {
 
 struct CaptureStreamHandlers {
     // Every tick: a complete frame when the content changed, else an idle frame
-    // (`complete` false, no pixels). Pixels are BGRA with the fourth byte opaque or undefined.
+    // (`complete` false, no pixels). Pixels are laid out as asked; in BGRA the fourth byte is
+    // opaque or undefined.
     std::function<void(const VideoFrame&)> frame;
     // The stream stopped by itself: the source vanished (-3815) or the window system failed.
     // No frame follows.

@@ -16,8 +16,7 @@ namespace {
 // The picture's pixels are BGRA with the fourth byte undefined: Qt's RGB32 on a little-endian
 // machine, which ignores that byte. Copied, so that the capture's buffer can go back to it.
 QImage imageOf(const VideoFrame& frame) {
-    if (!frame.pixels || frame.width <= 0 || frame.height <= 0 ||
-        frame.pixels->size() < static_cast<std::size_t>(frame.stride) * frame.height) {
+    if (frame.layout != PixelLayout::bgra || !frame.holdsPicture()) {
         return {};
     }
     return QImage(frame.pixels->data(), frame.width, frame.height, frame.stride,

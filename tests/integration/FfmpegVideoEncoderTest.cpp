@@ -8,7 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -209,6 +211,45 @@ TEST_F(FfmpegVideoEncoderTest, FramesOfAnotherSizeAreScaledToFit) {
     EXPECT_EQ(info->width, 640);
     EXPECT_EQ(info->height, 360);
     EXPECT_EQ(info->frameCount, 4);
+}
+
+// Pictures the capture already converted to 4:2:0 are encoded as they come: a file of solid
+// red ones decodes to red's BT.709 limited-range values, in the right planes.
+TEST_F(FfmpegVideoEncoderTest, FourTwoZeroPicturesAreEncodedAsTheyCome) {
+    const std::string path = dir / "Pavix-d.mp4";
+    constexpr int width = 640, height = 360, stride = 704;  // padded rows
+    auto pixels = std::make_shared<std::vector<std::uint8_t>>(std::size_t(stride) * height * 3 / 2);
+    std::fill_n(pixels->begin(), stride * height, 63);                                     // Y
+    std::fill_n(pixels->begin() + stride * height, stride / 2 * height / 2, 102);          // Cb
+    std::fill_n(pixels->begin() + stride * height * 5 / 4, stride / 2 * height / 2, 240);  // Cr
+    auto writer = writerFor(path);
+    for (int i = 0; i < 30; ++i) {
+        VideoFrame frame;
+        frame.layout = PixelLayout::i420;
+        frame.width = width;
+        frame.height = height;
+        frame.stride = stride;
+        frame.pixels = pixels;
+        frame.captureTimeNs = kT0 + i * kFrameNs;
+        appendAndWait(*writer, frame);
+    }
+    writer->finish(kT0 + 30 * kFrameNs);
+    EXPECT_EQ(writer->counters().framesAppended, 30);
+
+    // The first picture, decoded by the ffmpeg tool into raw 4:2:0.
+    const std::string command =
+        "ffmpeg -v error -i '" + path + "' -frames:v 1 -f rawvideo -pix_fmt yuv420p -";
+    FILE* decoder = popen(command.c_str(), "r");
+    ASSERT_NE(decoder, nullptr);
+    std::vector<std::uint8_t> raw(std::size_t(width) * height * 3 / 2);
+    const std::size_t got = std::fread(raw.data(), 1, raw.size(), decoder);
+    pclose(decoder);
+    ASSERT_EQ(got, raw.size());
+    const std::size_t centre = std::size_t(height / 2) * width + width / 2;
+    const std::size_t chroma = std::size_t(height / 4) * (width / 2) + width / 4;
+    EXPECT_NEAR(raw[centre], 63, 3);
+    EXPECT_NEAR(raw[std::size_t(width) * height + chroma], 102, 3);
+    EXPECT_NEAR(raw[std::size_t(width) * height * 5 / 4 + chroma], 240, 3);
 }
 
 TEST_F(FfmpegVideoEncoderTest, NeverOverwritesAnExistingFile) {

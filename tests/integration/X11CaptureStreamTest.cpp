@@ -130,6 +130,31 @@ TEST_F(X11CaptureStreamTest, OtherSizesAreScaledToFitOnBlack) {
     }
 }
 
+// A recording's frames come in the encoder's 4:2:0, BT.709 limited range, whether the picture
+// had the frame's size or was fitted to it first.
+TEST_F(X11CaptureStreamTest, RecordingFramesComeInTheEncodersLayout) {
+    X11TestWindow target(display, {.title = "Planar", .width = 400, .height = 300, .colour = red});
+    target.fillRect(200, 0, 200, 300, blue);  // the right half
+    const std::array<int, 3> redYuv{63, 102, 240}, blueYuv{32, 240, 118};
+    for (auto [width, height] : {std::pair{400, 300}, std::pair{200, 150}}) {
+        SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height));
+        auto config = sized(width, height);
+        config.layout = PixelLayout::i420;
+        auto frame = firstFrame(windowFilter(target.id()), config);
+        ASSERT_TRUE(frame);
+        EXPECT_EQ(frame->layout, PixelLayout::i420);
+        EXPECT_EQ(frame->stride, width);
+        ASSERT_TRUE(frame->holdsPicture());
+        for (auto [x, expected] :
+             {std::pair{width / 4, redYuv}, std::pair{width * 3 / 4, blueYuv}}) {
+            auto sample = X11FrameCollector::yuv(*frame, x, height / 2);
+            for (int i = 0; i < 3; ++i) {
+                EXPECT_NEAR(sample[i], expected[i], 2) << "component " << i << " at x " << x;
+            }
+        }
+    }
+}
+
 TEST_F(X11CaptureStreamTest, StaticWindowGivesIdleTicksAndAnimatedWindowCompleteFrames) {
     X11TestWindow target(display, {.title = "Static", .colour = red});
     stream.start(windowFilter(target.id()), sized(400, 300), frames.handlers());

@@ -2,6 +2,7 @@
 
 // Gathers what a capture stream delivers, for tests that wait on it.
 
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -96,6 +97,15 @@ class X11FrameCollector {
     const std::optional<int>& error() const { return errorCode_; }
     const std::vector<bool>& visibilityChanges() const { return visibility_; }
     const std::optional<VideoFrame>& latest() const { return last_; }
+
+    // The Y, Cb and Cr samples at (x, y) of a 4:2:0 frame.
+    static std::array<int, 3> yuv(const VideoFrame& frame, int x, int y) {
+        const std::uint8_t* luma = frame.pixels->data();
+        const std::uint8_t* cb = luma + std::size_t(frame.stride) * frame.height;
+        const std::uint8_t* cr = cb + std::size_t(frame.stride / 2) * (frame.height / 2);
+        const std::size_t at = std::size_t(y / 2) * (frame.stride / 2) + x / 2;
+        return {luma[std::size_t(y) * frame.stride + x], cb[at], cr[at]};
+    }
 
     // The pixel at (x, y) as 0xRRGGBB.
     static std::uint32_t pixel(const VideoFrame& frame, int x, int y) {

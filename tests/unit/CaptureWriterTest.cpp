@@ -50,6 +50,44 @@ class CaptureWriterTest : public ::testing::Test {
     }
 };
 
+// What a frame's pixels must hold, by layout; a geometry that cannot be is never taken.
+TEST(VideoFrameGeometry, BytesNeededFollowTheLayout) {
+    struct Case {
+        PixelLayout layout;
+        int width, height, stride;
+        std::int64_t needed;
+    };
+    const Case cases[] = {
+        {PixelLayout::bgra, 64, 48, 256, 256 * 48},
+        {PixelLayout::bgra, 63, 48, 256, 256 * 47 + 63 * 4},  // the last row ends at its pixels
+        {PixelLayout::bgra, 64, 48, 255, 0},                  // rows overlap
+        {PixelLayout::bgra, 0, 48, 256, 0},
+        {PixelLayout::i420, 64, 48, 64, 64 * 48 * 3 / 2},
+        {PixelLayout::i420, 64, 48, 80, 80 * 48 * 3 / 2},  // padded rows
+        {PixelLayout::i420, 63, 48, 64, 0},                // 4:2:0 needs even sizes
+        {PixelLayout::i420, 64, 47, 64, 0},
+        {PixelLayout::i420, 64, 48, 63, 0},
+        {PixelLayout::i420, 64, 48, 62, 0},
+    };
+    for (const auto& c : cases) {
+        VideoFrame f;
+        f.layout = c.layout;
+        f.width = c.width;
+        f.height = c.height;
+        f.stride = c.stride;
+        SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height) + " stride " +
+                     std::to_string(c.stride));
+        EXPECT_EQ(f.bytesNeeded(), c.needed);
+        f.pixels = std::make_shared<const std::vector<std::uint8_t>>(
+            std::size_t(std::max<std::int64_t>(c.needed, 1)));
+        EXPECT_EQ(f.holdsPicture(), c.needed > 0);
+        if (c.needed > 1) {
+            f.pixels = std::make_shared<const std::vector<std::uint8_t>>(std::size_t(c.needed - 1));
+            EXPECT_FALSE(f.holdsPicture());
+        }
+    }
+}
+
 TEST_F(CaptureWriterTest, OpensTheEncoderWithTheEncodingsSettingsOrSaysWhyNot) {
     make();
     EXPECT_EQ(log->path, "/tmp/out.mp4");

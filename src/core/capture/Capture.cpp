@@ -276,6 +276,7 @@ asio::awaitable<void> Capture::startWith(const CaptureEncoding& encoding, const 
     config.showsCursor = showsCursor;
     config.minimumFrameInterval = 1.0 / CaptureWriter::frameRate;
     config.sourceRect = framing.region;
+    config.layout = PixelLayout::i420;  // the encoder's own, converted once as it is grabbed
 
     attempt->stream = parts_.platform.streams();
     auto begin = [stream = attempt->stream.get(), filter = framing.filter, config, handlers] {

@@ -11,18 +11,6 @@
 namespace pavix {
 namespace {
 
-bool validFrame(const VideoFrame& frame) {
-    if (frame.width <= 0 || frame.height <= 0 || !frame.pixels) {
-        return false;
-    }
-    const std::int64_t row = std::int64_t{frame.width} * 4;
-    if (frame.stride < row) {
-        return false;
-    }
-    const std::int64_t needed = std::int64_t{frame.stride} * (frame.height - 1) + row;
-    return static_cast<std::int64_t>(frame.pixels->size()) >= needed;
-}
-
 std::int64_t steadyNs() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(
                std::chrono::steady_clock::now().time_since_epoch())
@@ -64,7 +52,9 @@ std::int64_t CaptureWriter::now() {
 
 CaptureWriter::CaptureWriter(const std::string& path, const CaptureEncoding& encoding,
                              std::unique_ptr<VideoEncoder> encoder, std::size_t queueDepth)
-    : encoding_(encoding), encoder_(std::move(encoder)), queue_(std::max<std::size_t>(queueDepth, 1)) {
+    : encoding_(encoding),
+      encoder_(std::move(encoder)),
+      queue_(std::max<std::size_t>(queueDepth, 1)) {
     if (!encoder_->open(path, settings(encoding_))) {
         throw PavixError(cannotEncodeMessage);
     }
@@ -104,7 +94,7 @@ void CaptureWriter::append(const VideoFrame& frame) {
     if (finishing_ || failed_) {
         return;
     }
-    if (!validFrame(frame) || frame.captureTimeNs < 0) {
+    if (!frame.holdsPicture() || frame.captureTimeNs < 0) {
         ++counters_.framesInvalid;
         return;
     }
