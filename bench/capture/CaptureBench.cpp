@@ -335,6 +335,7 @@ Run recordWithPavix(const fs::path& file, const Settings& settings, Size size = 
             pavix::CaptureStreamConfig config;
             config.width = width;
             config.height = height;
+            config.layout = pavix::PixelLayout::i420;  // as a recording asks for it
             std::atomic<long> ticks{0};
             pavix::CaptureStreamHandlers handlers;
             handlers.frame = [&](const pavix::VideoFrame& frame) {
@@ -369,8 +370,8 @@ Run recordWithPavix(const fs::path& file, const Settings& settings, Size size = 
 }
 
 // ffmpeg at Pavix's settings: 4:2:0 with BT.709 limited range, the same average and peak bit
-// rate, High profile, no B-frames, a key frame every 2 s, preset veryfast, zero latency but
-// frame threads; each grabbed picture written once (no repeats to hold a constant rate).
+// rate, High profile, no B-frames, a key frame every 2 s, preset veryfast, zero latency; each
+// grabbed picture written once (no repeats to hold a constant rate).
 Run recordWithFfmpeg(const fs::path& file, const Settings& settings, Size screen = {},
                      Size size = {}) {
     const int width = size.width, height = size.height;
@@ -386,7 +387,7 @@ Run recordWithFfmpeg(const fs::path& file, const Settings& settings, Size screen
     add({"-vf", "scale=" + std::to_string(width) + ":" + std::to_string(height) +
                     ":out_color_matrix=bt709:out_range=tv,format=yuv420p"});
     add({"-c:v", "libx264", "-preset", "veryfast", "-tune", "zerolatency"});
-    add({"-x264-params", "sliced-threads=0", "-profile:v", "high"});
+    add({"-profile:v", "high"});
     add({"-b:v", bitrate, "-maxrate", peak, "-bufsize", peak, "-bf", "0", "-g", "120"});
     add({"-color_primaries", "bt709", "-color_trc", "bt709", "-colorspace", "bt709"});
     add({"-color_range", "tv", "-fps_mode", "passthrough", "-y", file.string()});

@@ -316,9 +316,9 @@ struct FfmpegVideoEncoder::State {
     bool send(std::int64_t pts) {
         AVFrame* f = picture.get();
         f->pts = pts;
-        // The encoder hands packets back a few frames late (frame threads): the last key frame
-        // is the later of the last one asked for and the last one seen coming out (the encoder
-        // may start one of its own at a scene change).
+        // An encoder may hand packets back a few frames late (frame threads, a look-ahead, a
+        // hardware queue): the last key frame is the later of the last one asked for and the
+        // last one seen coming out (the encoder may start one of its own at a scene change).
         const bool due = !haveKey || pts - lastKeyPts >= keyIntervalTicks;
         f->pict_type = due ? AV_PICTURE_TYPE_I : AV_PICTURE_TYPE_NONE;
         if (due) {

@@ -5,11 +5,9 @@
 #include <chrono>
 #include <memory>
 #include <optional>
-#include <vector>
 
 #include "core/capture/CaptureLayers.h"
 #include "linux/CursorOverlay.h"
-#include "linux/FfmpegColourConversion.h"
 #include "linux/X11ApplicationGrabber.h"
 #include "linux/X11Display.h"
 #include "linux/X11ErrorTrap.h"
@@ -162,7 +160,6 @@ void X11CaptureStream::loop(X11Display& display, X11Grabber& grabber,
     const int stride = yuv ? config.width : config.width * 4;
     const std::size_t frameBytes =
         yuv ? std::size_t(stride) * config.height * 3 / 2 : std::size_t(stride) * config.height;
-    std::vector<std::uint8_t> fitted;  // the picture fitted to the frame's size, when it differs
     bool visible = true;
     bool owed = true;  // a complete frame is due even without damage (first or dropped frame)
     int pictureWidth = 0, pictureHeight = 0;  // of the last picture read
@@ -244,22 +241,13 @@ void X11CaptureStream::loop(X11Display& display, X11Grabber& grabber,
             scaler.scale(image->data(), image->width(), image->height(), image->stride(),
                          buffer->data(), config.width, config.height, stride);
         } else {
-            // Converted straight from the grabbed picture when no scaling is needed: the
-            // picture is read once, and the encoder gets its own layout.
-            const std::uint8_t* bgra = image->data();
-            int bgraStride = image->stride();
-            if (image->width() != config.width || image->height() != config.height) {
-                fitted.resize(std::size_t(config.width) * 4 * config.height);
-                scaler.scale(image->data(), image->width(), image->height(), image->stride(),
-                             fitted.data(), config.width, config.height, config.width * 4);
-                bgra = fitted.data();
-                bgraStride = config.width * 4;
-            }
+            // Converted (and fitted, when the sizes differ) in one pass straight from the
+            // grabbed picture: it is read once, and the encoder gets its own layout.
             std::uint8_t* y = buffer->data();
             std::uint8_t* u = y + std::size_t(stride) * config.height;
             std::uint8_t* v = u + std::size_t(stride / 2) * (config.height / 2);
-            ffmpeg::bgraToI420Bt709(bgra, bgraStride, config.width, config.height, y, stride, u,
-                                    stride / 2, v, stride / 2);
+            scaler.scaleToI420(image->data(), image->width(), image->height(), image->stride(),
+                               config.width, config.height, y, stride, u, v, stride / 2);
         }
         owed = false;
         if (handlers.frame) {

@@ -9,6 +9,8 @@ extern "C" {
 #include <cstring>
 #include <vector>
 
+#include "linux/FfmpegColourConversion.h"
+
 namespace pavix {
 namespace {
 
@@ -53,6 +55,7 @@ void sample(const std::uint8_t* source, int sourceWidth, int sourceHeight, int s
 
 X11FrameScaler::~X11FrameScaler() {
     sws_freeContext(context_);
+    sws_freeContext(planarContext_);
 }
 
 void X11FrameScaler::scale(const std::uint8_t* source, int sourceWidth, int sourceHeight,
@@ -93,6 +96,81 @@ void X11FrameScaler::scale(const std::uint8_t* source, int sourceWidth, int sour
     std::uint8_t* targetPlanes[1] = {placed};
     int targetStrides[1] = {targetStride};
     sws_scale(context_, sourcePlanes, sourceStrides, 0, sourceHeight, targetPlanes, targetStrides);
+}
+
+void X11FrameScaler::scaleToI420(const std::uint8_t* source, int sourceWidth, int sourceHeight,
+                                 int sourceStride, int targetWidth, int targetHeight,
+                                 std::uint8_t* y, int yStride, std::uint8_t* u, std::uint8_t* v,
+                                 int chromaStride) {
+    if (sourceWidth == targetWidth && sourceHeight == targetHeight) {
+        ffmpeg::bgraToI420Bt709(source, sourceStride, targetWidth, targetHeight, y, yStride, u,
+                                chromaStride, v, chromaStride);
+        return;
+    }
+    // The placed picture starts and ends on even pixels, so that its chroma samples are its own.
+    double factor =
+        std::min(double(targetWidth) / sourceWidth, double(targetHeight) / sourceHeight);
+    int width = std::clamp(int(std::lround(sourceWidth * factor)) & ~1, 2, targetWidth);
+    int height = std::clamp(int(std::lround(sourceHeight * factor)) & ~1, 2, targetHeight);
+    int left = ((targetWidth - width) / 2) & ~1, top = ((targetHeight - height) / 2) & ~1;
+    // Black around it: Y 16, Cb and Cr 128 in limited range.
+    auto fill = [](std::uint8_t* plane, int stride, int x, int row, int w, int h, int value) {
+        for (int r = row; r < row + h; ++r) {
+            std::memset(plane + std::ptrdiff_t(r) * stride + x, value, std::size_t(w));
+        }
+    };
+    auto frame = [&](std::uint8_t* plane, int stride, int shift, int value) {
+        const int l = left >> shift, t = top >> shift, w = width >> shift, h = height >> shift;
+        const int fullWidth = targetWidth >> shift, fullHeight = targetHeight >> shift;
+        fill(plane, stride, 0, 0, fullWidth, t, value);
+        fill(plane, stride, 0, t + h, fullWidth, fullHeight - t - h, value);
+        fill(plane, stride, 0, t, l, h, value);
+        fill(plane, stride, l + w, t, fullWidth - l - w, h, value);
+    };
+    frame(y, yStride, 0, 16);
+    frame(u, chromaStride, 1, 128);
+    frame(v, chromaStride, 1, 128);
+    // Converted at the picture's own size by the fast converter, then reduced plane by plane:
+    // libswscale scales 8-bit planes quickly, where its own reading of BGRA costs several times
+    // the conversion. An odd-sized picture, which the converter cannot take, goes through
+    // libswscale in one pass, converted to BT.709 limited range on the way.
+    const bool even = sourceWidth % 2 == 0 && sourceHeight % 2 == 0;
+    auto* before = planarContext_;
+    planarContext_ = sws_getCachedContext(
+        planarContext_, sourceWidth, sourceHeight, even ? AV_PIX_FMT_YUV420P : AV_PIX_FMT_BGRA,
+        width, height, AV_PIX_FMT_YUV420P, SWS_BILINEAR, nullptr, nullptr, nullptr);
+    if (planarContext_ == nullptr) {
+        fill(y, yStride, left, top, width, height, 16);
+        fill(u, chromaStride, left / 2, top / 2, width / 2, height / 2, 128);
+        fill(v, chromaStride, left / 2, top / 2, width / 2, height / 2, 128);
+        return;
+    }
+    if (!even && planarContext_ != before) {
+        sws_setColorspaceDetails(planarContext_, sws_getCoefficients(SWS_CS_DEFAULT), 1,
+                                 sws_getCoefficients(SWS_CS_ITU709), 0, 0, 1 << 16, 1 << 16);
+    }
+    const std::uint8_t* sourcePlanes[3] = {source, nullptr, nullptr};
+    int sourceStrides[3] = {sourceStride, 0, 0};
+    if (even) {
+        const int chromaWidth = sourceWidth / 2;
+        converted_.resize(std::size_t(sourceWidth) * sourceHeight * 3 / 2);
+        std::uint8_t* cy = converted_.data();
+        std::uint8_t* cu = cy + std::size_t(sourceWidth) * sourceHeight;
+        std::uint8_t* cv = cu + std::size_t(chromaWidth) * (sourceHeight / 2);
+        ffmpeg::bgraToI420Bt709(source, sourceStride, sourceWidth, sourceHeight, cy, sourceWidth,
+                                cu, chromaWidth, cv, chromaWidth);
+        sourcePlanes[0] = cy;
+        sourcePlanes[1] = cu;
+        sourcePlanes[2] = cv;
+        sourceStrides[0] = sourceWidth;
+        sourceStrides[1] = sourceStrides[2] = chromaWidth;
+    }
+    std::uint8_t* targetPlanes[3] = {y + std::ptrdiff_t(top) * yStride + left,
+                                     u + std::ptrdiff_t(top / 2) * chromaStride + left / 2,
+                                     v + std::ptrdiff_t(top / 2) * chromaStride + left / 2};
+    int targetStrides[3] = {yStride, chromaStride, chromaStride};
+    sws_scale(planarContext_, sourcePlanes, sourceStrides, 0, sourceHeight, targetPlanes,
+              targetStrides);
 }
 
 }  // namespace pavix

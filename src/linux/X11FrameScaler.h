@@ -1,13 +1,14 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 struct SwsContext;
 
 namespace pavix {
 
-// Fits a BGRA picture into a BGRA frame of another size, keeping its aspect, centred on black.
-// A picture of the frame's size is copied as it is.
+// Fits a BGRA picture into a frame of another size, keeping its aspect, centred on black.
+// A picture of the frame's size is copied (or only converted) as it is.
 //
 // A draft scaler reduces a picture by sampling: each pixel is the mean of four samples of the
 // area it stands for. That costs well under a millisecond for a whole screen, where the
@@ -22,9 +23,17 @@ class X11FrameScaler {
     void scale(const std::uint8_t* source, int sourceWidth, int sourceHeight, int sourceStride,
                std::uint8_t* target, int targetWidth, int targetHeight, int targetStride);
 
+    // The same fit, into 4:2:0 with BT.709 coefficients in limited range (the planes of an even
+    // `targetWidth` × `targetHeight`); a picture of the frame's size is only converted.
+    void scaleToI420(const std::uint8_t* source, int sourceWidth, int sourceHeight,
+                     int sourceStride, int targetWidth, int targetHeight, std::uint8_t* y,
+                     int yStride, std::uint8_t* u, std::uint8_t* v, int chromaStride);
+
   private:
     bool draft_;
     SwsContext* context_ = nullptr;
+    SwsContext* planarContext_ = nullptr;
+    std::vector<std::uint8_t> converted_;  // a picture in 4:2:0 at its own size, to be reduced
 };
 
 }  // namespace pavix
