@@ -131,25 +131,38 @@ TEST_F(X11CaptureStreamTest, OtherSizesAreScaledToFitOnBlack) {
 }
 
 // A recording's frames come in the encoder's 4:2:0, BT.709 limited range, whether the picture
-// had the frame's size or was fitted to it first.
+// had the frame's size, was reduced to it, or was fitted into it on black.
 TEST_F(X11CaptureStreamTest, RecordingFramesComeInTheEncodersLayout) {
     X11TestWindow target(display, {.title = "Planar", .width = 400, .height = 300, .colour = red});
     target.fillRect(200, 0, 200, 300, blue);  // the right half
-    const std::array<int, 3> redYuv{63, 102, 240}, blueYuv{32, 240, 118};
-    for (auto [width, height] : {std::pair{400, 300}, std::pair{200, 150}}) {
-        SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height));
-        auto config = sized(width, height);
+    using Yuv = std::array<int, 3>;
+    const Yuv redYuv{63, 102, 240}, blueYuv{32, 240, 118}, blackYuv{16, 128, 128};
+    struct Case {
+        int width, height;
+        std::vector<std::tuple<int, int, Yuv>> samples;  // x, y, expected
+    };
+    const Case cases[] = {
+        {400, 300, {{100, 150, redYuv}, {300, 150, blueYuv}}},
+        {200, 150, {{50, 75, redYuv}, {150, 75, blueYuv}}},
+        // 400×300 in a square: 50-row bars above and below.
+        {400,
+         400,
+         {{200, 10, blackYuv}, {200, 390, blackYuv}, {100, 200, redYuv}, {300, 200, blueYuv}}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height));
+        auto config = sized(c.width, c.height);
         config.layout = PixelLayout::i420;
         auto frame = firstFrame(windowFilter(target.id()), config);
         ASSERT_TRUE(frame);
         EXPECT_EQ(frame->layout, PixelLayout::i420);
-        EXPECT_EQ(frame->stride, width);
+        EXPECT_EQ(frame->stride, c.width);
         ASSERT_TRUE(frame->holdsPicture());
-        for (auto [x, expected] :
-             {std::pair{width / 4, redYuv}, std::pair{width * 3 / 4, blueYuv}}) {
-            auto sample = X11FrameCollector::yuv(*frame, x, height / 2);
+        for (const auto& [x, y, expected] : c.samples) {
+            auto sample = X11FrameCollector::yuv(*frame, x, y);
             for (int i = 0; i < 3; ++i) {
-                EXPECT_NEAR(sample[i], expected[i], 2) << "component " << i << " at x " << x;
+                EXPECT_NEAR(sample[i], expected[i], 2)
+                    << "component " << i << " at " << x << "," << y;
             }
         }
     }
