@@ -51,6 +51,21 @@ void sample(const std::uint8_t* source, int sourceWidth, int sourceHeight, int s
     }
 }
 
+// Where a picture lands in a frame of another size: as large as fits with its aspect kept,
+// centred; every edge on a multiple of `grain` pixels.
+struct Placement {
+    int left, top, width, height;
+};
+Placement fit(int sourceWidth, int sourceHeight, int targetWidth, int targetHeight, int grain) {
+    const double factor =
+        std::min(double(targetWidth) / sourceWidth, double(targetHeight) / sourceHeight);
+    auto floor = [grain](int value) { return value / grain * grain; };
+    const int width = std::clamp(floor(int(std::lround(sourceWidth * factor))), grain, targetWidth);
+    const int height =
+        std::clamp(floor(int(std::lround(sourceHeight * factor))), grain, targetHeight);
+    return {floor((targetWidth - width) / 2), floor((targetHeight - height) / 2), width, height};
+}
+
 }  // namespace
 
 X11FrameScaler::~X11FrameScaler() {
@@ -68,11 +83,8 @@ void X11FrameScaler::scale(const std::uint8_t* source, int sourceWidth, int sour
         }
         return;
     }
-    double factor =
-        std::min(double(targetWidth) / sourceWidth, double(targetHeight) / sourceHeight);
-    int width = std::clamp(int(std::lround(sourceWidth * factor)), 1, targetWidth);
-    int height = std::clamp(int(std::lround(sourceHeight * factor)), 1, targetHeight);
-    int left = (targetWidth - width) / 2, top = (targetHeight - height) / 2;
+    const auto [left, top, width, height] =
+        fit(sourceWidth, sourceHeight, targetWidth, targetHeight, 1);
     fillBlack(target, targetStride, 0, 0, targetWidth, top);
     fillBlack(target, targetStride, 0, top + height, targetWidth, targetHeight - top - height);
     fillBlack(target, targetStride, 0, top, left, height);
@@ -108,11 +120,8 @@ void X11FrameScaler::scaleToI420(const std::uint8_t* source, int sourceWidth, in
         return;
     }
     // The placed picture starts and ends on even pixels, so that its chroma samples are its own.
-    double factor =
-        std::min(double(targetWidth) / sourceWidth, double(targetHeight) / sourceHeight);
-    int width = std::clamp(int(std::lround(sourceWidth * factor)) & ~1, 2, targetWidth);
-    int height = std::clamp(int(std::lround(sourceHeight * factor)) & ~1, 2, targetHeight);
-    int left = ((targetWidth - width) / 2) & ~1, top = ((targetHeight - height) / 2) & ~1;
+    const auto [left, top, width, height] =
+        fit(sourceWidth, sourceHeight, targetWidth, targetHeight, 2);
     // Black around it: Y 16, Cb and Cr 128 in limited range.
     auto fill = [](std::uint8_t* plane, int stride, int x, int row, int w, int h, int value) {
         for (int r = row; r < row + h; ++r) {
