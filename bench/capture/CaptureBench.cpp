@@ -27,7 +27,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <map>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -72,12 +74,13 @@ struct Settings {
 
 // One run of one row.
 struct Run {
-    double fps = 0;      // frames in the file over the file's duration
-    long frames = 0;     // frames in the file
-    long shed = -1;      // frames the writer dropped; -1: not known
-    long skipped = -1;   // capture ticks that never came; -1: not known
-    double cpu = 0;      // CPU seconds per second recorded
-    double peakMiB = 0;  // the row's own process
+    double fps = 0;                         // frames in the file over the file's duration
+    long frames = 0;                        // frames in the file
+    long shed = -1;                         // frames the writer dropped; -1: not known
+    long skipped = -1;                      // capture ticks that never came; -1: not known
+    double cpu = 0;                         // CPU seconds per second recorded
+    double peakMiB = 0;                     // the row's own process
+    std::map<std::string, double> threads;  // CPU seconds per second by thread name
 };
 
 double cpuOf(const rusage& usage) {
@@ -89,6 +92,37 @@ double threadCpu() {
     timespec t{};
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
     return t.tv_sec + t.tv_nsec / 1e9;
+}
+
+// The CPU seconds each thread of this process has spent so far, summed by thread name. Pavix
+// names its threads by their part: pavix-capture grabs, adds the cursor and converts to 4:2:0;
+// pavix-encoder are libx264's slice workers; pavix-writer hands the frames to libx264, whose
+// per-frame set-up runs on the calling thread, and muxes. This benchmark's own thread is
+// "other". A thread that has ended is no longer listed, so this is read while recording.
+std::map<std::string, double> cpuByThread() {
+    const double tick = double(sysconf(_SC_CLK_TCK));
+    std::map<std::string, double> spent;
+    for (const auto& task : fs::directory_iterator("/proc/self/task")) {
+        std::ifstream statFile(task.path() / "stat");
+        std::string stat((std::istreambuf_iterator<char>(statFile)), {});
+        // "TID (NAME) STATE …": the name may hold spaces and brackets, the fields follow the
+        // last ')'. utime and stime are the 14th and 15th fields.
+        const auto open = stat.find('('), close = stat.rfind(')');
+        if (open == std::string::npos || close == std::string::npos) {
+            continue;
+        }
+        std::istringstream fields(stat.substr(close + 2));
+        std::string field;
+        for (int i = 3; i < 14 && fields >> field; ++i) {
+        }
+        double user = 0, system = 0;
+        if (fields >> user >> system) {
+            std::string name = stat.substr(open + 1, close - open - 1);
+            const bool part = name.rfind("pavix-", 0) == 0 && name.rfind("pavix-bench", 0) != 0;
+            spent[part ? name : "other"] += (user + system) / tick;
+        }
+    }
+    return spent;
 }
 
 // The colour of the animated picture's frame `n`, and where its white bar is.
@@ -346,8 +380,10 @@ Run recordWithPavix(const fs::path& file, const Settings& settings, Size size = 
                 std::fprintf(stderr, "stream error %d: %s\n", error.code(), error.what());
             };
             auto started = std::chrono::steady_clock::now();
+            const auto before = cpuByThread();
             stream.start(filter, config, handlers);
             std::this_thread::sleep_for(std::chrono::seconds(settings.seconds));
+            const auto during = cpuByThread();
             stream.stop();
             double elapsed =
                 std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
@@ -357,12 +393,23 @@ Run recordWithPavix(const fs::path& file, const Settings& settings, Size size = 
             std::ostringstream out;
             out << writer.counters().framesShed << " " << std::max(0L, expected - ticks.load())
                 << " " << elapsed;
+            for (const auto& [name, seconds] : during) {
+                const auto earlier = before.find(name);
+                out << " " << name << " "
+                    << (seconds - (earlier == before.end() ? 0 : earlier->second)) /
+                           settings.seconds;
+            }
             return out.str();
         },
         report);
     Run run;
     double elapsed = settings.seconds;
-    std::istringstream(report) >> run.shed >> run.skipped >> elapsed;
+    std::istringstream fields(report);
+    fields >> run.shed >> run.skipped >> elapsed;
+    std::string name;
+    for (double seconds; fields >> name >> seconds;) {
+        run.threads[name] = seconds;
+    }
     probe(file, run);
     run.cpu = cpuOf(usage) / elapsed;
     run.peakMiB = usage.ru_maxrss / 1024.0;
@@ -512,6 +559,27 @@ std::string worst(const std::vector<Run>& runs, long Run::*figure) {
     return most < 0 ? "-" : std::to_string(most);
 }
 
+// Where Pavix's CPU goes, by thread, medians over the runs.
+void printThreads(const std::vector<Run>& runs, std::optional<double> converterMs) {
+    std::map<std::string, std::vector<double>> byName;
+    for (const auto& run : runs) {
+        for (const auto& [name, seconds] : run.threads) {
+            byName[name].push_back(seconds);
+        }
+    }
+    std::printf("%-30s", "  Pavix by thread, cpu s per s");
+    for (auto& [name, values] : byName) {
+        std::sort(values.begin(), values.end());
+        std::printf("  %s %.3f", name.c_str(), values[values.size() / 2]);
+    }
+    std::printf("\n");
+    if (converterMs) {
+        // The capture thread's share that is conversion, from the converter's own figure.
+        std::printf("%-30s  of pavix-capture, 4:2:0 conversion about %.3f\n", "",
+                    median(runs, &Run::fps) * *converterMs / 1000);
+    }
+}
+
 void print(const char* label, const std::vector<Run>& runs) {
     std::printf("%-30s %20s %6s %8s %20s %18s\n", label, spread(runs, &Run::fps, 1).c_str(),
                 worst(runs, &Run::shed).c_str(), worst(runs, &Run::skipped).c_str(),
@@ -520,7 +588,7 @@ void print(const char* label, const std::vector<Run>& runs) {
 
 // CPU milliseconds per 1920×1080 frame converted from BGRA to 4:2:0 BT.709: Pavix's own
 // converter, and libswscale set up as it would be for the same conversion.
-void printConversion() {
+double printConversion() {
     std::vector<std::uint8_t> bgra(std::size_t(width) * height * 4);
     for (std::size_t i = 0; i < bgra.size(); ++i) {
         bgra[i] = std::uint8_t(i * 2654435761u >> 24);
@@ -556,6 +624,7 @@ void printConversion() {
         "BGRA to 4:2:0 BT.709, 1920x1080, CPU ms per frame: Pavix %.2f, libswscale %.2f "
         "(%.1fx)\n",
         ours, theirs, theirs / std::max(1e-9, ours));
+    return ours;
 }
 
 Settings parse(int argc, char** argv) {
@@ -605,7 +674,7 @@ int main(int argc, char** argv) {
         "(lowest-highest)\nshed: frames the writer dropped; skipped: capture ticks that "
         "never came (worst run)\n",
         settings.seconds, settings.repeats);
-    printConversion();
+    const double converterMs = printConversion();
     for (const auto& content : settings.contents) {
         // "large": the animated picture on a 2560x1440 screen, recorded at the size Pavix
         // chooses for it.
@@ -639,6 +708,7 @@ int main(int argc, char** argv) {
         }
         stopChild(source);
         print("Pavix", ours);
+        printThreads(ours, large ? std::nullopt : std::optional(converterMs));
         print("ffmpeg x11grab, same settings", theirs);
         const double ourCpu = median(ours, &Run::cpu);
         std::printf("%-30s %20.2f %6s %8s %20.2f %18.2f\n", "Pavix / ffmpeg",

@@ -16,6 +16,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include "core/runtime/ThreadName.h"
 #include "linux/FfmpegColourConversion.h"
 #include "linux/FfmpegH264.h"
 
@@ -370,7 +371,11 @@ bool FfmpegVideoEncoder::open(const std::string& path, const VideoEncoderSetting
     };
 
     std::string why;
-    s->encoder = ffmpeg::openH264(settings, true, &why);
+    {
+        // The encoder's worker threads start here and keep this name.
+        ThreadNameScope workers("pavix-encoder");
+        s->encoder = ffmpeg::openH264(settings, true, &why);
+    }
     if (!s->encoder.context) {
         return abandon(why);
     }

@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "core/capture/CaptureLayers.h"
+#include "core/runtime/ThreadName.h"
 #include "linux/CursorOverlay.h"
 #include "linux/X11ApplicationGrabber.h"
 #include "linux/X11Display.h"
@@ -116,6 +117,7 @@ void X11CaptureStream::stop() {
 
 void X11CaptureStream::run(CaptureFilter filter, CaptureStreamConfig config,
                            CaptureStreamHandlers handlers, std::promise<void> started) {
+    nameThisThread("pavix-capture");
     std::optional<X11Display> display;
     std::unique_ptr<X11Grabber> grabber;
     try {

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "core/runtime/Text.h"
+#include "core/runtime/ThreadName.h"
 #include "linux/X11ErrorTrap.h"
 
 namespace pavix {
@@ -107,6 +108,7 @@ void X11Clipboard::setText(const std::string& text) {
 }
 
 void X11Clipboard::serve() {
+    nameThisThread("pavix-clipboard");
     Display* d = display_->get();
     try {
         for (;;) {

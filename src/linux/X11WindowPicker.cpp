@@ -5,6 +5,7 @@
 #include <chrono>
 #include <stdexcept>
 
+#include "core/runtime/ThreadName.h"
 #include "linux/X11Display.h"
 #include "linux/X11ErrorTrap.h"
 #include "linux/X11InputGrab.h"
@@ -53,6 +54,7 @@ void X11WindowPicker::cancel() {
 }
 
 void X11WindowPicker::run(WindowPickerHandlers handlers) {
+    nameThisThread("pavix-picker");
     unsigned long window = None;
     std::string failure;
     try {

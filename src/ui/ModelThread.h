@@ -5,6 +5,8 @@
 #include <optional>
 #include <thread>
 
+#include "core/runtime/ThreadName.h"
+
 namespace pavix {
 
 // The model executor of the application: one thread of its own runs every operation of the
@@ -22,7 +24,10 @@ class ModelThread {
 
     void start() {
         if (!thread_.joinable()) {
-            thread_ = std::thread([this] { io_.run(); });
+            thread_ = std::thread([this] {
+                nameThisThread("pavix-model");
+                io_.run();
+            });
         }
     }
     void stop() {

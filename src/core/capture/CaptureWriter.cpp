@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "core/runtime/ThreadName.h"
 #include "core/session/PavixError.h"
 
 namespace pavix {
@@ -138,6 +139,7 @@ void CaptureWriter::failLocked(std::exception_ptr error,
 }
 
 void CaptureWriter::run() {
+    nameThisThread("pavix-writer");
     std::unique_lock lock(mutex_);
     for (;;) {
         work_.wait(lock, [this] { return stop_ || count_ > 0; });

@@ -1,4 +1,5 @@
 #include "core/capture/PreviewFeed.h"
+#include "core/runtime/ThreadName.h"
 
 namespace pavix {
 
@@ -46,6 +47,7 @@ void PreviewFeed::want(std::optional<Request> request) {
 }
 
 void PreviewFeed::run() {
+    nameThisThread("pavix-preview");
     std::unique_ptr<CaptureStream> stream;
     std::unique_lock lock(mutex_);
     for (;;) {

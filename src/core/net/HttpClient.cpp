@@ -17,6 +17,7 @@
 
 #include "core/net/TransportError.h"
 #include "core/runtime/SharedOutcome.h"
+#include "core/runtime/ThreadName.h"
 
 namespace pavix {
 namespace {
@@ -96,7 +97,10 @@ class HttpClient::Engine {
     Engine() {
         curl_global_init(CURL_GLOBAL_DEFAULT);
         multi_ = curl_multi_init();
-        thread_ = std::thread([this] { run(); });
+        thread_ = std::thread([this] {
+            nameThisThread("pavix-http");
+            run();
+        });
     }
 
     ~Engine() {
