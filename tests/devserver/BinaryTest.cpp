@@ -1,12 +1,10 @@
 // The real binary: its start-up lines, the --fault flag, the agent command line and a clean stop.
 #include "DevServerFixture.h"
 #include "devserver/AgentKey.h"
+#include "support/ChildProcess.h"
 
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
@@ -18,67 +16,8 @@
 namespace devtest {
 namespace {
 
-// A child process with its standard output read line by line.
-class Child {
-  public:
-    explicit Child(std::vector<std::string> args) {
-        int out[2];
-        if (pipe(out) != 0)
-            throw std::runtime_error("pipe");
-        pid_ = fork();
-        if (pid_ == 0) {
-            dup2(out[1], 1);
-            close(out[0]);
-            close(out[1]);
-            std::vector<char*> argv;
-            for (auto& a : args)
-                argv.push_back(a.data());
-            argv.push_back(nullptr);
-            execv(argv[0], argv.data());
-            _exit(127);
-        }
-        close(out[1]);
-        stdout_ = fdopen(out[0], "r");
-    }
-    ~Child() {
-        if (pid_ > 0) {
-            kill(pid_, SIGKILL);
-            waitpid(pid_, nullptr, 0);
-        }
-        if (stdout_)
-            fclose(stdout_);
-    }
-    // The next line, without its newline; empty at the end.
-    std::string line() {
-        char buf[4096];
-        if (!fgets(buf, sizeof buf, stdout_))
-            return {};
-        std::string s(buf);
-        if (!s.empty() && s.back() == '\n')
-            s.pop_back();
-        return s;
-    }
-    std::string rest() {
-        std::string all, l;
-        while (!(l = line()).empty())
-            all += l + "\n";
-        return all;
-    }
-    int terminate() {
-        kill(pid_, SIGTERM);
-        return wait();
-    }
-    int wait() {
-        int status = 0;
-        waitpid(pid_, &status, 0);
-        pid_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-
-  private:
-    pid_t pid_ = -1;
-    FILE* stdout_ = nullptr;
-};
+using pavix::test::ChildProcess;
+using namespace std::chrono_literals;
 
 struct CliResult {
     int code;
@@ -88,13 +27,13 @@ struct CliResult {
 class BinaryTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        server = std::make_unique<Child>(std::vector<std::string>{
+        server = std::make_unique<ChildProcess>(std::vector<std::string>{
             PAVIX_DEVSERVER_BINARY, "--port", "0", "--data", dir.path.string(), "--poll-hold-ms",
             "500", "--fault", "path=/local-browser/version,status=503,count=1"});
-        for (std::string l; !(l = server->line()).empty() && l != "ready";) {
-            auto sp = l.find(' ');
+        for (auto l = server->nextLine(10s); l && *l != "ready"; l = server->nextLine(10s)) {
+            auto sp = l->find(' ');
             if (sp != std::string::npos)
-                lines[l.substr(0, sp)] = l.substr(sp + 1);
+                lines[l->substr(0, sp)] = l->substr(sp + 1);
         }
         ASSERT_TRUE(lines.count("port")) << "no port line";
         base = "http://127.0.0.1:" + lines["port"];
@@ -105,13 +44,13 @@ class BinaryTest : public ::testing::Test {
         std::vector<std::string> full = {
             PAVIX_DEVSERVER_BINARY, "agent", "--server", base, "--data", dir.path.string()};
         full.insert(full.end(), args.begin(), args.end());
-        Child c(full);
-        std::string out = c.rest();
-        return {c.wait(), out};
+        ChildProcess c(full);
+        const int code = c.wait(30s).value_or(-1);
+        return {code, c.output()};
     }
 
     TempDir dir;
-    std::unique_ptr<Child> server;
+    std::unique_ptr<ChildProcess> server;
     std::map<std::string, std::string> lines;
     std::string base;
 };
@@ -129,7 +68,8 @@ TEST_F(BinaryTest, PrintsItsAddressesAndAPairingCodeAndStopsCleanly) {
     auto page = c.Get("/");
     ASSERT_TRUE(page);
     EXPECT_NE(page->body.find("<html"), std::string::npos);
-    EXPECT_EQ(server->terminate(), 0);
+    server->signal(SIGTERM);
+    EXPECT_EQ(server->wait(10s), 0);
 }
 
 // The agent's side answers only the key, which the service keeps for its owner alone; the
@@ -181,10 +121,9 @@ TEST_F(BinaryTest, TheAgentInterfaceAnswersOnlyItsKeyOnLoopback) {
     EXPECT_EQ(wrong->status, 200);
     EXPECT_FALSE(wrong->has_header("Set-Cookie"));
     // A command line without the key hears why.
-    Child refused(
+    ChildProcess refused(
         {PAVIX_DEVSERVER_BINARY, "agent", "--server", base, "--key", "pvx_ak_0", "devices"});
-    refused.rest();
-    EXPECT_NE(refused.wait(), 0);
+    EXPECT_NE(refused.wait(30s).value_or(0), 0);
     EXPECT_EQ(cli({"devices"}).code, 0);
 
     // Bound to 127.0.0.1 and nothing else: the kernel's own tables of listening sockets.
