@@ -24,7 +24,7 @@ DevServer::DevServer(Options options) : opt_(std::move(options)) {
     agentKey_ = AgentKey::loadOrCreate(opt_.dataDir);
     db_ = std::make_unique<Database>(opt_.dataDir + "/devserver.sqlite3");
     tokens_ = std::make_unique<TokenStore>(
-        *db_, Lifetimes{opt_.codeTtlMs, opt_.accessTtlMs, opt_.refreshTtlMs});
+        *db_, Lifetimes{opt_.codeTtlMs, opt_.accessTtlMs, opt_.refreshTtlMs, opt_.refreshGraceMs});
     uploads_ = std::make_unique<UploadStore>(*db_, opt_.dataDir);
     diagnostics_ = std::make_unique<DiagnosticsLog>(*db_);
     settings_ = {opt_.minimumAppVersion, opt_.latestAppVersion, opt_.sessionsDisabled,

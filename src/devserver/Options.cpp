@@ -39,6 +39,9 @@ flags:
   --code-ttl S             pairing code lifetime in seconds (default 600)
   --access-ttl S           access token lifetime in seconds (default 3600)
   --refresh-ttl S          refresh token lifetime in seconds (default 2592000)
+  --refresh-grace-ms MS    how long the refresh token replaced by the latest rotation may
+                           rotate once more, for a device whose reply was lost (default 60000;
+                           0: never)
   --capture-ms MS          "captureMs" to hand out with desktop-recording/begin (default none)
   --min-app-version V      below this X-Pavix-App-Version, answer 426 (default 0.0.0)
   --latest-app-version V   the latest app version (default 0.1.0)
@@ -89,6 +92,8 @@ Options Options::parse(const std::vector<std::string>& args) {
             o.accessTtlMs = number(a, value(), 1, 86400 * 365) * 1000;
         } else if (a == "--refresh-ttl") {
             o.refreshTtlMs = number(a, value(), 1, 86400LL * 3650) * 1000;
+        } else if (a == "--refresh-grace-ms") {
+            o.refreshGraceMs = number(a, value(), 0, 86400LL * 1000);
         } else if (a == "--capture-ms") {
             o.captureMs = number(a, value(), 1, 86400000);
         } else if (a == "--min-app-version" || a == "--latest-app-version") {

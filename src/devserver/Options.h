@@ -16,6 +16,7 @@ struct Options {
     int64_t codeTtlMs = 10 * 60 * 1000;
     int64_t accessTtlMs = 60 * 60 * 1000;
     int64_t refreshTtlMs = 30LL * 24 * 60 * 60 * 1000;
+    int64_t refreshGraceMs = 60 * 1000;
     std::optional<int64_t> captureMs;  // "captureMs" in the desktop-recording/begin reply
     std::string minimumAppVersion = "0.0.0";
     std::string latestAppVersion = "0.1.0";

@@ -4,6 +4,8 @@
 #include "devserver/Digest.h"
 #include "devserver/Ids.h"
 
+#include <algorithm>
+
 namespace pavix::devserver {
 
 nlohmann::json Identity::reply() const {
@@ -133,8 +135,12 @@ TokenStore::AuthResult TokenStore::authenticate(const std::string& accessToken) 
 
 std::optional<Identity> TokenStore::refresh(const std::string& refreshToken, Auth* why) {
     std::lock_guard lock(db_.mutex());
-    int64_t now = nowMs();
+    // Each rotation gets a time of its own: a token is matched to the rotation that replaced it
+    // by that time.
+    int64_t now = std::max(nowMs(), lastRotation_ + 1);
     auto r = lookup(refreshToken, "refresh", now);
+    if (r.status == Auth::Revoked && replacedByLatestRotation(refreshToken, r.deviceId, now))
+        r.status = Auth::Ok;
     if (why)
         *why = r.status;
     if (r.status != Auth::Ok)
@@ -144,11 +150,30 @@ std::optional<Identity> TokenStore::refresh(const std::string& refreshToken, Aut
         revokeAll(r.deviceId, "rotated", now);
         Identity id = issue(r.deviceId, now);
         db_.exec("COMMIT");
+        lastRotation_ = now;
         return id;
     } catch (...) {
         db_.exec("ROLLBACK");
         throw;
     }
+}
+
+bool TokenStore::replacedByLatestRotation(const std::string& refreshToken,
+                                          const std::string& deviceId, int64_t now) {
+    // Rotated within the grace, and the device's live refresh token was issued by that very
+    // rotation: nothing has been refreshed since, so the presenter may be the device whose
+    // reply was lost. The device itself must not be revoked.
+    Statement s(db_,
+                "SELECT 1 FROM tokens old JOIN tokens live ON live.device_id = old.device_id "
+                "JOIN devices d ON d.id = old.device_id WHERE old.hash = ? AND "
+                "old.kind = 'refresh' AND old.reason = 'rotated' AND old.revoked_at > ? AND "
+                "old.expires_at > ? AND live.kind = 'refresh' AND live.revoked_at IS NULL AND "
+                "live.issued_at = old.revoked_at AND d.revoked_at IS NULL AND d.id = ?");
+    s.bind(1, Digest::sha256(refreshToken))
+        .bind(2, now - life_.refreshGraceMs)
+        .bind(3, now)
+        .bind(4, deviceId);
+    return s.step();
 }
 
 void TokenStore::revokeAll(const std::string& deviceId, const char* reason, int64_t now) {

@@ -59,6 +59,7 @@ class ShortLivedCredentials : public ServiceTest {
     void configure(ds::Options& o) override {
         o.codeTtlMs = 150;
         o.accessTtlMs = 400;
+        o.refreshGraceMs = 150;
     }
 };
 
@@ -77,8 +78,12 @@ TEST_F(ShortLivedCredentials, ExpiredCodeAndExpiredAccessTokenAreRefused) {
     EXPECT_EQ(expired.status, 401);
     EXPECT_EQ(expired.body["error"], "device_credentials_expired");
     // The refresh token outlives it and brings the device back.
+    const json replaced = app.identity;
     ASSERT_EQ(app.refresh().status, 200);
     EXPECT_EQ(app.post("poll").status, 200);
+    // Past the grace, the token just replaced is refused like any other.
+    std::this_thread::sleep_for(250ms);
+    EXPECT_EQ(app.post("device/refresh", {{"refreshToken", replaced["refreshToken"]}}).status, 401);
 }
 
 TEST_F(ProtocolTest, RefreshRotatesBothTokensAndRetiresTheOldOnes) {
@@ -95,13 +100,26 @@ TEST_F(ProtocolTest, RefreshRotatesBothTokensAndRetiresTheOldOnes) {
         EXPECT_TRUE(r.body[key].is_number());
 
     FakeApp old(base);
-    auto reuse = old.post("device/refresh", {{"refreshToken", before["refreshToken"]}});
-    EXPECT_EQ(reuse.status, 401);
-    EXPECT_EQ(reuse.body["error"], "device_credentials_expired");
     old.token = before["accessToken"];
     EXPECT_EQ(old.post("poll").status, 401);
     EXPECT_EQ(app.post("poll").status, 200);
     EXPECT_EQ(old.post("device/refresh", {{"refreshToken", "pvx_rt_unknown"}}).status, 401);
+
+    // A device whose refresh reply was lost holds only the token just replaced: it may rotate
+    // once more, which retires the pair it never saw.
+    FakeApp lostReply(base);
+    lostReply.remember(before);
+    ASSERT_EQ(lostReply.refresh().status, 200);
+    EXPECT_EQ(app.post("poll").status, 401);
+    EXPECT_EQ(lostReply.post("poll").status, 200);
+    // Once it has rotated again, neither earlier token rotates any more.
+    ASSERT_EQ(lostReply.refresh().status, 200);
+    for (const auto& earlier : {before, r.body}) {
+        auto reuse = old.post("device/refresh", {{"refreshToken", earlier["refreshToken"]}});
+        EXPECT_EQ(reuse.status, 401);
+        EXPECT_EQ(reuse.body["error"], "device_credentials_expired");
+    }
+    EXPECT_EQ(lostReply.post("poll").status, 200);
 }
 
 TEST_F(ProtocolTest, AgentCanExpireTheAccessToken) {
