@@ -8,8 +8,9 @@
 // scripts/with-desktop.
 //
 //   pavix-bench-capture [--seconds N] [--repeats N]
-//                       [--content animated,scrolling,video,still,large]
+//                       [--content animated,scrolling,video,still,popups,large]
 
+#include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -69,7 +70,8 @@ struct Size {
 struct Settings {
     int seconds = 20;
     int repeats = 3;
-    std::vector<std::string> contents = {"animated", "scrolling", "video", "still", "large"};
+    std::vector<std::string> contents = {"animated", "scrolling", "video",
+                                         "still",    "popups",    "large"};
 };
 
 // One run of one row.
@@ -135,8 +137,11 @@ int barAt(unsigned n, int across = width) {
 
 // A window covering `size` at the origin, painted by a child process so that drawing costs the
 // measured rows nothing. "animated": a new colour and a moving bar 60 times a second, every
-// pixel changing; "scrolling": lines of text moving up 4 pixels a frame; "still": nothing.
-pid_t startWindow(const std::string& content, Size size = {}) {
+// pixel changing; "scrolling": lines of text moving up 4 pixels a frame; "still": nothing;
+// "popups": nothing either, and the same process shows a second window far from the first, as
+// an application with a palette or a second document does. The first window's id goes to
+// `recorded`.
+pid_t startWindow(const std::string& content, Size size = {}, unsigned long* recorded = nullptr) {
     const int width = size.width, height = size.height;
     int channel[2];
     if (pipe(channel) != 0) {
@@ -153,10 +158,28 @@ pid_t startWindow(const std::string& content, Size size = {}) {
         Window window = XCreateWindow(display, DefaultRootWindow(display), 0, 0, width, height, 0,
                                       CopyFromParent, InputOutput, CopyFromParent,
                                       CWOverrideRedirect | CWBackPixel, &attributes);
+        // Both windows say whose they are, as toolkits do: that is how the application's
+        // windows are told from others.
+        const long self = getpid();
+        Atom pidAtom = XInternAtom(display, "_NET_WM_PID", False);
+        XChangeProperty(display, window, pidAtom, XA_CARDINAL, 32, PropModeReplace,
+                        reinterpret_cast<const unsigned char*>(&self), 1);
         XMapRaised(display, window);
+        if (content == "popups") {
+            const int screenWidth = DisplayWidth(display, DefaultScreen(display));
+            const int screenHeight = DisplayHeight(display, DefaultScreen(display));
+            Window other =
+                XCreateWindow(display, DefaultRootWindow(display), screenWidth - 360,
+                              screenHeight - 260, 300, 200, 0, CopyFromParent, InputOutput,
+                              CopyFromParent, CWOverrideRedirect | CWBackPixel, &attributes);
+            XChangeProperty(display, other, pidAtom, XA_CARDINAL, 32, PropModeReplace,
+                            reinterpret_cast<const unsigned char*>(&self), 1);
+            XMapRaised(display, other);
+        }
         GC gc = XCreateGC(display, window, 0, nullptr);
         XSync(display, False);
-        [[maybe_unused]] auto written = write(channel[1], "r", 1);
+        const unsigned long id = window;
+        [[maybe_unused]] auto written = write(channel[1], &id, sizeof id);
         close(channel[1]);
         auto next = std::chrono::steady_clock::now();
         for (unsigned frame = 0;; ++frame) {
@@ -183,12 +206,15 @@ pid_t startWindow(const std::string& content, Size size = {}) {
         }
     }
     close(channel[1]);
-    char byte = 0;
-    if (read(channel[0], &byte, 1) != 1) {
+    unsigned long id = 0;
+    if (read(channel[0], &id, sizeof id) != sizeof id) {
         std::fprintf(stderr, "the window process failed\n");
         std::exit(1);
     }
     close(channel[0]);
+    if (recorded) {
+        *recorded = id;
+    }
     return child;
 }
 
@@ -348,8 +374,11 @@ void probe(const fs::path& file, Run& run) {
     run.fps = duration > 0 ? run.frames / duration : 0;
 }
 
-// Records the first display at `size` (the screen is fitted to it when it differs).
-Run recordWithPavix(const fs::path& file, const Settings& settings, Size size = {}) {
+// Records the first display at `size` (the screen is fitted to it when it differs), or with
+// `window`, that window with its pop-ups: the application's windows in the region of `size`
+// at the origin, as Pavix records a window of an application it knows.
+Run recordWithPavix(const fs::path& file, const Settings& settings, Size size = {},
+                    unsigned long window = 0) {
     const int width = size.width, height = size.height;
     std::string report;
     auto usage = inChild(
@@ -370,6 +399,11 @@ Run recordWithPavix(const fs::path& file, const Settings& settings, Size size = 
             config.width = width;
             config.height = height;
             config.layout = pavix::PixelLayout::i420;  // as a recording asks for it
+            if (window != 0) {
+                filter.kind = pavix::CaptureFilter::Kind::applicationRegion;
+                filter.windowID = std::uint32_t(window);
+                config.sourceRect = pavix::CaptureRect{0, 0, double(width), double(height)};
+            }
             std::atomic<long> ticks{0};
             pavix::CaptureStreamHandlers handlers;
             handlers.frame = [&](const pavix::VideoFrame& frame) {
@@ -645,7 +679,7 @@ Settings parse(int argc, char** argv) {
         } else {
             std::fprintf(stderr,
                          "usage: pavix-bench-capture [--seconds N] [--repeats N] "
-                         "[--content animated,scrolling,video,still,large]\n");
+                         "[--content animated,scrolling,video,still,popups,large]\n");
             std::exit(2);
         }
         ++i;
@@ -680,6 +714,10 @@ int main(int argc, char** argv) {
         // chooses for it.
         std::optional<LargeScreen> large;
         Size screen, size;
+        unsigned long recorded = 0;
+        if (content == "popups") {
+            screen = size = Size{1280, 720};
+        }
         if (content == "large") {
             large.emplace();
             screen = size = LargeScreen::size;
@@ -691,19 +729,26 @@ int main(int argc, char** argv) {
         }
         pid_t source = content == "video"   ? startVideo()
                        : content == "large" ? startWindow("animated", screen)
-                                            : startWindow(content);
+                                            : startWindow(content, size, &recorded);
         std::this_thread::sleep_for(1s);  // let the first pictures land
         std::printf("\n%s\n", content.c_str());
         if (large) {
             std::printf("a %s screen; Pavix chose to record it at %s\n", screen.text().c_str(),
                         size.text().c_str());
         }
+        if (content == "popups") {
+            std::printf(
+                "a still %s window recorded with its pop-ups; its process has a second window "
+                "outside the region\n",
+                size.text().c_str());
+        }
         std::printf("%-30s %20s %6s %8s %20s %18s\n", "", "new fps", "shed", "skipped",
                     "cpu s per s", "peak MiB");
         std::vector<Run> ours, theirs;
         for (int i = 0; i < settings.repeats; ++i) {
             const auto name = std::to_string(i) + ".mp4";
-            ours.push_back(recordWithPavix(folder / ("pavix-" + name), settings, size));
+            ours.push_back(recordWithPavix(folder / ("pavix-" + name), settings, size,
+                                           content == "popups" ? recorded : 0));
             theirs.push_back(recordWithFfmpeg(folder / ("ffmpeg-" + name), settings, screen, size));
         }
         stopChild(source);
