@@ -8,7 +8,6 @@
 #include <set>
 
 #include "core/library/CaptureJournal.h"
-#include "support/StudioHarness.h"
 
 namespace pavix {
 namespace {
@@ -129,26 +128,6 @@ TEST_F(Journal, LoadSkipsWhatIsNotAValidSideCarOfItsOwnRecord) {
     EXPECT_TRUE(fs::exists(journal.directory() / (id(5) + ".json")));
 }
 
-TEST_F(Journal, EqualDatesKeepTheirListingOrder) {
-    for (int n = 1; n <= 6; ++n) {
-        journal.save(record(id(n), 500, Stage::saved));
-    }
-    journal.save(record(id(7), 900, Stage::saved));
-    std::vector<std::string> listing;
-    for (const auto& entry : fs::directory_iterator(journal.directory())) {
-        auto stem = entry.path().stem().string();
-        if (stem != id(7)) {
-            listing.push_back(stem);
-        }
-    }
-    auto loaded = journal.load();
-    ASSERT_EQ(loaded.size(), 7u);
-    EXPECT_EQ(loaded[0].id, id(7));
-    for (std::size_t i = 0; i < listing.size(); ++i) {
-        EXPECT_EQ(loaded[i + 1].id, listing[i]);
-    }
-}
-
 TEST_F(Journal, RecoveryClosesWhatTheLastRunLeftOpen) {
     // Each stage a run may leave behind, and what it becomes at the next launch.
     const std::vector<std::pair<Stage, Stage>> closes{{Stage::recording, Stage::interrupted},
@@ -208,48 +187,5 @@ TEST_F(Journal, WritesNeverLoseOrTearARecord) {
     EXPECT_TRUE(journal.load().empty());
 }
 
-// The expiry of uploaded copies is checked through the library's retention, in LibraryTest.
-TEST(LocalCaptureRules, RetryNeedsASavedRecordOfThisDevice) {
-    LocalCapture saved;
-    saved.stage = Stage::saved;
-    saved.durationMs = 3'000;
-    saved.serverOrigin = "https://a.example";
-    saved.deviceId = "d1";
-    // Another server, another device and no duration are refused in the Upload tests.
-    EXPECT_TRUE(saved.canRetry("https://a.example", std::string("d1")));
-    EXPECT_FALSE(saved.canRetry("https://a.example", std::nullopt));
-    auto uploading = saved;
-    uploading.stage = Stage::uploading;
-    EXPECT_FALSE(uploading.canRetry("https://a.example", std::string("d1")));
-}
-
 }  // namespace
 }  // namespace pavix
-
-namespace pavix::test {
-namespace {
-
-TEST(StudioLibrary, LaunchRecoversAndPublishesTheLibraryOrSaysItCannot) {
-    StudioHarness h;
-    CaptureJournal journal(h.library);
-    LocalCapture open;
-    open.id = "0F8C2A4E-5B1D-4C7A-9E3F-2D6B8A1C4E70";
-    open.createdAt = 10;
-    open.stage = LocalCapture::Stage::uploading;
-    journal.save(open);
-    h.studio().loadLibrary();
-    ASSERT_EQ(h.studio().state().recent.size(), 1u);
-    EXPECT_EQ(h.studio().state().recent[0].stage, LocalCapture::Stage::saved);
-
-    // A library folder that is not a folder cannot be listed.
-    StudioHarness broken;
-    std::filesystem::create_directories(broken.library.parent_path());
-    std::ofstream(broken.library) << "not a folder";
-    broken.studio().loadLibrary();
-    EXPECT_TRUE(broken.studio().state().recent.empty());
-    EXPECT_EQ(broken.studio().state().status,
-              "Could not read local recording history. Your files remain in Videos/Pavix.");
-}
-
-}  // namespace
-}  // namespace pavix::test

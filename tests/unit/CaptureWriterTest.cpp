@@ -52,39 +52,34 @@ class CaptureWriterTest : public ::testing::Test {
 
 // What a frame's pixels must hold, by layout; a geometry that cannot be is never taken.
 TEST(VideoFrameGeometry, BytesNeededFollowTheLayout) {
-    struct Case {
-        PixelLayout layout;
-        int width, height, stride;
-        std::int64_t needed;
-    };
-    const Case cases[] = {
-        {PixelLayout::bgra, 64, 48, 256, 256 * 48},
-        {PixelLayout::bgra, 63, 48, 256, 256 * 47 + 63 * 4},  // the last row ends at its pixels
-        {PixelLayout::bgra, 64, 48, 255, 0},                  // rows overlap
-        {PixelLayout::bgra, 0, 48, 256, 0},
-        {PixelLayout::i420, 64, 48, 64, 64 * 48 * 3 / 2},
-        {PixelLayout::i420, 64, 48, 80, 80 * 48 * 3 / 2},  // padded rows
-        {PixelLayout::i420, 63, 48, 64, 0},                // 4:2:0 needs even sizes
-        {PixelLayout::i420, 64, 47, 64, 0},
-        {PixelLayout::i420, 64, 48, 63, 0},
-        {PixelLayout::i420, 64, 48, 62, 0},
-    };
-    for (const auto& c : cases) {
+    using enum PixelLayout;
+    // Layout, width, height, stride and the bytes needed (0: no picture has that geometry).
+    const std::vector<std::tuple<PixelLayout, int, int, int, std::int64_t>> cases{
+        {bgra, 64, 48, 256, 256 * 48},
+        {bgra, 63, 48, 256, 256 * 47 + 63 * 4},  // rows end early
+        {bgra, 64, 48, 255, 0},
+        {bgra, 0, 48, 256, 0},
+        {i420, 64, 48, 64, 64 * 48 * 3 / 2},
+        {i420, 64, 48, 80, 80 * 48 * 3 / 2},
+        {i420, 63, 48, 64, 0},
+        {i420, 64, 47, 64, 0},
+        {i420, 64, 48, 63, 0},
+        {i420, 64, 48, 62, 0}};
+    for (const auto& [layout, width, height, stride, needed] : cases) {
         VideoFrame f;
-        f.layout = c.layout;
-        f.width = c.width;
-        f.height = c.height;
-        f.stride = c.stride;
-        SCOPED_TRACE(std::to_string(c.width) + "x" + std::to_string(c.height) + " stride " +
-                     std::to_string(c.stride));
-        EXPECT_EQ(f.bytesNeeded(), c.needed);
-        f.pixels = std::make_shared<const std::vector<std::uint8_t>>(
-            std::size_t(std::max<std::int64_t>(c.needed, 1)));
-        EXPECT_EQ(f.holdsPicture(), c.needed > 0);
-        if (c.needed > 1) {
-            f.pixels = std::make_shared<const std::vector<std::uint8_t>>(std::size_t(c.needed - 1));
-            EXPECT_FALSE(f.holdsPicture());
-        }
+        f.layout = layout;
+        f.width = width;
+        f.height = height;
+        f.stride = stride;
+        SCOPED_TRACE(std::to_string(width) + "x" + std::to_string(height) + " stride " +
+                     std::to_string(stride));
+        EXPECT_EQ(f.bytesNeeded(), needed);
+        auto holding = [&](std::int64_t bytes) {
+            f.pixels = std::make_shared<const std::vector<std::uint8_t>>(std::size_t(bytes));
+            return f.holdsPicture();
+        };
+        EXPECT_EQ(holding(std::max<std::int64_t>(needed, 1)), needed > 0);
+        EXPECT_FALSE(needed > 1 && holding(needed - 1));
     }
 }
 
@@ -147,13 +142,16 @@ TEST_F(CaptureWriterTest, EachEndingCompletesOrAbandonsTheFileWithItsOutcome) {
     const Script frameThrows = [](FakeVideoEncoderLog& l) {
         l.appendThrows = [](std::int64_t) { throw std::runtime_error("disk full"); };
     };
+    // Whether the frames at 0 and 50 ms are complete, when the writer is stopped (-1: it is
+    // destroyed instead), what finish throws, when the file is completed (-1: never), and how
+    // often it is abandoned.
     struct Case {
         const char* name;
         Script script;
-        bool complete;              // the frames at 0 and 50 ms are complete
-        std::int64_t stopMs;        // -1: the writer is destroyed instead
-        const char* outcome;        // what finish throws
-        std::int64_t finishedAtMs;  // -1: never completed
+        bool complete;
+        std::int64_t stopMs;
+        const char* outcome;
+        std::int64_t finishedAtMs;
         int cancels;
     };
     for (const auto& c : std::vector<Case>{

@@ -30,7 +30,6 @@ ShareableContentSnapshot desktop() {
 const std::vector<json> kMalformed{
     json::object(),
     json::array(),
-    json::array({1, 2}),
     json::parse(R"({"command":{}})"),
     json::parse(R"({"command":"listSources"})"),
     json::parse(R"({"command":{"id":"abc","method":"listSources"}})"),
@@ -44,6 +43,7 @@ class CommandLoop : public StudioTest {
         h.pairWithCode();
     }
     std::size_t polls() { return h.server.count(path("poll")); }
+    const StudioState& s() { return h.studio().state(); }
 };
 
 TEST_F(CommandLoop, SourcesAreListedAndSelectedWithMeta) {
@@ -58,44 +58,36 @@ TEST_F(CommandLoop, SourcesAreListedAndSelectedWithMeta) {
 
     auto selected = call("selectSource", json::array({{{"sourceId", "window-4242"}}}));
     EXPECT_EQ(
-        selected["value"],
+        selected["value"]["selected"],
         json::parse(
-            R"({"selected":{"id":"window-4242","title":"Text Editor — notes.txt","width":800,"height":600}})"));
+            R"({"id":"window-4242","title":"Text Editor — notes.txt","width":800,"height":600})"));
     EXPECT_EQ(selected["meta"]["captureViewport"], json({{"width", 800}, {"height", 600}}));
-    EXPECT_EQ(h.studio().state().selection, "window-4242");
+    EXPECT_EQ(s().selection, "window-4242");
     EXPECT_TRUE(h.log.contains("agent selected source window-4242"));
     EXPECT_EQ(call("listSources")["value"]["selected"], "window-4242");
 }
 
 TEST_F(CommandLoop, FailuresAreReducedForTheAgentAndLoggedInFull) {
-    struct Case {
-        std::string method;
-        json args;
-        std::string error;
-        std::string logged;
-    };
-    for (const auto& c : std::vector<Case>{
-             {"selectSource", json::array({{{"sourceId", "window-1"}}}),
-              "local_browser_action_failed",
-              "pavix command selectSource failed: Source not found. Ask for the list again."},
-             {"selectSource", json::array({"window-4242"}), "local_browser_action_failed",
-              "pavix command selectSource failed: Source not found."},
-             {"frobnicate", json::array(), "local_browser_action_failed",
-              "pavix command frobnicate failed: Unknown method frobnicate."},
-             {"readPage", json::array(),
-              "local_method_forbidden: turn on Let your agent operate the shared window in Pavix "
-              "Settings",
-              "pavix command readPage failed: local_method_forbidden"},
-             {"startRecording", json::array({{{"captureId", "x"}}}), "local_browser_action_failed",
-              "pavix command startRecording failed"}}) {
-        EXPECT_EQ(call(c.method, c.args), json({{"error", c.error}})) << c.method;
-        EXPECT_TRUE(h.log.contains(c.logged)) << c.logged;
+    const std::vector<std::tuple<std::string, json, std::string, std::string>> cases{
+        {"selectSource", json::array({{{"sourceId", "window-1"}}}), "local_browser_action_failed",
+         "pavix command selectSource failed: Source not found. Ask for the list again."},
+        {"selectSource", json::array({"window-4242"}), "local_browser_action_failed",
+         "pavix command selectSource failed: Source not found."},
+        {"frobnicate", json::array(), "local_browser_action_failed",
+         "pavix command frobnicate failed: Unknown method frobnicate."},
+        {"readPage", json::array(),
+         "local_method_forbidden: turn on Let your agent operate the shared window in Pavix "
+         "Settings",
+         "pavix command readPage failed: local_method_forbidden"}};
+    for (const auto& [method, args, error, logged] : cases) {
+        EXPECT_EQ(call(method, args), json({{"error", error}})) << method;
+        EXPECT_TRUE(h.log.contains(logged)) << logged;
     }
     h.studio().setAllowControl(true);
     h.studio().selectSource("display-77");
     EXPECT_EQ(call("pointer"),
               json({{"error", "local_method_forbidden: share a window, not a display"}}));
-    EXPECT_EQ(h.studio().state().lastErrorCode, "app_rule");
+    EXPECT_EQ(s().lastErrorCode, "app_rule");
 
     // A window: the control session reads it on the control thread, once accessibility is on.
     h.studio().selectSource("window-4242");
@@ -107,28 +99,14 @@ TEST_F(CommandLoop, FailuresAreReducedForTheAgentAndLoggedInFull) {
     tree.children.push_back({facts("button", "Save", {10, 10, 40, 20}), {}, {}});
     h.accessibility.tree = tree;
     auto outline = call("readPage");
-    ASSERT_TRUE(outline.contains("value")) << outline.dump();
     EXPECT_NE(outline["value"].get<std::string>().find("\n  [ref_1] button \"Save\" — visible at"),
               std::string::npos)
         << outline.dump();
-
-    // currentUrl never fails.
-    EXPECT_EQ(call("currentUrl")["value"], "https://app.pavix.app");
+    EXPECT_EQ(call("currentUrl")["value"], "https://app.pavix.app");  // never fails
 }
 
-TEST(CommandEnvelopeRules, AgentErrorTextPassesOnlyActionableCodes) {
-    using CommandEnvelope::agentErrorText;
-    EXPECT_EQ(agentErrorText("local_method_forbidden: Accessibility permission is off"),
-              "local_method_forbidden: Accessibility permission is off");
-    EXPECT_EQ(agentErrorText("local_sign_in_required"), "local_sign_in_required");
-    EXPECT_EQ(agentErrorText("Source not found. Ask for the list again."),
-              "local_browser_action_failed");
-    EXPECT_EQ(agentErrorText(" local_method_forbidden"), "local_browser_action_failed");
-    EXPECT_EQ(agentErrorText(""), "local_browser_action_failed");
-}
-
-TEST(CommandEnvelopeRules, OnlyCommandsWithAUuidAreTaken) {
-    using CommandEnvelope::parse;
+TEST(CommandEnvelopeRules, OnlyCommandsWithAUuidAreTakenAndOnlyActionableCodesPass) {
+    using namespace CommandEnvelope;
     for (const auto& reply : kMalformed) {
         EXPECT_FALSE(parse(reply)) << reply.dump();
     }
@@ -138,8 +116,14 @@ TEST(CommandEnvelopeRules, OnlyCommandsWithAUuidAreTaken) {
     EXPECT_EQ(taken->id, id);  // exactly as it arrived, capitals included
     EXPECT_EQ(taken->method, "");
     EXPECT_EQ(taken->args, json::array());
-    EXPECT_EQ(CommandEnvelope::namedArguments(json::array({1, {{"a", 1}}})), json::object());
-    EXPECT_EQ(CommandEnvelope::namedArguments(json::array({{{"a", 1}}})), json({{"a", 1}}));
+    EXPECT_EQ(namedArguments(json::array({1, {{"a", 1}}})), json::object());
+    EXPECT_EQ(namedArguments(json::array({{{"a", 1}}})), json({{"a", 1}}));
+
+    EXPECT_EQ(agentErrorText("local_method_forbidden: Accessibility permission is off"),
+              "local_method_forbidden: Accessibility permission is off");
+    EXPECT_EQ(agentErrorText("local_sign_in_required"), "local_sign_in_required");
+    EXPECT_EQ(agentErrorText(" local_method_forbidden"), "local_browser_action_failed");
+    EXPECT_EQ(agentErrorText(""), "local_browser_action_failed");
 }
 
 TEST_F(CommandLoop, EmptyAndMalformedCommandsGetNoReplyAndPollingGoesOn) {
@@ -151,12 +135,10 @@ TEST_F(CommandLoop, EmptyAndMalformedCommandsGetNoReplyAndPollingGoesOn) {
     ASSERT_TRUE(h.runUntil([&] { return polls() >= before + kMalformed.size() + 1; }));
     EXPECT_EQ(h.server.count(path("result/abc")), 0u);
     EXPECT_TRUE(h.service.results().empty());
-    EXPECT_TRUE(h.studio().state().connected);
+    EXPECT_TRUE(s().connected);
 
     // Arguments of the wrong type count as none; a method that is not text is unknown.
-    auto id = h.service.queueCommand("listSources", json::object());
-    ASSERT_TRUE(h.runUntil([&] { return h.service.result(id).has_value(); }));
-    EXPECT_TRUE(h.service.result(id)->contains("value"));
+    EXPECT_TRUE(call("listSources", json::object()).contains("value"));
     auto odd = Uuid::make();
     h.server.reply(path("result/" + odd), 200, "{}");
     h.service.queue({{"command", {{"id", odd}, {"method", json::array()}}}});
@@ -200,57 +182,54 @@ TEST_F(CommandLoop, AResultForAnEndedConnectionIsNeverPosted) {
 // reconnect with the saved credential after the delay; any other failure ends the session at
 // the service with its sentence, and nothing reconnects.
 TEST_F(CommandLoop, APollFailureReconnectsWhenMomentaryAndElseEndsTheSession) {
-    struct Case {
-        int status;  // 0: the connection drops halfway through the reply
-        std::string body;
-        std::string sentence;
-    };
     const std::string unreachable = "Pavix is unreachable for a moment. Reconnecting…";
-    for (const auto& c : std::vector<Case>{
-             {502, "Bad Gateway", unreachable},
-             {0, "", unreachable},
-             {501, R"({"error":"not_implemented"})",
-              "Server refused the request (501). Try sharing again; your local files are "
-              "preserved."},
-             {200, R"({"command": {"id")", "The server sent a reply that is not valid JSON."},
-             {401, R"({"error":"device_credentials_expired"})",
-              "This computer's credential expired or was revoked. Pair again with a new code "
-              "from your agent; local videos are preserved."}}) {
-        SCOPED_TRACE(c.status);
-        const bool momentary = c.sentence == unreachable;
+    // The poll's status (0: the connection drops halfway through the reply), its body and the
+    // session's sentence.
+    const std::vector<std::tuple<int, std::string, std::string>> cases{
+        {502, "Bad Gateway", unreachable},
+        {0, "", unreachable},
+        {501, R"({"error":"not_implemented"})",
+         "Server refused the request (501). Try sharing again; your local files are preserved."},
+        {200, R"({"command": {"id")", "The server sent a reply that is not valid JSON."},
+        {401, R"({"error":"device_credentials_expired"})",
+         "This computer's credential expired or was revoked. Pair again with a new code from "
+         "your agent; local videos are preserved."}};
+    for (const auto& [status, body, sentence] : cases) {
+        SCOPED_TRACE(status);
+        const bool momentary = sentence == unreachable;
         auto failed = std::make_shared<std::atomic<bool>>(false);
         // A momentary failure hits the first poll only.
-        h.server.on(path("poll"),
-                    [c, momentary, failed](const httplib::Request&, httplib::Response& response) {
-                        if (momentary && failed->exchange(true)) {
-                            std::this_thread::sleep_for(milliseconds(50));
-                            response.set_content("{}", "application/json");
-                        } else if (c.status == 0) {
-                            TestServer::truncate(response, 200, 20);
-                        } else {
-                            response.status = c.status;
-                            response.set_content(c.body, "application/json");
-                        }
-                    });
-        if (!h.studio().state().connected) {
+        h.server.on(path("poll"), [status, body, momentary, failed](const httplib::Request&,
+                                                                    httplib::Response& response) {
+            if (momentary && failed->exchange(true)) {
+                std::this_thread::sleep_for(milliseconds(50));  // an empty long poll
+                response.set_content("{}", "application/json");
+            } else if (status == 0) {
+                TestServer::truncate(response, 200, 20);
+            } else {
+                response.status = status;
+                response.set_content(body, "application/json");
+            }
+        });
+        if (!s().connected) {
             h.pairWithCode();
         }
         auto count = [&](const char* name) { return h.server.count(path(name)); };
         auto [resumes, pairs, ends, refreshes] = std::tuple(
             count("device/resume"), count("pair"), count("disconnect"), count("device/refresh"));
-        ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
-        EXPECT_EQ(h.studio().state().status, c.sentence);
+        ASSERT_TRUE(h.runUntil([&] { return !s().connected; }));
+        EXPECT_EQ(s().status, sentence);
         EXPECT_EQ(h.studio().reconnectPending(), momentary);
         if (momentary) {
             EXPECT_EQ(count("disconnect"), ends);
-            ASSERT_TRUE(h.runUntil([&] { return h.studio().state().connected; }));
+            ASSERT_TRUE(h.runUntil([&] { return s().connected; }));
             EXPECT_EQ(count("device/resume"), resumes + 1);  // the saved credential, resumed
             EXPECT_EQ(count("pair"), pairs);
         } else {
             ASSERT_TRUE(h.runUntil([&] { return count("disconnect") == ends + 1; }));
             h.runFor(h.studio().timing().reconnectDelay * 2);
             EXPECT_EQ(count("device/refresh"), refreshes);
-            EXPECT_FALSE(h.studio().state().connected);
+            EXPECT_FALSE(s().connected);
         }
     }
 }
@@ -258,47 +237,49 @@ TEST_F(CommandLoop, APollFailureReconnectsWhenMomentaryAndElseEndsTheSession) {
 TEST_F(CommandLoop, OnlyOneReconnectIsEverPending) {
     h.await(h.studio().disconnect("Bye."));
     h.server.clear();
+    const auto delay = h.studio().timing().reconnectDelay;
     h.studio().scheduleReconnect();
-    h.runFor(h.studio().timing().reconnectDelay / 2);
+    h.runFor(delay / 2);
     h.studio().scheduleReconnect();  // replaces the first: one reconnect, a full delay later
-    h.runFor(h.studio().timing().reconnectDelay * 3 / 4);
+    h.runFor(delay * 3 / 4);
     EXPECT_EQ(h.server.count(path("device/refresh")), 0u);
-    ASSERT_TRUE(h.runUntil([&] { return h.studio().state().connected; }));
-    h.runFor(h.studio().timing().reconnectDelay * 2);
+    ASSERT_TRUE(h.runUntil([&] { return s().connected; }));
+    h.runFor(delay * 2);
     EXPECT_EQ(h.server.count(path("device/refresh")), 1u);
 }
 
 TEST_F(CommandLoop, WatchdogEndsTheSessionWhenSpaceRunsOutOrTheSourceGoes) {
     h.studio().selectSource("window-4242");
     auto source = *h.studio().selectedSource();
-    StudioTestAccess::setRecording(h.studio(), "REC-1");
-    h.studio().watch(source, h.studio().connectionGeneration());
+    const auto rounds = h.studio().timing().watchInterval * 3;
+    auto watch = [&](const std::string& record, const std::string& generation) {
+        StudioTestAccess::setRecording(h.studio(), record);
+        h.studio().watch(source, generation);
+    };
+    watch("REC-1", h.studio().connectionGeneration());
     h.volume.set(157'286'399);
-    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
-    EXPECT_EQ(h.studio().state().status,
-              "Disk almost full. Recording stopped and the local capture was saved.");
+    ASSERT_TRUE(h.runUntil([&] { return !s().connected; }));
+    EXPECT_EQ(s().status, "Disk almost full. Recording stopped and the local capture was saved.");
 
     h.volume.set(std::nullopt);  // unknown free space never stops a recording
     h.pairWithCode();
-    StudioTestAccess::setRecording(h.studio(), "REC-2");
-    h.studio().watch(source, h.studio().connectionGeneration());
+    watch("REC-2", h.studio().connectionGeneration());
+    h.runFor(rounds);
+    EXPECT_TRUE(s().connected);
     auto minimised = desktop();
     minimised.windows[0].onScreen = false;
-    h.runFor(h.studio().timing().watchInterval * 3);
-    EXPECT_TRUE(h.studio().state().connected);
     h.content.set(minimised);
-    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().connected; }));
-    EXPECT_EQ(h.studio().state().status,
+    ASSERT_TRUE(h.runUntil([&] { return !s().connected; }));
+    EXPECT_EQ(s().status,
               "The recorded window was minimized or hidden. Recording stopped; the local capture "
               "was saved. Approve a new recording when it is visible.");
 
     // A watchdog of an ended connection does nothing.
     h.pairWithCode();
-    StudioTestAccess::setRecording(h.studio(), "REC-3");
-    h.studio().watch(source, "an-old-generation");
+    watch("REC-3", "an-old-generation");
     h.content.set(ShareableContentSnapshot{});
-    h.runFor(h.studio().timing().watchInterval * 3);
-    EXPECT_TRUE(h.studio().state().connected);
+    h.runFor(rounds);
+    EXPECT_TRUE(s().connected);
 }
 
 }  // namespace

@@ -14,26 +14,17 @@ namespace {
 using nlohmann::json;
 
 TEST(ControlPolicy, RefusesTerminalsPasswordManagersAndSystemTools) {
-    struct Case {
-        std::string id;
-        std::optional<std::string> name;
-        bool denied;
-    };
-    for (const auto& c : std::vector<Case>{
-             {"org.gnome.Terminal", std::nullopt, true},
-             {"org.gnome.Terminal.desktop", std::nullopt, true},
-             {"com.apple.Terminal", std::nullopt, true},
-             {"org.keepassxc.KeePassXC", "KeePassXC", true},
-             {"gnome-control-center", "Settings", true},
-             {"", std::string("Konsole"), true},
-             {"", std::string("kitty"), true},
-             {"org.gnome.TextEditor", "Text Editor", false},
-             {"firefox", "Firefox", false},
-             {"", std::string("Terminal notes"), false},  // a name must match whole
-             {"", std::nullopt, false},
-         }) {
-        EXPECT_EQ(ControlPolicy::denied(c.id, c.name), c.denied)
-            << c.id << " " << c.name.value_or("");
+    using Name = std::optional<std::string>;
+    const std::vector<std::tuple<std::string, Name, bool>> cases{
+        {"org.gnome.Terminal.desktop", std::nullopt, true},
+        {"org.keepassxc.KeePassXC", "KeePassXC", true},
+        {"gnome-control-center", "Settings", true},
+        {"", "Konsole", true},
+        {"org.gnome.TextEditor", "Text Editor", false},
+        {"", "Terminal notes", false},  // a name must match whole
+        {"", std::nullopt, false}};
+    for (const auto& [id, name, denied] : cases) {
+        EXPECT_EQ(ControlPolicy::denied(id, name), denied) << id << " " << name.value_or("");
     }
 }
 
@@ -75,8 +66,26 @@ class Control : public ::testing::Test {
         }
         return "";
     }
-
+    // The reply as JSON text, or the failure's sentence.
+    static std::string run(DesktopControl& control, const std::string& method, json args) {
+        try {
+            return control.handle(method, args).dump();
+        } catch (const PavixError& e) {
+            return e.what();
+        }
+    }
     ControlParts parts() { return {accessibility, actions, input, content}; }
+    // "Signed in as Ann Example" shows in the window, and the session knows the user's name.
+    OutlineOptions showTheUsersName() {
+        ElementFacts signedIn;
+        signedIn.kind = ElementFacts::Kind::staticText;
+        signedIn.value = "Signed in as Ann Example";
+        signedIn.frame = CaptureRect{500, 60, 200, 20};
+        accessibility.tree->children.push_back({signedIn, {}, {}});
+        OutlineOptions options;
+        options.identityName = "Ann Example";
+        return options;
+    }
 
     FakeAccessibility accessibility;
     FakeActions actions;
@@ -99,12 +108,11 @@ TEST_F(Control, ReadsTheSharedWindowAndKeepsItsLastOutline) {
     EXPECT_EQ(accessibility.reads, 1);
     EXPECT_EQ(control.snapshot()->targets.at("ref_1").label, "button \"Save\"");
 
+    const std::string unreadable = "The shared window cannot be read. Bring it back on screen.";
     accessibility.tree.reset();  // the application no longer shows the window
-    EXPECT_EQ(failure([&] { control.handle("readPage", json::array()); }),
-              "The shared window cannot be read. Bring it back on screen.");
+    EXPECT_EQ(run(control, "readPage", json::array()), unreadable);
     content.set({});
-    EXPECT_EQ(failure([&] { control.handle("readPage", json::array()); }),
-              "The shared window cannot be read. Bring it back on screen.");
+    EXPECT_EQ(run(control, "readPage", json::array()), unreadable);
 }
 
 TEST_F(Control, RefusesWithoutAccessibilityAndForAppsItNeverOperates) {
@@ -126,60 +134,43 @@ TEST_F(Control, RefusesWithoutAccessibilityAndForAppsItNeverOperates) {
 // refuse, and act only on references of the last read.
 TEST_F(Control, OperatesElementsOfTheLastReadByReferenceOrPoint) {
     DesktopControl control(parts(), 4242, {}, InputPacing::none());
-    auto run = [&](const std::string& method, json args) {
-        try {
-            return control.handle(method, args).dump();
-        } catch (const PavixError& e) {
-            return std::string(e.what());
-        }
-    };
-    EXPECT_EQ(run("pointer", json::array({"left_click", {{"ref", "ref_1"}}})),
-              "stale element reference");  // nothing read yet
-    run("readPage", json::array());
-    struct Case {
-        std::string method;
-        json args;
-        std::string reply;
-    };
-    for (
-        const auto& c : std::vector<Case>{
-            {"pointer", json::array({"left_click", {{"ref", "ref_1"}}}),
-             R"({"action":"left_click","element":"button \"Save\""})"},
-            {"pointer", json::array({"left_click", "ref_1"}),
-             R"({"action":"left_click","element":"button \"Save\""})"},
-            {"pointer", json::array(), "local_method_forbidden: missing ref"},
-            {"pointer", json::array({"left_click", {{"note", 1}}}),
-             "local_method_forbidden: missing ref"},
-            {"pointer", json::array({"left_click", {{"ref", "ref_9"}}}), "stale element reference"},
-            {"pointer", json::array({"left_click", {{"ref", 1}}}), "stale element reference"},
-            {"pointer", json::array({"left_click", {{"x", "ten"}, {"y", 5}}}),
-             "local_method_forbidden: invalid pointer target"},
-            {"pointer", json::array({"left_click", {{"x", 700}, {"y", 5}}}),
-             "local_method_forbidden: invalid pointer target"},
-            {"pointer", json::array({"double_click", {{"coordinate", {10, 20}}}}),
-             R"({"action":"double_click","at":[10.0,20.0]})"},
-            {"pointer", json::array({"drag", {{"ref", "ref_1"}}}),
-             "local_method_forbidden: unsupported: pointer action drag"},
-            {"formInput", json::array({"ref_2", "Yes"}),
-             R"({"checked":true,"element":"checkbox \"Remember me\""})"},
-            {"formInput", json::array({"ref_2", true}),
-             R"({"checked":true,"element":"checkbox \"Remember me\""})"},
-            {"formInput", json::array({"ref_2", "off"}),
-             R"({"checked":false,"element":"checkbox \"Remember me\""})"},
-            {"formInput", json::array(), "local_method_forbidden: missing ref"},
-            {"typeText", json::array({"hi"}), "No text field is focused"},
-            {"pressKey", json::array({"ctrl+s"}), R"({"keys":"ctrl+s"})"},
-            {"pressKey", json::array({"hyper+s"}),
-             "local_method_forbidden: unsupported: modifier hyper"},
-            {"scrollBy", json::array(), R"({"amount":3,"direction":"down"})"},
-            {"scrollBy", json::array({"up", 2, "ref_1"}), R"({"amount":2,"direction":"up"})"},
-            {"scrollBy", json::array({"sideways"}),
-             "local_method_forbidden: unsupported: scroll direction sideways"},
-            {"redactSensitiveText", json::array({"remember"}),
-             R"({"matches":1,"rects":[{"reason":"text","rect":[10.0,40.0,120.0,20.0],"ref":"ref_2"}]})"},
-            {"redactSensitiveText", json::array(), R"({"matches":0,"rects":[]})"},
-        }) {
-        EXPECT_EQ(run(c.method, c.args), c.reply) << c.method << " " << c.args.dump();
+    const json saveRef = json::array({"left_click", {{"ref", "ref_1"}}});
+    const std::string savePressed = R"({"action":"left_click","element":"button \"Save\""})";
+    EXPECT_EQ(run(control, "pointer", saveRef), "stale element reference");  // nothing read yet
+    run(control, "readPage", json::array());
+    const std::string missing = "local_method_forbidden: missing ref";
+    const std::string invalid = "local_method_forbidden: invalid pointer target";
+    const std::string checked = R"(,"element":"checkbox \"Remember me\""})";
+    const std::vector<std::tuple<std::string, json, std::string>> cases{
+        {"pointer", saveRef, savePressed},
+        {"pointer", json::array({"left_click", "ref_1"}), savePressed},
+        {"pointer", json::array(), missing},
+        {"pointer", json::array({"left_click", {{"note", 1}}}), missing},
+        {"pointer", json::array({"left_click", {{"ref", "ref_9"}}}), "stale element reference"},
+        {"pointer", json::array({"left_click", {{"ref", 1}}}), "stale element reference"},
+        {"pointer", json::array({"left_click", {{"x", "ten"}, {"y", 5}}}), invalid},
+        {"pointer", json::array({"left_click", {{"x", 700}, {"y", 5}}}), invalid},
+        {"pointer", json::array({"double_click", {{"coordinate", {10, 20}}}}),
+         R"({"action":"double_click","at":[10.0,20.0]})"},
+        {"pointer", json::array({"drag", {{"ref", "ref_1"}}}),
+         "local_method_forbidden: unsupported: pointer action drag"},
+        {"formInput", json::array({"ref_2", "Yes"}), R"({"checked":true)" + checked},
+        {"formInput", json::array({"ref_2", true}), R"({"checked":true)" + checked},
+        {"formInput", json::array({"ref_2", "off"}), R"({"checked":false)" + checked},
+        {"formInput", json::array(), missing},
+        {"typeText", json::array({"hi"}), "No text field is focused"},
+        {"pressKey", json::array({"ctrl+s"}), R"({"keys":"ctrl+s"})"},
+        {"pressKey", json::array({"hyper+s"}),
+         "local_method_forbidden: unsupported: modifier hyper"},
+        {"scrollBy", json::array(), R"({"amount":3,"direction":"down"})"},
+        {"scrollBy", json::array({"up", 2, "ref_1"}), R"({"amount":2,"direction":"up"})"},
+        {"scrollBy", json::array({"sideways"}),
+         "local_method_forbidden: unsupported: scroll direction sideways"},
+        {"redactSensitiveText", json::array({"remember"}),
+         R"({"matches":1,"rects":[{"reason":"text","rect":[10.0,40.0,120.0,20.0],"ref":"ref_2"}]})"},
+        {"redactSensitiveText", json::array(), R"({"matches":0,"rects":[]})"}};
+    for (const auto& [method, args, reply] : cases) {
+        EXPECT_EQ(run(control, method, args), reply) << method << " " << args.dump();
     }
     EXPECT_EQ(input.events,
               (std::vector<std::string>{"click 110,70 twice", "key ctrl+s", "scroll down 3 420,290",
@@ -190,25 +181,18 @@ TEST_F(Control, OperatesElementsOfTheLastReadByReferenceOrPoint) {
     EXPECT_EQ(trail.back()["kind"], "scroll");
     EXPECT_TRUE(control.takeTelemetry().pointerTrail.empty());
     // A new read starts the references again: the old ones still name the same places.
-    run("readPage", json::array());
-    EXPECT_EQ(run("pointer", json::array({"left_click", {{"ref", "ref_1"}}})),
-              R"({"action":"left_click","element":"button \"Save\""})");
+    run(control, "readPage", json::array());
+    EXPECT_EQ(run(control, "pointer", saveRef), savePressed);
 }
 
 // Where the user's name and password fields show is told to the agent: in the telemetry of the
 // read that saw them, and in what redactSensitiveText names, in window points.
 TEST_F(Control, NamesWhereTheUsersNameAndPasswordFieldsShow) {
-    ElementFacts signedIn;
-    signedIn.kind = ElementFacts::Kind::staticText;
-    signedIn.value = "Signed in as Ann Example";
-    signedIn.frame = CaptureRect{500, 60, 200, 20};
     auto password = facts("textbox", "Password", {110, 120, 160, 24});
     password.secure = true;
     password.value = "hunter2";
-    accessibility.tree->children.push_back({signedIn, {}, {}});
+    const auto options = showTheUsersName();
     accessibility.tree->children.push_back({password, {}, element("Password")});
-    OutlineOptions options;
-    options.identityName = "Ann Example";
     DesktopControl control(parts(), 4242, options, InputPacing::none());
 
     // Without a read yet, it reads first.
@@ -233,52 +217,40 @@ TEST_F(Control, NamesWhereTheUsersNameAndPasswordFieldsShow) {
 // own top-left while it is recorded alone (or not at all), the region's while it is recorded
 // with its pop-ups; a window that moved between two calls is placed where each call found it.
 TEST_F(Control, PlacesTheTelemetryInTheRecordedPicture) {
-    ElementFacts signedIn;
-    signedIn.kind = ElementFacts::Kind::staticText;
-    signedIn.value = "Signed in as Ann Example";
-    signedIn.frame = CaptureRect{500, 60, 200, 20};
-    accessibility.tree->children.push_back({signedIn, {}, {}});
-    OutlineOptions options;
-    options.identityName = "Ann Example";
-    DesktopControl control(parts(), 4242, options, InputPacing::none());
-    struct Case {
-        std::optional<CaptureRect> region;
-        double moveBy;  // the window and its elements move right by this much first
-        json click;     // the last sample of a click on "Save"
-        json name;      // where "Ann Example" shows
-    };
+    DesktopControl control(parts(), 4242, showTheUsersName(), InputPacing::none());
+    // The region recorded, how far the window and its elements move right first, the last
+    // sample of a click on "Save", and where "Ann Example" shows.
+    using Region = std::optional<CaptureRect>;
+    const std::vector<std::tuple<Region, double, json, json>> cases{
+        {std::nullopt, 0, {30.0, 20.0}, {400.0, 10.0, 200.0, 20.0}},
+        {CaptureRect{0, 0, 940, 730}, 0, {130.0, 70.0}, {500.0, 60.0, 200.0, 20.0}},
+        {CaptureRect{40, 20, 760, 540}, 0, {90.0, 50.0}, {460.0, 40.0, 200.0, 20.0}},
+        {CaptureRect{40, 20, 760, 540}, 100, {190.0, 50.0}, {560.0, 40.0, 200.0, 20.0}},
+        {std::nullopt, 100, {30.0, 20.0}, {400.0, 10.0, 200.0, 20.0}}};
     double moved = 0;
-    for (const auto& c : std::vector<Case>{
-             {std::nullopt, 0, {30.0, 20.0}, {400.0, 10.0, 200.0, 20.0}},
-             {CaptureRect{0, 0, 940, 730}, 0, {130.0, 70.0}, {500.0, 60.0, 200.0, 20.0}},
-             {CaptureRect{40, 20, 760, 540}, 0, {90.0, 50.0}, {460.0, 40.0, 200.0, 20.0}},
-             {CaptureRect{40, 20, 760, 540}, 100, {190.0, 50.0}, {560.0, 40.0, 200.0, 20.0}},
-             {std::nullopt, 100, {30.0, 20.0}, {400.0, 10.0, 200.0, 20.0}},
-         }) {
-        if (c.moveBy != 0) {
-            auto windows = content.current();
-            windows.windows[0].x += c.moveBy;
-            content.set(windows);
-            accessibility.tree->facts.frame->x += c.moveBy;
-            for (auto& child : accessibility.tree->children) {
-                if (child.facts.frame) {
-                    child.facts.frame->x += c.moveBy;
-                }
+    for (const auto& [region, moveBy, click, name] : cases) {
+        auto windows = content.current();
+        windows.windows[0].x += moveBy;
+        content.set(windows);
+        accessibility.tree->facts.frame->x += moveBy;
+        for (auto& child : accessibility.tree->children) {
+            if (child.facts.frame) {
+                child.facts.frame->x += moveBy;
             }
-            moved += c.moveBy;
         }
-        control.place(c.region);
+        moved += moveBy;
+        control.place(region);
         control.handle("readPage", json::array());
         control.handle("pointer", json::array({"left_click", {{"ref", "ref_1"}}}));
         const auto telemetry = control.takeTelemetry();
-        const auto where = "region " + (c.region ? std::to_string(c.region->x) : "none") +
-                           ", moved " + std::to_string(moved);
-        ASSERT_FALSE(telemetry.pointerTrail.empty()) << where;
+        SCOPED_TRACE("region " + (region ? std::to_string(region->x) : "none") + ", moved " +
+                     std::to_string(moved));
+        ASSERT_FALSE(telemetry.pointerTrail.empty());
         const auto& last = telemetry.pointerTrail.back();
-        EXPECT_EQ(last["kind"], "click") << where;
-        EXPECT_EQ(json::array({last["x"], last["y"]}), c.click) << where;
-        ASSERT_EQ(telemetry.identitySightings.size(), 1u) << where;
-        EXPECT_EQ(telemetry.identitySightings[0]["rects"][0], c.name) << where;
+        EXPECT_EQ(last["kind"], "click");
+        EXPECT_EQ(json::array({last["x"], last["y"]}), click);
+        ASSERT_EQ(telemetry.identitySightings.size(), 1u);
+        EXPECT_EQ(telemetry.identitySightings[0]["rects"][0], name);
     }
 }
 

@@ -7,7 +7,6 @@
 // PAVIX_INTERLEAVING_SEED replays one sequence; PAVIX_INTERLEAVING_FIRST starts the run at a
 // later seed.
 #include <gtest/gtest.h>
-#include <openssl/evp.h>
 
 #include <asio/co_spawn.hpp>
 #include <atomic>
@@ -19,6 +18,7 @@
 #include <thread>
 
 #include "core/capture/CaptureError.h"
+#include "core/library/CaptureTransfer.h"
 #include "core/runtime/Uuid.h"
 #include "core/session/ErrorText.h"
 #include "support/EditorDesktop.h"
@@ -48,18 +48,6 @@ Timing quickTiming() {
     timing.agentRecordingLimit = std::chrono::milliseconds(40);
     timing.userRecordingLimit = std::chrono::milliseconds(40);
     return timing;
-}
-
-std::string sha256(const std::string& data) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned length = 0;
-    EVP_Digest(data.data(), data.size(), digest, &length, EVP_sha256(), nullptr);
-    std::string out;
-    for (unsigned i = 0; i < length; ++i) {
-        out += "0123456789abcdef"[digest[i] >> 4];
-        out += "0123456789abcdef"[digest[i] & 15];
-    }
-    return out;
 }
 
 // Whether `status` is one of the system's sentences: the fixed ones, the ones built around a
@@ -355,8 +343,9 @@ class Sequence {
                     if (!upload || !upload->published) {
                         fail("record " + id + " is uploaded but the service published nothing");
                     } else if (videos.count(id) != 0) {
-                        auto bytes = readBytes(studio.journal().file(id));
-                        if (upload->data != bytes || upload->sha256 != sha256(bytes)) {
+                        const auto file = studio.journal().file(id);
+                        if (upload->data != readBytes(file) ||
+                            upload->sha256 != CaptureTransfer::fingerprintFile(file).sha256) {
                             fail("record " + id + " is uploaded but the service holds other bytes");
                         }
                     }

@@ -1,8 +1,4 @@
-// Interleavings that once went wrong, each pinned down on its own: an upload beside a
-// recording, a pairing cancelled by the session's end, a session that ends while a failed
-// upload puts its record back, a source that vanishes under the user's recording, a session
-// that ends for one server while a link names another, a connection the service drops without
-// answering, and a library folder that stops answering.
+// Interleavings of the recording lifecycle that once went wrong, each pinned down on its own.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -118,19 +114,24 @@ TEST_F(Regression, ADisconnectThatCancelsAPendingPairingKeepsItsOwnSentence) {
     h.pairWithCode();
     h.studio().setDiagnosticsOptIn(true);
     // The reconnect's resume is slow to answer; the disconnect comes first.
+    std::promise<void> answer;
+    auto answered = answer.get_future().share();
     std::atomic<bool> resuming{false};
-    h.server.on(path("device/resume"), [&](const httplib::Request&, httplib::Response& response) {
-        resuming = true;
-        std::this_thread::sleep_for(milliseconds(300));
-        response.set_content("{}", "application/json");
-    });
+    h.server.on(path("device/resume"),
+                [&, answered](const httplib::Request&, httplib::Response& response) {
+                    resuming = true;
+                    answered.wait();
+                    response.set_content("{}", "application/json");
+                });
     h.service.failPolls(1, 503);
     ASSERT_TRUE(h.runUntil([&] { return resuming.load(); }));
-    h.await(h.studio().disconnect("Disconnected. Local videos remain on this computer."));
-    h.runFor(milliseconds(400));
-    EXPECT_EQ(h.studio().state().status, "Disconnected. Local videos remain on this computer.");
-    EXPECT_FALSE(h.studio().state().connected);
-    EXPECT_FALSE(h.studio().state().busy);
+    const std::string bye = "Disconnected. Local videos remain on this computer.";
+    h.await(h.studio().disconnect(bye));
+    answer.set_value();
+    h.runFor(milliseconds(100));  // the cancelled pairing's reply arrives and changes nothing
+    const auto& s = h.studio().state();
+    EXPECT_EQ(s.status, bye);
+    EXPECT_FALSE(s.connected || s.busy);
     EXPECT_FALSE(h.log.contains("pair failed"));
     EXPECT_EQ(h.server.count(path("diagnostics")), 0u);
 }
@@ -143,8 +144,9 @@ TEST_F(Regression, AUsersRecordingWhoseWindowClosesIsStoppedAndUploadedByTheUser
     h.await(h.studio().recordNow());
     ASSERT_TRUE(h.studio().state().manual);
     h.content.set(editorDesktop(false));
-    ASSERT_TRUE(h.runUntil([&] { return uploads.upload(id) && uploads.upload(id)->published; }));
-    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().busy; }));
+    ASSERT_TRUE(h.runUntil([&] {
+        return uploads.upload(id) && uploads.upload(id)->published && !h.studio().state().busy;
+    }));
     EXPECT_EQ(h.studio().current()->stage, Stage::uploaded);
     EXPECT_FALSE(h.studio().state().manual || h.studio().state().recording);
     EXPECT_TRUE(h.log.contains("status: The recorded window closed."));

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <asio/co_spawn.hpp>
-#include <atomic>
 #include <future>
 
 #include "core/capture/CaptureError.h"
@@ -18,6 +17,9 @@ using nlohmann::json;
 using Stage = LocalCapture::Stage;
 namespace fs = std::filesystem;
 
+const std::vector<Stage> kToUploaded{Stage::recording, Stage::finalizing, Stage::saved,
+                                     Stage::uploading, Stage::uploaded};
+
 Timing recordingTiming() {
     auto timing = fastTiming();
     timing.watchInterval = std::chrono::milliseconds(30'000);  // no watchdog rounds in between
@@ -26,13 +28,12 @@ Timing recordingTiming() {
 
 class Recording : public StudioTest {
   protected:
-    Recording() : Recording(recordingTiming()) {}
-    explicit Recording(Timing timing) : StudioTest(timing) {
+    explicit Recording(Timing timing = recordingTiming()) : StudioTest(timing) {
         show();
         h.studio().observe([this](const StudioState&) {
-            const auto& current = h.studio().current();
-            if (current && (stages.empty() || stages.back() != current->stage)) {
-                stages.push_back(current->stage);
+            const auto& now = h.studio().current();
+            if (now && (stages.empty() || stages.back() != now->stage)) {
+                stages.push_back(now->stage);
             }
         });
     }
@@ -40,14 +41,30 @@ class Recording : public StudioTest {
         h.pairWithCode();
         h.studio().selectSource("window-4242");
     }
+    // The user's own recording: paired, not sharing with the agent.
+    void pairAndLeaveSelected() {
+        connectAndSelect();
+        h.await(h.studio().disconnect("Bye."));
+        h.server.clear();
+    }
     static json withCapture(const std::string& id) { return json::array({{{"captureId", id}}}); }
+    // The agent's command is refused, and the log says why.
+    void refused(const std::string& method, json args, const std::string& why) {
+        EXPECT_EQ(call(method, std::move(args))["error"], "local_browser_action_failed") << method;
+        EXPECT_TRUE(h.log.contains(why)) << why;
+    }
+    bool published(const std::string& id) {
+        return uploads.upload(id) && uploads.upload(id)->published;
+    }
+    const StudioState& s() { return h.studio().state(); }
+    const LocalCapture& current() { return *h.studio().current(); }
+    bool fileExists() { return fs::exists(h.studio().journal().file(current().id)); }
     // The state's flags that are set, in a fixed order, so that one expectation covers them all.
     std::string flags() {
-        const auto& s = h.studio().state();
-        auto set = std::string(s.paired ? " paired" : "") + (s.connected ? " connected" : "") +
-                   (s.busy ? " busy" : "") + (s.consent ? " consent" : "") +
-                   (s.recording ? " recording" : "") + (s.manual ? " manual" : "") +
-                   (s.uploading ? " uploading" : "");
+        auto set = std::string(s().paired ? " paired" : "") + (s().connected ? " connected" : "") +
+                   (s().busy ? " busy" : "") + (s().consent ? " consent" : "") +
+                   (s().recording ? " recording" : "") + (s().manual ? " manual" : "") +
+                   (s().uploading ? " uploading" : "");
         return set.empty() ? set : set.substr(1);
     }
 
@@ -58,10 +75,7 @@ TEST_F(Recording, AgentRecordingIsJournaledFinishedUploadedAndPublished) {
     connectAndSelect();
     auto id = Uuid::make();
     uploads.expect(id);
-
-    // Without the user's approval nothing is recorded.
-    EXPECT_EQ(call("startRecording", withCapture(id))["error"], "local_browser_action_failed");
-    EXPECT_TRUE(h.log.contains("Approve a new recording in Pavix first."));
+    refused("startRecording", withCapture(id), "Approve a new recording in Pavix first.");
     EXPECT_FALSE(h.studio().current());
 
     h.studio().setConsent(true);
@@ -77,30 +91,25 @@ TEST_F(Recording, AgentRecordingIsJournaledFinishedUploadedAndPublished) {
               json::parse(R"({"requested":"1080p","width":800,"height":600,"resized":false,
                               "reason":"control_off"})"));
     EXPECT_EQ(flags(), "paired connected consent recording");
-    EXPECT_EQ(h.studio().state().recordingSource, "Text Editor — notes.txt");
-    auto file = h.studio().journal().file(h.studio().current()->id);
+    EXPECT_EQ(s().recordingSource, "Text Editor — notes.txt");
+    auto file = h.studio().journal().file(current().id);
     EXPECT_TRUE(fs::exists(file));
-    EXPECT_EQ(h.studio().current()->deviceId, "device-1");
-    EXPECT_EQ(h.studio().current()->serverOrigin, h.server.base());
+    EXPECT_EQ(current().deviceId, "device-1");
+    EXPECT_EQ(current().serverOrigin, h.server.base());
 
     // A moment marked while recording is kept with the recording; no still is taken meanwhile.
     auto moment = call("markDemoMoment", json::array({{{"label", "opened the menu"}}}));
     EXPECT_EQ(moment["value"]["count"], 1);
     EXPECT_EQ(h.studio().moments()[0]["label"], "opened the menu");
-    EXPECT_EQ(call("screenshot")["error"], "local_browser_action_failed");
-    EXPECT_TRUE(h.log.contains(
-        "pavix command screenshot failed: Preview is available after recording stops."));
+    refused("screenshot", json::array(),
+            "pavix command screenshot failed: Preview is available after recording stops.");
 
-    auto stopped = call("stopRecording");
-    EXPECT_EQ(stopped["value"], json({{"body", "desktop_upload"},
-                                      {"captureId", id},
-                                      {"contentType", "video/mp4"},
-                                      {"redactionPassed", false}}));
-    ASSERT_TRUE(h.runUntil([&] { return uploads.upload(id) && uploads.upload(id)->published; }));
-    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().uploading; }));
-
-    EXPECT_EQ(stages, (std::vector<Stage>{Stage::recording, Stage::finalizing, Stage::saved,
-                                          Stage::uploading, Stage::uploaded}));
+    EXPECT_EQ(call("stopRecording")["value"], json({{"body", "desktop_upload"},
+                                                    {"captureId", id},
+                                                    {"contentType", "video/mp4"},
+                                                    {"redactionPassed", false}}));
+    ASSERT_TRUE(h.runUntil([&] { return published(id) && !s().uploading; }));
+    EXPECT_EQ(stages, kToUploaded);
     auto upload = *uploads.upload(id);
     EXPECT_EQ(upload.data, readBytes(file));
     EXPECT_EQ(upload.media["durationMs"], 2500);
@@ -111,80 +120,46 @@ TEST_F(Recording, AgentRecordingIsJournaledFinishedUploadedAndPublished) {
     EXPECT_EQ(saved.layers->samples.front().rects.size(), 2u);
     EXPECT_EQ(upload.media["layers"], saved.layers->payload());
     EXPECT_EQ(upload.media["width"], saved.width);
-    EXPECT_EQ(h.studio().state().status,
-              "Uploaded. Ask your agent to render it, or open your Pavix library.");
+    EXPECT_EQ(s().status, "Uploaded. Ask your agent to render it, or open your Pavix library.");
     EXPECT_EQ(flags(), "paired connected");  // every recording needs a new approval
-    EXPECT_EQ(h.studio().state().saved, file);
-    ASSERT_EQ(h.studio().state().recent.size(), 1u);
-    EXPECT_EQ(h.studio().state().recent[0].stage, Stage::uploaded);
+    EXPECT_EQ(s().saved, file);
+    ASSERT_EQ(s().recent.size(), 1u);
+    EXPECT_EQ(s().recent[0].stage, Stage::uploaded);
 
     // The same capture id again never replaces the local recording.
     h.studio().setConsent(true);
-    EXPECT_EQ(call("startRecording", withCapture(id))["error"], "local_browser_action_failed");
-    EXPECT_TRUE(h.log.contains("This capture already exists locally. It will not be overwritten."));
+    refused("startRecording", withCapture(id),
+            "This capture already exists locally. It will not be overwritten.");
     EXPECT_EQ(readBytes(file), upload.data);
-    // Stopping when nothing records answers with an empty capture id.
-    EXPECT_EQ(call("stopRecording")["value"]["captureId"], "");
-}
-
-// With control allowed, the shared window takes the agent's size before the recording starts
-// and gets its own back when the recording is finished.
-TEST_F(Recording, TheWindowTakesTheAgentsSizeForTheRecordingAndGetsItsOwnBack) {
-    connectAndSelect();
-    h.studio().setAllowControl(true);
-    h.studio().setConsent(true);
-    h.windowFrames.set({{{0, 0, 1920, 1080}, {0, 0, 1920, 1080}}},
-                       {{4242, {{100, 100, 800, 600}}}});
-    auto id = Uuid::make();
-    uploads.expect(id);
-    auto started =
-        call("startRecording", json::array({{{"captureId", id}, {"windowSize", "1280x720"}}}));
-    EXPECT_EQ(started["meta"]["desktopWindow"],
-              json::parse(R"({"requested":"1280x720","width":1280,"height":720,"resized":true})"))
-        << started.dump();
-    EXPECT_EQ(h.windowFrames.frame(4242), (CaptureRect{100, 100, 1280, 720}));
-    EXPECT_TRUE(h.log.contains("window preset 1280x720: 1280x720 resized=true "));
-
-    auto stopped = call("stopRecording");
-    EXPECT_EQ(stopped["meta"]["desktopWindow"]["restored"], true) << stopped.dump();
-    EXPECT_EQ(h.windowFrames.frame(4242), (CaptureRect{100, 100, 800, 600}));
-    EXPECT_TRUE(h.log.contains("window restored=true"));
-    ASSERT_TRUE(h.runUntil([&] { return uploads.upload(id) && uploads.upload(id)->published; }));
+    EXPECT_EQ(call("stopRecording")["value"]["captureId"], "");  // nothing records
 }
 
 TEST_F(Recording, AgentRefusalsLeaveNoRecordingBehind) {
     connectAndSelect();
     // Nothing to mark or dispose of while nothing records, and these fake parts make no still
     // pictures; the session goes on.
-    EXPECT_EQ(call("screenshot")["error"], "local_browser_action_failed");
-    EXPECT_TRUE(h.log.contains("pavix command screenshot failed: Screenshot unavailable"));
-    EXPECT_EQ(call("markDemoMoment")["error"], "local_browser_action_failed");
-    EXPECT_TRUE(h.log.contains("No capture is running."));
-    EXPECT_EQ(call("dispose")["error"], "local_browser_action_failed");
-    EXPECT_TRUE(h.log.contains("Desktop preview supports capture only."));
+    refused("screenshot", json::array(), "pavix command screenshot failed: Screenshot unavailable");
+    refused("markDemoMoment", json::array(), "No capture is running.");
+    refused("dispose", json::array(), "Desktop preview supports capture only.");
     EXPECT_EQ(flags(), "paired connected");
 
     h.studio().setConsent(true);
-    EXPECT_EQ(call("startRecording", withCapture("not-a-uuid"))["error"],
-              "local_browser_action_failed");
-
+    refused("startRecording", withCapture("not-a-uuid"), "pavix command startRecording failed");
     h.volume.set(524'287'999);  // one byte under the start guard
-    EXPECT_EQ(call("startRecording", withCapture(Uuid::make()))["error"],
-              "local_browser_action_failed");
-    EXPECT_TRUE(h.log.contains("Not enough free disk space to record safely"));
+    refused("startRecording", withCapture(Uuid::make()),
+            "Not enough free disk space to record safely");
     EXPECT_FALSE(h.studio().current());
     h.volume.set(10'000'000'000);
     EXPECT_EQ(flags(), "paired connected");  // a refused start spends the approval too
 
     // A stream that cannot start: the record exists, interrupted; the approval is spent.
     capture.streams->startError = CaptureError(CaptureError::kNoWindowList, "gone");
-    auto id = Uuid::make();
     h.studio().setConsent(true);
-    EXPECT_EQ(call("startRecording", withCapture(id))["error"], "local_browser_action_failed");
+    refused("startRecording", withCapture(Uuid::make()), "pavix command startRecording failed");
     ASSERT_TRUE(h.studio().current());
-    EXPECT_EQ(h.studio().current()->stage, Stage::interrupted);
+    EXPECT_EQ(current().stage, Stage::interrupted);
     EXPECT_EQ(flags(), "paired connected");
-    EXPECT_EQ(h.studio().state().recent.at(0).stage, Stage::interrupted);
+    EXPECT_EQ(s().recent.at(0).stage, Stage::interrupted);
 }
 
 // Every way an agent's recording can end before the agent stops it.
@@ -221,20 +196,19 @@ TEST_P(EndedRecording, FinishesTheVideoKeepsItAndEndsTheSession) {
     } else if (ending == "Disposed") {
         EXPECT_EQ(call("dispose")["value"], json({{"disposed", true}, {"captureId", id}}));
     }  // else the agent's limit ends it
-    ASSERT_TRUE(h.runUntil([&] { return h.studio().state().status == GetParam().status; }))
-        << h.studio().state().status;
+    ASSERT_TRUE(h.runUntil([&] { return s().status == GetParam().status; })) << s().status;
     ASSERT_TRUE(h.runUntil([&] { return h.server.count(path("disconnect")) == 1; }));
     EXPECT_EQ(flags(), "paired");
-    EXPECT_EQ(h.studio().current()->stage, Stage::saved);
-    EXPECT_EQ(h.studio().current()->durationMs, 2500);
-    EXPECT_TRUE(fs::exists(h.studio().journal().file(h.studio().current()->id)));
+    EXPECT_EQ(current().stage, Stage::saved);
+    EXPECT_EQ(current().durationMs, 2500);
+    EXPECT_TRUE(fileExists());
     EXPECT_EQ(capture.encoders->finishes, 1);
     EXPECT_FALSE(uploads.upload(id));
     // The ending belonged to that session only: the next one serves more than one command.
     h.pairWithCode();
     EXPECT_TRUE(call("listSources").contains("value"));
     EXPECT_TRUE(call("listSources").contains("value"));
-    EXPECT_TRUE(h.studio().state().connected);
+    EXPECT_TRUE(s().connected);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -261,79 +235,46 @@ TEST_F(Recording, EndingTheSessionDuringTheUploadPutsTheRecordBackToSaved) {
     h.server.on(chunkPath, [released](const httplib::Request&, httplib::Response& response) {
         released.wait_for(std::chrono::seconds(5));  // a slow service
         response.status = 503;
-        response.set_content(R"({"error":"slow"})", "application/json");
     });
     ASSERT_TRUE(call("startRecording", withCapture(id)).contains("value"));
     ASSERT_TRUE(call("stopRecording").contains("value"));
     ASSERT_TRUE(h.runUntil([&] { return h.server.count(chunkPath) == 1; }));
-    EXPECT_EQ(h.studio().current()->stage, Stage::uploading);
+    EXPECT_EQ(current().stage, Stage::uploading);
 
     h.await(h.studio().disconnect("Bye."));
-    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().uploading; }));
+    ASSERT_TRUE(h.runUntil([&] { return !s().uploading; }));
     release.set_value();
-    EXPECT_EQ(h.studio().current()->stage, Stage::saved);
-    EXPECT_EQ(h.studio().state().status, "Bye.");
-    EXPECT_TRUE(fs::exists(h.studio().journal().file(h.studio().current()->id)));
-    // A retry is possible now that the session has ended.
-    EXPECT_TRUE(h.studio().canRetry(*h.studio().current()));
+    EXPECT_EQ(current().stage, Stage::saved);
+    EXPECT_EQ(s().status, "Bye.");
+    EXPECT_TRUE(fileExists());
+    EXPECT_TRUE(h.studio().canRetry(current()));  // possible now that the session has ended
 }
 
 TEST_F(Recording, ShareBlockerNamesTheFirstObstacle) {
-    EXPECT_EQ(h.studio().shareBlocker(), "Choose a window or display first.");
-    h.studio().selectSource("window-4242");
-    EXPECT_EQ(h.studio().shareBlocker(),
+    auto& studio = h.studio();
+    EXPECT_EQ(studio.shareBlocker(), "Choose a window or display first.");
+    studio.selectSource("window-4242");
+    EXPECT_EQ(studio.shareBlocker(),
               "Enter the one-time code from your agent or the console, or open the setup link.");
-    h.studio().setCode("ABCD");
-    EXPECT_EQ(h.studio().shareBlocker(), std::nullopt);
+    studio.setCode("ABCD");
+    EXPECT_EQ(studio.shareBlocker(), std::nullopt);
     h.pairWithCode();
-    EXPECT_EQ(h.studio().shareBlocker(), std::nullopt);  // connected: nothing blocks
-    h.await(h.studio().disconnect("Bye."));
-    h.studio().setCode("");
-    EXPECT_EQ(h.studio().shareBlocker(), std::nullopt);  // paired
+    EXPECT_EQ(studio.shareBlocker(), std::nullopt);  // connected: nothing blocks
+    h.await(studio.disconnect("Bye."));
+    studio.setCode("");
+    EXPECT_EQ(studio.shareBlocker(), std::nullopt);  // paired
     h.content.set(ShareableContentSnapshot{});
-    h.await(h.studio().refreshSources());
-    EXPECT_EQ(h.studio().shareBlocker(), "Choose a window or display first.");
-
-    // A pairing under way is busy.
-    h.content.set(editorDesktop());
-    h.await(h.studio().refreshSources());
-    h.studio().selectSource("window-4242");
-    std::atomic<bool> resuming{false};
-    h.server.on(path("device/resume"), [&](const httplib::Request&, httplib::Response& response) {
-        resuming = true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        response.status = 426;
-        response.set_content(R"({"minimumAppVersion":"2.0","latestAppVersion":"2.1"})",
-                             "application/json");
-    });
-    bool paired = false;
-    asio::co_spawn(h.io, h.studio().pair(), [&](std::exception_ptr) { paired = true; });
-    ASSERT_TRUE(h.runUntil([&] { return resuming.load(); }));
-    EXPECT_EQ(h.studio().shareBlocker(), "Working…");
-    // The service says this version is too old: nothing more may be shared until it is updated.
-    ASSERT_TRUE(h.runUntil([&] { return paired; }));
-    EXPECT_EQ(h.studio().state().update, UpdateDecision::required("2.1"));
-    EXPECT_EQ(h.studio().shareBlocker(), "Update Pavix to keep recording.");
+    h.await(studio.refreshSources());
+    EXPECT_EQ(studio.shareBlocker(), "Choose a window or display first.");
 }
 
-// The user's own recording: paired, not sharing with the agent.
-class ManualRecording : public Recording {
-  protected:
-    void pairAndLeaveSelected() {
-        connectAndSelect();
-        h.await(h.studio().disconnect("Bye."));
-        h.server.clear();
-    }
-};
-
-TEST_F(ManualRecording, RecordNowRegistersRecordsAndStopUploadsOnce) {
+TEST_F(Recording, RecordNowRegistersRecordsAndStopUploadsOnce) {
     pairAndLeaveSelected();
     auto id = Uuid::make();
     uploads.issue(id);
     h.await(h.studio().recordNow());
-    ASSERT_EQ(flags(), "paired consent recording manual") << h.studio().state().status;
-    EXPECT_EQ(h.studio().state().status,
-              "Recording Text Editor — notes.txt. Press Stop when done.");
+    ASSERT_EQ(flags(), "paired consent recording manual") << s().status;
+    EXPECT_EQ(s().status, "Recording Text Editor — notes.txt. Press Stop when done.");
     EXPECT_TRUE(h.log.contains("recording limit 300000 ms"));
     // The credential is renewed, then the recording registered with a fresh request id. A poll
     // of the ended session may still reach the server after it was cleared: it is not counted.
@@ -350,11 +291,9 @@ TEST_F(ManualRecording, RecordNowRegistersRecordsAndStopUploadsOnce) {
     h.await(h.studio().stopManual());
     ASSERT_TRUE(h.runUntil([&] { return firstDone; }));
     EXPECT_EQ(capture.encoders->finishes, 1);
-    auto upload = uploads.upload(id);
-    ASSERT_TRUE(upload && upload->published);
-    EXPECT_EQ(upload->begins, 1);
-    EXPECT_EQ(stages, (std::vector<Stage>{Stage::recording, Stage::finalizing, Stage::saved,
-                                          Stage::uploading, Stage::uploaded}));
+    ASSERT_TRUE(published(id));
+    EXPECT_EQ(uploads.upload(id)->begins, 1);
+    EXPECT_EQ(stages, kToUploaded);
     EXPECT_EQ(flags(), "paired");
 
     // While an agent session is shared the user's record button does nothing.
@@ -363,10 +302,9 @@ TEST_F(ManualRecording, RecordNowRegistersRecordsAndStopUploadsOnce) {
     EXPECT_EQ(flags(), "paired connected");
 }
 
-TEST_F(ManualRecording, TheServiceNamesTheLengthWhenItGivesWholeMilliseconds) {
+TEST_F(Recording, TheServiceNamesTheUsersLimitWhenItGivesWholeMilliseconds) {
     pairAndLeaveSelected();
-    auto id = Uuid::make();
-    uploads.issue(id, json(1.5));  // not whole milliseconds: the five-minute default
+    uploads.issue(Uuid::make(), json(1.5));  // not whole milliseconds: the five-minute default
     h.await(h.studio().recordNow());
     EXPECT_TRUE(h.log.contains("recording limit 300000 ms"));
     h.await(h.studio().stopManual());
@@ -375,30 +313,27 @@ TEST_F(ManualRecording, TheServiceNamesTheLengthWhenItGivesWholeMilliseconds) {
     uploads.issue(next, json(150));
     h.await(h.studio().recordNow());
     EXPECT_TRUE(h.log.contains("recording limit 150 ms"));
-    ASSERT_TRUE(
-        h.runUntil([&] { return uploads.upload(next) && uploads.upload(next)->published; }));
+    ASSERT_TRUE(h.runUntil([&] { return published(next) && !s().manual; }));
     EXPECT_TRUE(h.log.contains("status: Recording limit reached. Saving and uploading."));
-    ASSERT_TRUE(h.runUntil([&] { return !h.studio().state().manual; }));
 }
 
-TEST_F(ManualRecording, AStartThatFailsLeavesFlagsClearAndSaysWhy) {
+TEST_F(Recording, AUsersStartOrUploadThatFailsLeavesFlagsClearAndSaysWhy) {
     pairAndLeaveSelected();
     h.server.reply(path("desktop-recording/begin"), 200, R"({"id":"42"})");
     h.await(h.studio().recordNow());
-    EXPECT_EQ(h.studio().state().status, "Invalid capture response");
+    EXPECT_EQ(s().status, "Invalid capture response");
     EXPECT_FALSE(h.studio().current());
     EXPECT_EQ(flags(), "paired");
-    EXPECT_EQ(h.studio().state().lastErrorCode, "app_rule");
+    EXPECT_EQ(s().lastErrorCode, "app_rule");
 
     // A capture that cannot start: the record is interrupted, the file never appears.
-    auto id = Uuid::make();
-    uploads.issue(id);
+    uploads.issue(Uuid::make());
     capture.streams->startError = CaptureError(CaptureError::kNoWindowList, "gone");
     h.await(h.studio().recordNow());
     ASSERT_TRUE(h.studio().current());
-    EXPECT_EQ(h.studio().current()->stage, Stage::interrupted);
+    EXPECT_EQ(current().stage, Stage::interrupted);
     EXPECT_EQ(flags(), "paired");
-    EXPECT_EQ(h.studio().state().status,
+    EXPECT_EQ(s().status,
               "The selected source is no longer available. Recording stopped; any saved capture "
               "remains in Videos/Pavix.");
 
@@ -407,21 +342,21 @@ TEST_F(ManualRecording, AStartThatFailsLeavesFlagsClearAndSaysWhy) {
     auto third = Uuid::make();
     uploads.issue(third);
     h.await(h.studio().recordNow());
-    ASSERT_TRUE(h.studio().state().recording);
+    ASSERT_TRUE(s().recording);
     h.server.reply(path("desktop-upload/" + third + "/begin"), 503,
                    R"({"error":"service_unavailable"})");
     h.await(h.studio().stopManual());
-    EXPECT_EQ(h.studio().current()->stage, Stage::saved);
-    EXPECT_EQ(h.studio().state().status,
+    EXPECT_EQ(current().stage, Stage::saved);
+    EXPECT_EQ(s().status,
               "Upload did not finish. Local video saved; use Retry upload. Server refused the "
               "request (503). Try sharing again; your local files are preserved.");
-    EXPECT_EQ(h.studio().state().lastErrorCode, "service_unavailable");
+    EXPECT_EQ(s().lastErrorCode, "service_unavailable");
     EXPECT_TRUE(h.log.contains("status: Saving…"));
     EXPECT_EQ(flags(), "paired");
-    EXPECT_TRUE(fs::exists(h.studio().journal().file(h.studio().current()->id)));
+    EXPECT_TRUE(fileExists());
 }
 
-TEST_F(ManualRecording, AHandOverThatCannotBeginSaysWhyAndKeepsTheVideoSaved) {
+TEST_F(Recording, AUsersHandOverThatCannotBeginSaysWhyAndKeepsTheVideoSaved) {
     pairAndLeaveSelected();
     h.studio().setDiagnosticsOptIn(true);
     const std::string failed = "Upload did not finish. Local video saved; use Retry upload. ";
@@ -432,68 +367,57 @@ TEST_F(ManualRecording, AHandOverThatCannotBeginSaysWhyAndKeepsTheVideoSaved) {
     uploads.issue(first);
     h.await(h.studio().recordNow());
     h.await(h.studio().stopManual());
-    EXPECT_EQ(h.studio().state().status,
-              failed + "Capture duration unavailable. Local video saved.");
-    EXPECT_EQ(h.studio().current()->stage, Stage::saved);
-    EXPECT_EQ(h.studio().current()->durationMs, std::nullopt);
+    EXPECT_EQ(s().status, failed + "Capture duration unavailable. Local video saved.");
+    EXPECT_EQ(current().stage, Stage::saved);
+    EXPECT_EQ(current().durationMs, std::nullopt);
     EXPECT_FALSE(h.studio().journal().load()[0].toJson().contains("durationMs"));
     EXPECT_EQ(h.server.count(path("desktop-upload/" + first + "/begin")), 0u);
-    EXPECT_EQ(h.studio().state().lastErrorCode, "app_rule");
+    EXPECT_EQ(s().lastErrorCode, "app_rule");
     ASSERT_TRUE(h.runUntil([&] { return h.server.count(path("diagnostics")) == 1; }));
     EXPECT_EQ(json::parse(h.server.requests(path("diagnostics"))[0].body)["event"],
               "manual_stop_failed");
 
     // The pairing is dropped while recording (another server typed in): nothing to upload as.
     capture.media.seconds = 2.5;
-    auto second = Uuid::make();
-    uploads.issue(second);
+    uploads.issue(Uuid::make());
     h.await(h.studio().recordNow());
     h.studio().setServer("https://agent.example.org");
     h.await(h.studio().stopManual());
-    EXPECT_EQ(h.studio().state().status, failed + "Capture identity unavailable");
-    EXPECT_EQ(h.studio().current()->stage, Stage::saved);
-    EXPECT_EQ(h.studio().current()->durationMs, 2500);
+    EXPECT_EQ(s().status, failed + "Capture identity unavailable");
+    EXPECT_EQ(current().stage, Stage::saved);
+    EXPECT_EQ(current().durationMs, 2500);
     EXPECT_EQ(flags(), "");
 }
 
-TEST_F(ManualRecording, WhileItRunsNothingElseOfTheLibraryOrTheSessionMayStart) {
+TEST_F(Recording, WhileAUsersRecordingRunsNothingElseOfTheLibraryOrTheSessionMayStart) {
     pairAndLeaveSelected();
-    auto earlier = Uuid::make();
-    uploads.issue(earlier);
+    uploads.issue(Uuid::make());
     h.await(h.studio().recordNow());
     h.await(h.studio().stopManual());
-    ASSERT_EQ(h.studio().current()->stage, Stage::uploaded);
-    auto done = *h.studio().current();
-    auto find = [&](const std::string& id) {
-        for (const auto& record : h.studio().state().recent) {
-            if (record.id == id) {
-                return record;
-            }
-        }
-        throw std::runtime_error("no record " + id);
-    };
+    ASSERT_EQ(current().stage, Stage::uploaded);
+    auto done = current();
 
     auto id = Uuid::make();
     uploads.issue(id);
     h.await(h.studio().recordNow());
-    ASSERT_TRUE(h.studio().state().recording);
-    auto recording = find(h.studio().current()->id);
+    ASSERT_TRUE(s().recording);
+    auto recording = *std::find_if(s().recent.begin(), s().recent.end(),
+                                   [&](const auto& r) { return r.id == current().id; });
     EXPECT_EQ(recording.stage, Stage::recording);
     // Neither the running record nor any other may be retried or deleted while it runs.
     EXPECT_FALSE(h.studio().canManageLocal(recording));
     EXPECT_FALSE(h.studio().canRetry(done));
     EXPECT_EQ(h.studio().shareBlocker(), "Stop the current recording first.");
     h.studio().applySetupLink("pavix-mac://pair?server=" + h.server.base() + "&code=X");
-    EXPECT_EQ(h.studio().state().status,
-              "Finish or stop the current recording before using a setup link.");
+    EXPECT_EQ(s().status, "Finish or stop the current recording before using a setup link.");
 
     // Its stop is busy until the upload ends; a second stop starts nothing.
     h.studio().setCode("");
     h.await(h.studio().stopManual());
-    EXPECT_EQ(h.studio().current()->stage, Stage::uploaded);
+    EXPECT_EQ(current().stage, Stage::uploaded);
     EXPECT_EQ(h.server.count(path("desktop-upload/" + id + "/publish")), 1u);
-    EXPECT_TRUE(h.studio().canManageLocal(find(done.id)));
-    EXPECT_FALSE(h.studio().canManageLocal(*h.studio().current()));
+    EXPECT_TRUE(h.studio().canManageLocal(done));
+    EXPECT_FALSE(h.studio().canManageLocal(current()));
 }
 
 }  // namespace

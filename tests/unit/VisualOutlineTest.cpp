@@ -18,7 +18,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr const char* kScrollLine =
+const std::string kScrollLine =
     "Scroll areas (layout only; offscreen content is not visual proof): {\"regions\":[]}";
 
 // A window at (100,50), 640×480, with a "Save" button, an unnamed button and a text field.
@@ -35,61 +35,48 @@ OutlineSnapshot base() {
     return OutlineBuilder::build(tree(), {100, 50, 640, 480}, {});
 }
 
-// The lines augment added to the base outline.
+// The lines augment added to the base outline, which must stay as it was around them.
 std::string added(const OutlineSnapshot& snapshot) {
     const auto before = base().outline;
     const auto cut = before.rfind('\n') + 1;
     const auto& after = snapshot.outline;
     EXPECT_EQ(after.substr(0, cut), before.substr(0, cut));
     EXPECT_EQ(after.substr(after.rfind('\n') + 1), kScrollLine);  // still the last line
-    return after.substr(cut, after.size() - cut - std::string(kScrollLine).size());
+    return after.substr(cut, after.size() - cut - kScrollLine.size());
 }
 
 TEST(VisualOutline, KeepsConfidentNewWordsAsTargetsWithTheirLines) {
-    struct Case {
-        const char* why;
-        RecognizedText line;
-        std::string expected;  // the added line; "" when dropped
-    };
-    for (const auto& c : std::vector<Case>{
-             {"a word",
-              {"Roadmap", {300, 100, 60, 12}, 90},
-              "  [ref_4] text \"Roadmap\" visual — visible at (230,56) window points\n"},
-             {"centre rounded from the window's corner",
-              {"Q3", {300.4, 100.2, 20.3, 9.9}, 90},
-              "  [ref_4] text \"Q3\" visual — visible at (211,55) window points\n"},
-             {"at the threshold",
-              {"Plan", {300, 300, 40, 12}, 60},
-              "  [ref_4] text \"Plan\" visual — visible at (220,256) window points\n"},
-             {"below the threshold", {"Plan", {300, 300, 40, 12}, 59.9}, ""},
-             {"no letter or digit", {"|—|", {300, 300, 40, 12}, 95}, ""},
-             {"an icon font's picture", {"\uE8B6", {300, 300, 40, 12}, 95}, ""},
-             {"a word beyond ASCII",
-              {"Über", {300, 300, 40, 12}, 95},
-              "  [ref_4] text \"Über\" visual — visible at (220,256) window points\n"},
-             {"outside the window", {"Far", {900, 300, 40, 12}, 95}, ""},
-             {"the Save button's own text", {"Save", {120, 66, 30, 12}, 95}, ""},
-             {"the same text in other case and spacing", {" save ", {120, 66, 30, 12}, 95}, ""},
-             {"part of the field's name", {"Nam", {115, 104, 30, 14}, 95}, ""},
-             {"the same text elsewhere",
-              {"Save", {400, 300, 30, 12}, 95},
-              "  [ref_4] text \"Save\" visual — visible at (315,256) window points\n"},
-             {"other text on a named button",
-              {"Export", {115, 66, 50, 12}, 95},
-              "  [ref_4] button \"Export\" visual — visible at (40,22) window points\n"},
-             {"text on an unnamed button",
-              {"Share", {215, 68, 50, 14}, 95},
-              "  [ref_4] button \"Share\" visual — visible at (140,25) window points\n"},
-             {"text in a field is not pressable",
-              {"Ada", {115, 104, 30, 14}, 95},
-              "  [ref_4] text \"Ada\" visual — visible at (30,61) window points\n"},
-             {"quoted as JSON",
-              {"Say \"hi\"", {300, 300, 40, 12}, 95},
-              "  [ref_4] text \"Say \\\"hi\\\"\" visual — visible at (220,256) window points\n"},
-         }) {
-        auto snapshot = VisualOutline::augment(base(), {c.line});
-        EXPECT_EQ(added(snapshot), c.expected) << c.why;
-        EXPECT_EQ(snapshot.targets.size(), c.expected.empty() ? 3u : 4u) << c.why;
+    // Each line, why, and what is added for it ("" when dropped): the role, the quoted text and
+    // where it shows in window points.
+    const std::vector<std::tuple<const char*, RecognizedText, std::string>> cases{
+        {"a word", {"Roadmap", {300, 100, 60, 12}, 90}, "text \"Roadmap\" (230,56)"},
+        {"centre rounded", {"Q3", {300.4, 100.2, 20.3, 9.9}, 90}, "text \"Q3\" (211,55)"},
+        {"at the threshold", {"Plan", {300, 300, 40, 12}, 60}, "text \"Plan\" (220,256)"},
+        {"below the threshold", {"Plan", {300, 300, 40, 12}, 59.9}, ""},
+        {"no letter or digit", {"|—|", {300, 300, 40, 12}, 95}, ""},
+        {"an icon font's picture", {"\uE8B6", {300, 300, 40, 12}, 95}, ""},
+        {"a word beyond ASCII", {"Über", {300, 300, 40, 12}, 95}, "text \"Über\" (220,256)"},
+        {"outside the window", {"Far", {900, 300, 40, 12}, 95}, ""},
+        {"the Save button's own text", {"Save", {120, 66, 30, 12}, 95}, ""},
+        {"in other case and spacing", {" save ", {120, 66, 30, 12}, 95}, ""},
+        {"part of the field's name", {"Nam", {115, 104, 30, 14}, 95}, ""},
+        {"the same text elsewhere", {"Save", {400, 300, 30, 12}, 95}, "text \"Save\" (315,256)"},
+        {"on a named button", {"Export", {115, 66, 50, 12}, 95}, "button \"Export\" (40,22)"},
+        {"on an unnamed button", {"Share", {215, 68, 50, 14}, 95}, "button \"Share\" (140,25)"},
+        {"in a field, not pressable", {"Ada", {115, 104, 30, 14}, 95}, "text \"Ada\" (30,61)"},
+        {"quoted as JSON",
+         {"Say \"hi\"", {300, 300, 40, 12}, 95},
+         "text \"Say \\\"hi\\\"\" (220,256)"}};
+    for (const auto& [why, line, expected] : cases) {
+        auto snapshot = VisualOutline::augment(base(), {line});
+        const auto where = expected.rfind(" (");
+        EXPECT_EQ(added(snapshot), expected.empty()
+                                       ? ""
+                                       : "  [ref_4] " + expected.substr(0, where) +
+                                             " visual — visible at" + expected.substr(where) +
+                                             " window points\n")
+            << why;
+        EXPECT_EQ(snapshot.targets.size(), expected.empty() ? 3u : 4u) << why;
     }
 }
 
@@ -119,14 +106,12 @@ TEST(VisualOutline, AddsTargetsInReadingOrderAfterTheLargestReference) {
     EXPECT_EQ(snapshot.identity, (std::vector<CaptureRect>{{400, 300, 100, 12}}));
 }
 
-TEST(VisualOutline, PutsLinesBeforeTheClosingScrollAreasLine) {
-    EXPECT_EQ(VisualOutline::insertLines("Window \"A\"\n" + std::string(kScrollLine), "  x\n"),
-              "Window \"A\"\n  x\n" + std::string(kScrollLine));
-    EXPECT_EQ(VisualOutline::insertLines(kScrollLine, "  x\n"), "  x\n" + std::string(kScrollLine));
+TEST(VisualOutline, PutsLinesBeforeTheClosingScrollAreasLineAndMapsFramesToTheScreen) {
+    EXPECT_EQ(VisualOutline::insertLines("Window \"A\"\n" + kScrollLine, "  x\n"),
+              "Window \"A\"\n  x\n" + kScrollLine);
+    EXPECT_EQ(VisualOutline::insertLines(kScrollLine, "  x\n"), "  x\n" + kScrollLine);
     EXPECT_EQ(VisualOutline::insertLines("  [ref_1] button", "  x\n"), "  [ref_1] button\n  x\n");
-}
 
-TEST(VisualOutline, MapsPictureFramesToScreenPoints) {
     const std::vector<RecognizedText> lines = {{"A", {100.5, 40, 20, 10}, 90}};
     // An odd window in an even picture: one pixel a point, centred.
     EXPECT_EQ(VisualOutline::toScreen(lines, 802, 600, {10, 20, 801, 600})[0].frame,
@@ -140,28 +125,18 @@ TEST(VisualOutline, MapsPictureFramesToScreenPoints) {
 TEST(VisualOutline, KnowsTheCanvasApplicationsAndTheUsersOwn) {
     const auto extra = VisualOutline::appList(" com.example.Board ,, canvas-board,");
     EXPECT_EQ(extra, (std::vector<std::string>{"com.example.Board", "canvas-board"}));
-    struct Case {
-        std::string id;
-        std::optional<std::string> name;
-        bool canvas;
-    };
-    for (const auto& c : std::vector<Case>{
-             {"com.figma.Desktop", std::nullopt, true},
-             {"com.adobe.photoshop", std::nullopt, true},
-             {"org.inkscape.Inkscape.desktop", "Inkscape", true},
-             {"org.kde.krita", std::nullopt, true},
-             {"blender", std::nullopt, true},
-             {"figma-linux", std::nullopt, true},
-             {"", std::string("GIMP"), true},
-             {"", std::string("Figma Linux"), true},
-             {"com.example.board", std::nullopt, true},  // the user's, any case
-             {"", std::string("Canvas Board"), true},    // the user's, by window class
-             {"org.gnome.TextEditor", std::string("Blender"), false},  // the id decides
-             {"", std::string("Canvas"), false},
-             {"", std::nullopt, false},
-         }) {
-        EXPECT_EQ(VisualOutline::isCanvasApp(c.id, c.name, extra), c.canvas)
-            << c.id << " " << c.name.value_or("");
+    using Name = std::optional<std::string>;
+    const std::vector<std::tuple<std::string, Name, bool>> cases{
+        {"com.figma.Desktop", std::nullopt, true},  // ".Desktop" is no desktop-file suffix here
+        {"org.inkscape.Inkscape.desktop", "Inkscape", true},
+        {"", "Figma Linux", true},
+        {"com.example.board", std::nullopt, true},   // the user's, any case
+        {"", "Canvas Board", true},                  // the user's, by window class
+        {"org.gnome.TextEditor", "Blender", false},  // the id decides
+        {"", "Canvas", false},
+        {"", std::nullopt, false}};
+    for (const auto& [id, name, canvas] : cases) {
+        EXPECT_EQ(VisualOutline::isCanvasApp(id, name, extra), canvas) << id << name.value_or("");
     }
     EXPECT_FALSE(VisualOutline::isCanvasApp("com.example.board", std::nullopt));
 }
@@ -205,7 +180,7 @@ class ScriptedRecognizer : public TextRecognizer {
         }
         return lines;
     }
-    std::vector<RecognizedText> lines;
+    std::vector<RecognizedText> lines{{"Roadmap", {200, 150, 60, 12}, 90}};
     std::string failure;
     std::vector<std::pair<int, int>> sizes;
 };
@@ -221,8 +196,6 @@ class VisualControl : public ::testing::Test {
         window.onScreen = true;
         content.set({{window}, {}});
         accessibility.tree = tree();
-        // Picture pixels are screen points less the window's corner.
-        recognizer.lines = {{"Roadmap", {200, 150, 60, 12}, 90}};
         input.windows = {{{100, 50, 641, 480}, 77}};
     }
     ControlParts parts(bool canSee = true) {
@@ -236,6 +209,10 @@ class VisualControl : public ::testing::Test {
             p.recognizer = &recognizer;
         }
         return p;
+    }
+    // The outline read, or the failure's sentence.
+    static std::string read(DesktopControl& control, json args = json::array()) {
+        return run(control, "readPage", std::move(args));
     }
     static std::string run(DesktopControl& control, const std::string& method, json args) {
         try {
@@ -253,21 +230,22 @@ class VisualControl : public ::testing::Test {
     std::vector<std::uint32_t> pictures;
 };
 
+const json kVisual = json::array({{{"visual", true}}});
 constexpr const char* kRoadmap =
     "[ref_4] text \\\"Roadmap\\\" visual — visible at (230,156) window points";
 
 TEST_F(VisualControl, ReadsThePictureWhenForcedOrForACanvasAppAndClicksWhereTheTextShows) {
     DesktopControl control(parts(), 4242, {}, InputPacing::none());
-    EXPECT_EQ(run(control, "readPage", json::array()).find(" visual — "), std::string::npos);
+    EXPECT_EQ(read(control).find(" visual — "), std::string::npos);
     EXPECT_TRUE(pictures.empty());
-    EXPECT_EQ(run(control, "readPage", json::array({{{"visual", "yes"}}})).find(" visual — "),
+    EXPECT_EQ(read(control, json::array({{{"visual", "yes"}}})).find(" visual — "),
               std::string::npos);
-    EXPECT_NE(run(control, "readPage", json::array({{{"visual", true}}})).find(kRoadmap),
-              std::string::npos);
+    // Picture pixels are screen points less the window's corner.
+    EXPECT_NE(read(control, kVisual).find(kRoadmap), std::string::npos);
     EXPECT_EQ(recognizer.sizes.back(), (std::pair<int, int>{642, 480}));  // even, a pixel a point
 
     control.useCanvasApps({"org.example.board"});
-    EXPECT_NE(run(control, "readPage", json::array()).find(kRoadmap), std::string::npos);
+    EXPECT_NE(read(control).find(kRoadmap), std::string::npos);
     EXPECT_EQ(pictures, (std::vector<std::uint32_t>{4242, 4242}));
 
     // Clicked at its centre by the pointer: it has no element to press.
@@ -290,34 +268,30 @@ TEST_F(VisualControl, SaysWhyThePictureWasNotRead) {
         "Text in the window's picture could not be read: The English data is missing.";
     recognizer.failure = "The English data is missing.";
     DesktopControl control(parts(), 4242, {}, InputPacing::none());
-    EXPECT_EQ(run(control, "readPage", json::array({{{"visual", true}}})), failed);
+    EXPECT_EQ(read(control, kVisual), failed);
     control.useCanvasApps({"org.example.Board"});
-    const auto outline = run(control, "readPage", json::array());
-    EXPECT_NE(outline.find("[ref_3] textbox \\\"Name\\\" value=\\\"\\\" — visible at (110,62) "
-                           "window points\\n(" +
-                           failed + ")\\nScroll areas"),
-              std::string::npos)
-        << outline;
+    EXPECT_NE(read(control).find("[ref_3] textbox \\\"Name\\\" value=\\\"\\\" — visible at "
+                                 "(110,62) window points\\n(" +
+                                 failed + ")\\nScroll areas"),
+              std::string::npos);
     accessibility.tree.reset();  // nothing on the bus, nothing in the picture
-    EXPECT_EQ(run(control, "readPage", json::array()), failed);
+    EXPECT_EQ(read(control), failed);
     // Once the picture reads, a canvas app that shows nothing on the bus is its picture alone.
     recognizer.failure.clear();
-    EXPECT_EQ(control.handle("readPage", json::array()),
-              "  [ref_1] text \"Roadmap\" visual — visible at (230,156) window points\n" +
-                  std::string(kScrollLine));
+    EXPECT_EQ(
+        control.handle("readPage", json::array()),
+        "  [ref_1] text \"Roadmap\" visual — visible at (230,156) window points\n" + kScrollLine);
     EXPECT_EQ(control.handle("pageText", json::array()), "Roadmap");
 
     // Without a recogniser.
     DesktopControl blind(parts(false), 4242, {}, InputPacing::none());
     const std::string unavailable =
         "The window's picture cannot be read: text recognition is not available here.";
-    EXPECT_EQ(run(blind, "readPage", json::array({{{"visual", true}}})), unavailable);
-    EXPECT_EQ(run(blind, "readPage", json::array()),
-              "The shared window cannot be read. Bring it back on screen.");
+    EXPECT_EQ(read(blind, kVisual), unavailable);
+    EXPECT_EQ(read(blind), "The shared window cannot be read. Bring it back on screen.");
     accessibility.tree = tree();
     blind.useCanvasApps({"org.example.Board"});
-    EXPECT_NE(run(blind, "readPage", json::array()).find("(" + unavailable + ")\\nScroll areas"),
-              std::string::npos);
+    EXPECT_NE(read(blind).find("(" + unavailable + ")\\nScroll areas"), std::string::npos);
 }
 
 // The user's "visualOnlyApps" reach the agent's session at every call: the editor of the test
@@ -332,14 +306,13 @@ TEST_F(VisualSetting, TheUsersCanvasApplicationsCountFromTheNextCall) {
     h.studio().selectSource("window-4242");
     h.accessibility.tree = tree();
     const std::string note =
-        "(The window's picture cannot be read: text recognition is not "
-        "available here.)\nScroll areas";
-    auto outline = [&] { return call("readPage")["value"].get<std::string>(); };
-    EXPECT_EQ(outline().find(note), std::string::npos);
+        "(The window's picture cannot be read: text recognition is not available here.)";
+    auto noted = [&] { return call("readPage")["value"].get<std::string>().find(note); };
+    EXPECT_EQ(noted(), std::string::npos);
     h.defaults.set("visualOnlyApps", std::string("org.example.Board, text-editor"));
-    EXPECT_NE(outline().find(note), std::string::npos);
+    EXPECT_NE(noted(), std::string::npos);
     h.defaults.remove("visualOnlyApps");
-    EXPECT_EQ(outline().find(note), std::string::npos);
+    EXPECT_EQ(noted(), std::string::npos);
 }
 
 }  // namespace

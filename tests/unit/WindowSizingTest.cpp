@@ -2,6 +2,8 @@
 // goes, which screen holds it, and what the agent is told.
 #include <gtest/gtest.h>
 
+#include <array>
+
 #include "core/sizing/WindowResize.h"
 #include "core/sizing/WindowSizing.h"
 #include "support/FakeWindowFrames.h"
@@ -15,56 +17,34 @@ TEST(WindowSizingRules, PresetsFitOnTheScreenWithTheirProportions) {
     EXPECT_EQ(preset("1280x720"), (WindowSize{1280, 720}));
     EXPECT_EQ(preset("1440x900"), (WindowSize{1440, 900}));
     EXPECT_EQ(preset("4k"), (WindowSize{1920, 1080}));
-    struct Case {
-        WindowSize size, available, fitted;
-    };
-    for (const auto& c : std::vector<Case>{
-             {{1920, 1080}, {1440, 875}, {1440, 810}},    // scale 0.75
-             {{1920, 1080}, {2560, 1400}, {1920, 1080}},  // never enlarged
-             {{1440, 900}, {1366, 705}, {1128, 705}},     // the height decides, floored
-             {{1920, 1080}, {0, 875}, {1920, 1080}},      // nothing to fit in
-         }) {
-        EXPECT_EQ(fit(c.size, c.available), c.fitted) << c.available.width;
+    // A size, the room available and the size fitted into it.
+    for (const auto& [size, available, fitted] : std::vector<std::array<WindowSize, 3>>{
+             {{{1920, 1080}, {1440, 875}, {1440, 810}}},    // scale 0.75
+             {{{1920, 1080}, {2560, 1400}, {1920, 1080}}},  // never enlarged
+             {{{1440, 900}, {1366, 705}, {1128, 705}}},     // the height decides, floored
+             {{{1920, 1080}, {0, 875}, {1920, 1080}}}}) {   // nothing to fit in
+        EXPECT_EQ(fit(size, available), fitted) << available.width;
     }
 }
 
 TEST(WindowSizingRules, TheWindowKeepsItsCornerWhereItFitsAndStaysOnTheVisibleFrame) {
     const CaptureRect visible{0, 27, 1920, 1053};
-    struct Case {
-        CaptureRect frame;
-        WindowSize size;
-        CaptureRect placed;
-    };
-    for (const auto& c : std::vector<Case>{
+    // The window's frame, the size it takes and where it is placed.
+    for (const auto& [frame, size, placed] :
+         std::vector<std::tuple<CaptureRect, WindowSize, CaptureRect>>{
              {{100, 100, 800, 600}, {1280, 720}, {100, 100, 1280, 720}},
              {{900, 500, 800, 600}, {1280, 720}, {640, 360, 1280, 720}},  // pushed left and up
              {{-50, 10, 800, 600}, {1280, 720}, {0, 27, 1280, 720}},      // back on the frame
              {{300, 300, 800, 600}, {2000, 1200}, {0, 27, 2000, 1200}},   // larger: the corner
-             {{100.4, 99.6, 800, 600}, {1280, 720}, {100, 100, 1280, 720}},
-         }) {
-        EXPECT_EQ(origin(c.size, c.frame, visible), c.placed) << c.frame.x << "," << c.frame.y;
+             {{100.4, 99.6, 800, 600}, {1280, 720}, {100, 100, 1280, 720}}}) {
+        EXPECT_EQ(origin(size, frame, visible), placed) << frame.x << "," << frame.y;
     }
 }
 
-TEST(WindowSizingRules, TheReportSaysWhatHappenedAndWhy) {
+// The reasons follow from the sizes before and after, as the windows brought to a preset below
+// show; the payload rounds the size and says what was put back.
+TEST(WindowSizingRules, TheReportsPayloadRoundsTheSizeAndSaysWhy) {
     const WindowSize full{1920, 1080};
-    struct Case {
-        WindowSize target, before, after;
-        bool resized;
-        std::optional<Reason> reason;
-    };
-    for (const auto& c : std::vector<Case>{
-             {full, {1000, 700}, {1920, 1080}, true, std::nullopt},
-             {full, {1919, 1081}, {1919, 1081}, false, std::nullopt},  // close enough already
-             {full, {1000, 700}, {1001, 700}, false, Reason::notResizable},
-             {full, {1000, 700}, {1600, 1000}, true, Reason::appLimited},
-             {{1440, 810}, {1000, 700}, {1440, 810}, true, Reason::fittedToScreen},
-         }) {
-        auto r = report("1920x1080", full, c.target, c.before, c.after);
-        EXPECT_EQ(r.resized, c.resized) << c.after.width;
-        EXPECT_EQ(r.reason, c.reason) << c.after.width;
-        EXPECT_EQ(r.width, std::lround(c.after.width));
-    }
     auto r = report("huge", full, full, {800, 600}, {1600.4, 999.6});
     r.restored = true;
     EXPECT_EQ(r.payload(), nlohmann::json::parse(R"({"requested":"huge","width":1600,"height":1000,

