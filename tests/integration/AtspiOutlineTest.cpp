@@ -1,61 +1,39 @@
-// The outline of a real application's window read over the accessibility bus: Pavix's own
-// window, a Qt application with buttons, text fields, check boxes and a list.
-#include <pwd.h>
-#include <unistd.h>
-
+// Outlines of real windows over the accessibility bus, and a toolkit's cache answer parsed.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
 
-#include <filesystem>
+#include <climits>
 #include <fstream>
 #include <regex>
 #include <thread>
 
+#include "IntegrationSupport.h"
 #include "core/control/OutlineBuilder.h"
+#include "linux/AtspiCache.h"
 #include "linux/AtspiTreeReader.h"
-#include "linux/X11ShareableContent.h"
-#include "support/ChildProcess.h"
 #include "support/DesktopBusMocks.h"
-#include "support/DevServerProcess.h"
 
 namespace pavix::test {
 namespace {
 
 using std::chrono::seconds;
-namespace fs = std::filesystem;
+using ::testing::ContainsRegex;
+using ::testing::HasSubstr;
 
-std::optional<ShareableWindow> mainWindowOf(pid_t pid) {
-    for (const auto& window : X11ShareableContent().current().windows) {
-        if (window.pid == pid && window.title == "Pavix" && window.onScreen &&
-            window.height > 200) {
-            return window;
-        }
-    }
-    return std::nullopt;
+AtspiTreeReader::Window readable(pid_t pid, const ShareableWindow& window) {
+    return {pid, {window.x, window.y, window.width, window.height}, window.title};
 }
 
-class AtspiOutline : public ::testing::Test {
-  protected:
-    AtspiOutline() : home(DevServerProcess::scratch("atspi-home")) {}
-    ~AtspiOutline() override {
-        app.signal(SIGTERM);
-        app.wait(seconds(20));
-        fs::remove_all(home);
-    }
-
-    fs::path home;
-    ChildProcess app{{PAVIX_BINARY},
-                     {{"XDG_CONFIG_HOME", (home / "config").string()},
-                      {"XDG_STATE_HOME", (home / "state").string()},
-                      {"QT_LINUX_ACCESSIBILITY_ALWAYS_ON", "1"}}};
-};
-
-TEST_F(AtspiOutline, ReadsAQtWindowsControlsWithFreshReferences) {
+TEST(AtspiOutline, ReadsAQtWindowsControlsWithFreshReferences) {
+    ScratchFolder home("atspi-home");
+    auto environment = pavixEnvironment(home.path());
+    environment["QT_LINUX_ACCESSIBILITY_ALWAYS_ON"] = "1";
+    ChildProcess app({PAVIX_BINARY}, environment);
     ASSERT_TRUE(eventually(
         [] {
             try {
-                gdbusCall(Bus{}, "app.pavix.Pavix", "/app/pavix/Pavix", "app.pavix.Pavix.Activate",
-                          {});
+                gdbusCall(Bus{}, "app.pavix.Pavix", "/app/pavix/Pavix", "app.pavix.Pavix.Activate");
                 return true;
             } catch (const std::exception&) {
                 return false;
@@ -65,12 +43,10 @@ TEST_F(AtspiOutline, ReadsAQtWindowsControlsWithFreshReferences) {
         << app.output();
     std::optional<ShareableWindow> window;
     ASSERT_TRUE(
-        eventually([&] { return (window = mainWindowOf(app.pid())).has_value(); }, seconds(20)));
-
+        eventually([&] { return (window = pavixWindow(app.pid())).has_value(); }, seconds(20)));
     AtspiTreeReader reader;
     ASSERT_TRUE(reader.reachable());
-    AtspiTreeReader::Window target{
-        app.pid(), {window->x, window->y, window->width, window->height}, window->title};
+    const auto target = readable(app.pid(), *window);
     std::optional<AccessibleElement> tree;
     ASSERT_TRUE(
         eventually([&] { return (tree = reader.read(target, {})).has_value(); }, seconds(20)));
@@ -87,7 +63,7 @@ TEST_F(AtspiOutline, ReadsAQtWindowsControlsWithFreshReferences) {
                  at,
              "  \\[ref_[0-9]+\\] button \"Share with agent\" disabled" + at,
          }) {
-        EXPECT_THAT(outline, ::testing::ContainsRegex(line)) << outline;
+        EXPECT_THAT(outline, ContainsRegex(line)) << outline;
     }
     // Every place is inside the window: the toolkit's screen positions were taken as such.
     std::regex place("visible at \\(([0-9]+),([0-9]+)\\)");
@@ -99,44 +75,28 @@ TEST_F(AtspiOutline, ReadsAQtWindowsControlsWithFreshReferences) {
     }
     EXPECT_EQ(places, static_cast<int>(snapshot.targets.size()));
     EXPECT_EQ(snapshot.targets.begin()->first, "ref_1");
-
     // A second read numbers its targets from 1 again and finds the same ones.
     auto again = OutlineBuilder::build(*reader.read(target, {}), target.frame, {});
     EXPECT_EQ(again.targets.size(), snapshot.targets.size());
     EXPECT_EQ(again.targets.at("ref_1").label, snapshot.targets.at("ref_1").label);
+    app.signal(SIGTERM);
+    app.wait(seconds(20));
 }
 
 // The GTK fixture, read as the agent would see it.
 class GtkOutline : public ::testing::Test {
   protected:
-    GtkOutline() {
-        if (!fixture.waitForLine("window 0x", seconds(20))) {
-            throw std::runtime_error("no fixture window: " + fixture.output());
-        }
-    }
-    ~GtkOutline() override {
-        fixture.signal(SIGTERM);
-        fixture.wait(seconds(10));
-    }
+    GtkOutline() { announcedWindow(fixture); }
     std::optional<AtspiTreeReader::Window> window() {
-        for (const auto& window : X11ShareableContent().current().windows) {
-            if (window.pid == fixture.pid() && window.onScreen) {
-                return AtspiTreeReader::Window{
-                    fixture.pid(), {window.x, window.y, window.width, window.height}, window.title};
-            }
-        }
-        return std::nullopt;
+        auto shown = shownWindow(fixture.pid());
+        return shown ? std::optional(readable(fixture.pid(), *shown)) : std::nullopt;
     }
     std::optional<OutlineSnapshot> read(AtspiTreeReader& by) {
-        if (auto target = window()) {
-            if (auto tree = by.read(*target, {})) {
-                return OutlineBuilder::build(*tree, target->frame, {});
-            }
-        }
-        return std::nullopt;
+        auto target = window();
+        auto tree = target ? by.read(*target, {}) : std::nullopt;
+        return tree ? std::optional(OutlineBuilder::build(*tree, target->frame, {})) : std::nullopt;
     }
     std::optional<OutlineSnapshot> read() { return read(reader); }
-
     ChildProcess fixture{{PAVIX_GTK_FIXTURE_BINARY}, {{"NO_AT_BRIDGE", "0"}}};
     AtspiTreeReader reader;
 };
@@ -172,7 +132,7 @@ TEST_F(GtkOutline, EachKindOfControlHasItsLine) {
                          R"(proof\): \{"regions":\[\{"kind":"panel","remainingPixels":)"
                          R"(\{"down":[1-9][0-9]+,"left":0,"right":0\}\}\]\})"),
          }) {
-        EXPECT_THAT(outline, ::testing::ContainsRegex(line)) << outline;
+        EXPECT_THAT(outline, ContainsRegex(line)) << outline;
     }
     EXPECT_EQ(outline.rfind("  [ref_1] menubaritem \"File\"", 0), 0u) << outline;
     // The hidden page is not read; the labels are the page's text.
@@ -180,8 +140,7 @@ TEST_F(GtkOutline, EachKindOfControlHasItsLine) {
     EXPECT_NE(snapshot->text.find("Password"), std::string::npos);
 }
 
-// GTK lists its elements in a cache, which the reader takes in one call before it asks the rest
-// of everything at once: the outline is the same as when each question is asked on its own.
+// The cached read (one call for the element list) says what the call-by-call read says.
 TEST_F(GtkOutline, TheCachedReadSaysWhatTheCallByCallReadSays) {
     ASSERT_TRUE(eventually([&] { return read().has_value(); }, seconds(20)));
     AtspiTreeReader callByCall(1000, 4000, false);
@@ -191,7 +150,6 @@ TEST_F(GtkOutline, TheCachedReadSaysWhatTheCallByCallReadSays) {
     EXPECT_EQ(cached->outline, single->outline);
     EXPECT_EQ(cached->text, single->text);
     EXPECT_EQ(cached->elements, single->elements);
-    // The same elements stand behind the same references.
     ASSERT_EQ(cached->targets.size(), single->targets.size());
     for (const auto& [ref, target] : cached->targets) {
         EXPECT_EQ(target.handle, single->targets.at(ref).handle) << ref;
@@ -235,60 +193,43 @@ TEST_F(GtkOutline, AnApplicationThatStopsAnsweringCostsABoundedRead) {
     }
 }
 
-// The agent reads the shared window through the development service: Pavix, paired from the
-// command line with control allowed, answers readPage and pageText for the fixture's window.
+// The agent reads and operates the shared window through the development service and pavix.
 TEST_F(GtkOutline, TheAgentReadsTheSharedWindowThroughTheService) {
     DevServerProcess service;
-    fs::path home = DevServerProcess::scratch("control-home");
-    fs::create_directories(home / "config" / "pavix");
-    std::ofstream(home / "config" / "pavix" / "pavix.conf") << "[General]\nallowControl=true\n";
+    ScratchFolder home("control-home");
+    std::filesystem::create_directories(home / "config/pavix");
+    std::ofstream(home / "config/pavix/pavix.conf") << "[General]\nallowControl=true\n";
     ChildProcess pavix({PAVIX_BINARY, "--server", service.server(), "--code", service.code(),
                         "--pair", "--approve"},
-                       {{"XDG_CONFIG_HOME", (home / "config").string()},
-                        {"XDG_STATE_HOME", (home / "state").string()},
-                        {"PAVIX_CONTROL_LOG", "1"}});
+                       pavixEnvironment(home.path()));
     ASSERT_TRUE(pavix.waitForLine("pavix: connected true", seconds(30))) << pavix.output();
-    auto listed =
-        DevServerProcess::envelope(service.agent({"send", "listSources", "--timeout", "20"}));
-    std::string id;
-    for (const auto& source : listed["value"]["sources"]) {
-        if (source["title"].get<std::string>().find("Pavix GTK fixture") != std::string::npos) {
-            id = source["id"];
-        }
-    }
-    ASSERT_FALSE(id.empty()) << listed.dump();
-    service.agent({"send", "selectSource", nlohmann::json::array({{{"sourceId", id}}}).dump()});
-
-    auto page = DevServerProcess::envelope(service.agent({"send", "readPage", "--timeout", "20"}));
+    ASSERT_FALSE(selectSource(service, "Pavix GTK fixture").empty());
+    auto page = ask(service, "readPage");
     ASSERT_TRUE(page["value"].is_string()) << page.dump() << pavix.output();
     const auto outline = page["value"].get<std::string>();
     EXPECT_EQ(outline.rfind("Window \"Pavix GTK fixture\"\n  [ref_1] menubaritem \"File\"", 0), 0u)
         << outline;
-    EXPECT_THAT(outline, ::testing::HasSubstr("] textbox \"Password\" secure — visible at"));
-    // The fixture shows who is signed in; where the user's own name shows goes with the reply.
+    EXPECT_THAT(outline, HasSubstr("] textbox \"Password\" secure — visible at"));
+    // Where the user's own name shows (the fixture's foot) goes with the reply.
     const auto* account = ::getpwuid(::getuid());
     const std::string gecos = account && account->pw_gecos ? account->pw_gecos : "";
     if (!gecos.empty() && gecos.front() != ',') {
         ASSERT_EQ(page["meta"]["identitySightings"].size(), 1u) << page.dump();
         const auto rect = page["meta"]["identitySightings"][0]["rects"][0];
-        EXPECT_GT(rect[1].get<double>(), 300) << rect;  // at the foot of the window
+        EXPECT_GT(rect[1].get<double>(), 300) << rect;
         EXPECT_LT(rect[1].get<double>(), 480) << rect;
     }
-    auto text = DevServerProcess::envelope(service.agent({"send", "pageText", "--timeout", "20"}));
-    EXPECT_THAT(text["value"].get<std::string>(), ::testing::HasSubstr("Password\nName\nRow 1\n"));
-
-    // The agent clicks by reference; the reply carries the pointer's trail for the video, in
-    // points of the window while nothing is recorded.
+    EXPECT_THAT(ask(service, "pageText")["value"].get<std::string>(),
+                HasSubstr("Password\nName\nRow 1\n"));
+    // A click's reply carries the pointer trail, in window points while nothing is recorded.
     std::smatch save;
     ASSERT_TRUE(std::regex_search(
         outline, save,
         std::regex(R"(\[(ref_[0-9]+)\] button "Save" — visible at \(([0-9]+),([0-9]+)\))")));
     const double saveX = std::stod(save[2].str()), saveY = std::stod(save[3].str());
     auto clickSave = [&] {
-        return DevServerProcess::envelope(
-            service.agent({"send", "pointer",
-                           nlohmann::json::array({"left_click", {{"ref", save[1].str()}}}).dump(),
-                           "--timeout", "20"}));
+        return ask(service, "pointer",
+                   nlohmann::json::array({"left_click", {{"ref", save[1].str()}}}));
     };
     auto click = clickSave();
     EXPECT_EQ(click["value"]["element"], "button \"Save\"") << click.dump();
@@ -298,14 +239,8 @@ TEST_F(GtkOutline, TheAgentReadsTheSharedWindowThroughTheService) {
     EXPECT_NEAR(clicked["x"].get<double>(), saveX, 1.0) << clicked;
     EXPECT_NEAR(clicked["y"].get<double>(), saveY, 1.0) << clicked;
     EXPECT_TRUE(fixture.waitForLine("clicked Save", seconds(10))) << fixture.output();
-
-    // While the window is recorded with room for its pop-ups around it, the trail is in points
-    // of that recorded picture: the window sits up to 200 points in from its top-left corner.
-    auto captureId = service.agent({"capture-id"});
-    captureId.erase(captureId.find_last_not_of("\n ") + 1);
-    auto started = DevServerProcess::envelope(service.agent(
-        {"send", "startRecording", nlohmann::json::array({{{"captureId", captureId}}}).dump(),
-         "--timeout", "30"}));
+    // While recorded with room for pop-ups, the trail is in points of the recorded picture.
+    auto [started, captureId] = startRecording(service);
     ASSERT_TRUE(started.contains("value")) << started.dump() << pavix.output();
     auto shared = window();
     ASSERT_TRUE(shared);
@@ -314,21 +249,128 @@ TEST_F(GtkOutline, TheAgentReadsTheSharedWindowThroughTheService) {
         << recorded << " window at " << shared->frame.x << "," << shared->frame.y;
     EXPECT_NEAR(recorded["y"].get<double>(), saveY + std::min(200.0, shared->frame.y), 1.0)
         << recorded << " window at " << shared->frame.x << "," << shared->frame.y;
-    service.agent({"send", "stopRecording", "--timeout", "60"});
-    EXPECT_THAT(pavix.output(), ::testing::ContainsRegex("control pointer \\([0-9]+ bytes of "
-                                                         "arguments\\) done in [0-9]+ ms, "
-                                                         "[1-9][0-9]* pointer samples"));
-    auto stale = DevServerProcess::envelope(service.agent(
-        {"send", "formInput", nlohmann::json::array({"ref_999", "x"}).dump(), "--timeout", "20"}));
+    ask(service, "stopRecording", nullptr, 60);
+    EXPECT_THAT(pavix.output(), ContainsRegex("control pointer \\([0-9]+ bytes of arguments\\) "
+                                              "done in [0-9]+ ms, [1-9][0-9]* pointer samples"));
     // The service hears the agent's code; the log says why.
+    auto stale = ask(service, "formInput", nlohmann::json::array({"ref_999", "x"}));
     EXPECT_EQ(stale["error"], "local_browser_action_failed") << stale.dump();
     EXPECT_TRUE(
         pavix.waitForLine("pavix command formInput failed: stale element reference", seconds(5)))
         << pavix.output();
-
     pavix.signal(SIGTERM);
     EXPECT_EQ(pavix.wait(seconds(20)), 0) << pavix.output();
-    fs::remove_all(home);
+}
+
+struct Item {
+    const char* path;
+    const char* parent;
+    int index, children;
+    std::vector<const char*> interfaces;
+    const char* name;
+    unsigned role;
+    std::vector<unsigned> states;  // the two words
+};
+
+using Message = std::unique_ptr<DBusMessage, decltype(&dbus_message_unref)>;
+
+Message emptyReply(int type = DBUS_MESSAGE_TYPE_METHOD_RETURN) {
+    return Message(dbus_message_new(type), &dbus_message_unref);
+}
+
+// An answer in `layout`, GTK's by default: a((so)(so)(so)iiassusau).
+Message answer(const std::vector<Item>& items, const char* layout = "((so)(so)(so)iiassusau)") {
+    auto message = emptyReply();
+    DBusMessageIter args, list;
+    dbus_message_iter_init_append(message.get(), &args);
+    dbus_message_iter_open_container(&args, DBUS_TYPE_ARRAY, layout, &list);
+    for (const auto& item : items) {
+        DBusMessageIter fields, inner;
+        dbus_message_iter_open_container(&list, DBUS_TYPE_STRUCT, nullptr, &fields);
+        for (const char* path : {item.path, "/org/a11y/atspi/accessible/root", item.parent}) {
+            const char* bus = ":1.7";
+            dbus_message_iter_open_container(&fields, DBUS_TYPE_STRUCT, nullptr, &inner);
+            dbus_message_iter_append_basic(&inner, DBUS_TYPE_STRING, &bus);
+            dbus_message_iter_append_basic(&inner, DBUS_TYPE_OBJECT_PATH, &path);
+            dbus_message_iter_close_container(&fields, &inner);
+        }
+        dbus_message_iter_append_basic(&fields, DBUS_TYPE_INT32, &item.index);
+        dbus_message_iter_append_basic(&fields, DBUS_TYPE_INT32, &item.children);
+        dbus_message_iter_open_container(&fields, DBUS_TYPE_ARRAY, "s", &inner);
+        for (const char* interface : item.interfaces) {
+            dbus_message_iter_append_basic(&inner, DBUS_TYPE_STRING, &interface);
+        }
+        dbus_message_iter_close_container(&fields, &inner);
+        const char* description = "";
+        dbus_message_iter_append_basic(&fields, DBUS_TYPE_STRING, &item.name);
+        dbus_message_iter_append_basic(&fields, DBUS_TYPE_UINT32, &item.role);
+        dbus_message_iter_append_basic(&fields, DBUS_TYPE_STRING, &description);
+        dbus_message_iter_open_container(&fields, DBUS_TYPE_ARRAY, "u", &inner);
+        for (unsigned word : item.states) {
+            dbus_message_iter_append_basic(&inner, DBUS_TYPE_UINT32, &word);
+        }
+        dbus_message_iter_close_container(&fields, &inner);
+        dbus_message_iter_close_container(&list, &fields);
+    }
+    dbus_message_iter_close_container(&args, &list);
+    return message;
+}
+
+TEST(AtspiCache, ReadsEachElementsPlaceRoleStatesAndInterfacesAndNoOtherShape) {
+    const unsigned showing = 1U << ATSPI_STATE_SHOWING;
+    const unsigned high = 1U << (ATSPI_STATE_READ_ONLY - 32);
+    // The second has a role from a newer toolkit and one word of states.
+    auto message =
+        answer({Item("/a/1", "/a/root", 0, 2, {"org.a11y.atspi.Action", "org.a11y.atspi.Component"},
+                     "Save", ATSPI_ROLE_PUSH_BUTTON, {showing, high}),
+                Item("/a/2", "/a/1", -1, -1, {"org.a11y.atspi.Text", "org.a11y.atspi.Value"}, "",
+                     ATSPI_ROLE_LAST_DEFINED + 5, {0})});
+    auto items = AtspiCache::parse(message.get());
+    ASSERT_EQ(items.size(), 2u);
+    const auto& save = items[0].basics;
+    EXPECT_EQ(items[0].path, "/a/1");
+    EXPECT_EQ(items[0].parent, "/a/root");
+    EXPECT_EQ(std::pair(items[0].index, items[0].childCount), std::pair(0, 2));
+    EXPECT_TRUE(items[0].actionInterface);
+    EXPECT_FALSE(items[0].textInterface);
+    EXPECT_EQ(save.name, "Save");
+    EXPECT_EQ(save.role, ATSPI_ROLE_PUSH_BUTTON);
+    EXPECT_TRUE(AtspiElementRules::has(save.states, ATSPI_STATE_SHOWING));
+    EXPECT_TRUE(AtspiElementRules::has(save.states, ATSPI_STATE_READ_ONLY));
+    EXPECT_FALSE(AtspiElementRules::has(save.states, ATSPI_STATE_FOCUSED));
+    EXPECT_EQ(std::pair(items[1].index, items[1].childCount), std::pair(-1, -1));
+    EXPECT_TRUE(items[1].textInterface && items[1].valueInterface);
+    EXPECT_FALSE(items[1].actionInterface);
+    EXPECT_EQ(items[1].basics.role, ATSPI_ROLE_UNKNOWN);
+    EXPECT_EQ(items[1].basics.states, 0u);
+    // Qt's older layout lists each element's children instead of its index and count.
+    EXPECT_TRUE(AtspiCache::parse(answer({}, "((so)(so)(so)a(so)assusau)").get()).empty());
+    EXPECT_TRUE(AtspiCache::parse(nullptr).empty());
+    EXPECT_TRUE(AtspiCache::parse(emptyReply(DBUS_MESSAGE_TYPE_ERROR).get()).empty());
+}
+
+TEST(AtspiElementRules, APlaceIsTakenOnlyWhenTheToolkitGivesARealOne) {
+    struct Case {
+        int x, y, width, height;
+        bool taken;
+    } cases[] = {
+        {10, 20, 30, 40, true},
+        {-500, -20, 30, 40, true},           // on a monitor left of the first
+        {INT_MIN, INT_MIN, 180, 21, false},  // GTK's row scrolled out of its view
+        {0, INT_MIN + 40, 180, 21, false},
+        {INT_MAX, 0, 10, 10, false},
+        {10, 20, 0, 40, false},
+        {10, 20, 30, -1, false},
+    };
+    for (const auto& c : cases) {
+        auto frame = AtspiElementRules::frameOf(c.x, c.y, c.width, c.height);
+        EXPECT_EQ(frame.has_value(), c.taken)
+            << c.x << "," << c.y << " " << c.width << "x" << c.height;
+        if (frame) {
+            EXPECT_EQ(frame->x, c.x);
+            EXPECT_EQ(frame->height, c.height);
+        }
+    }
 }
 
 }  // namespace

@@ -1,18 +1,13 @@
-// GoogleTest comes before any X11 header: Xlib defines None, Bool and Status as macros.
+// Recordings and stills of real windows through the capture session, read back with FFmpeg.
+// GoogleTest and cpp-httplib (it names an enumerator Success) come before any X11 header.
 #include <gtest/gtest.h>
-// cpp-httplib (through the harness) also comes before them: it names an enumerator Success.
+
 #include "support/StudioHarness.h"
 
-#include <openssl/evp.h>
+#include <glib.h>
 #include <sys/stat.h>
 
-#include <asio/co_spawn.hpp>
-#include <asio/detached.hpp>
-#include <chrono>
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-
+#include "IntegrationSupport.h"
 #include "core/capture/Capture.h"
 #include "core/capture/CaptureSources.h"
 #include "core/session/PavixError.h"
@@ -22,7 +17,6 @@
 #include "linux/FfmpegVideoEncoder.h"
 #include "linux/MediaProbe.h"
 #include "linux/X11CaptureStream.h"
-#include "linux/X11ShareableContent.h"
 #include "linux/X11WindowLayers.h"
 #include "support/X11TestWindow.h"
 
@@ -31,10 +25,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using test::StudioHarness;
-using test::X11TestDisplay;
 using test::X11TestWindow;
-using test::X11TestWindowOptions;
 
 constexpr std::uint32_t red = 0xff0000, green = 0x00ff00, blue = 0x0000ff;
 
@@ -44,7 +35,6 @@ struct RealParts {
     FfmpegMediaReader media;
     X11WindowLayers layers;
     FfmpegPngEncoder png;
-
     CapturePlatform platform() {
         CapturePlatform p;
         p.streams = [] { return std::make_unique<X11CaptureStream>(); };
@@ -64,27 +54,7 @@ Timing captureTiming() {
     return timing;
 }
 
-// The last picture of a video (or of an image) as 8-bit RGB, decoded by the ffmpeg tool.
-std::vector<std::uint8_t> lastPicture(const fs::path& file, int width, int height) {
-    std::string command =
-        "ffmpeg -v error -i '" + file.string() + "' -f rawvideo -pix_fmt rgb24 - 2>/dev/null";
-    const std::size_t size = std::size_t(width) * height * 3;
-    std::vector<std::uint8_t> rgb(size), next(size);
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (pipe == nullptr) {
-        return {};
-    }
-    bool any = false;
-    while (std::fread(next.data(), 1, size, pipe) == size) {
-        rgb.swap(next);
-        any = true;
-    }
-    ::pclose(pipe);
-    return any ? rgb : std::vector<std::uint8_t>{};
-}
-
-// Whether the RGB pixel is close to 0xRRGGBB (video compression and limited range shift it a
-// little).
+// Whether the RGB pixel is close to 0xRRGGBB (compression and limited range shift it a little).
 bool near(const std::vector<std::uint8_t>& rgb, int width, int x, int y, std::uint32_t colour) {
     const std::uint8_t* p = rgb.data() + (std::size_t(y) * width + x) * 3;
     auto close = [](int a, int b) { return std::abs(a - b) < 40; };
@@ -95,7 +65,6 @@ bool near(const std::vector<std::uint8_t>& rgb, int width, int x, int y, std::ui
 class CaptureSessionTest : public ::testing::Test {
   protected:
     Capture& capture() { return harness.studio().capture(); }
-
     // The source for a window as the source list makes it, with the snapshot the capture reads.
     CaptureSource sourceFor(const X11TestWindow& window) {
         auto snapshot = content.current();
@@ -108,7 +77,11 @@ class CaptureSessionTest : public ::testing::Test {
         ADD_FAILURE() << "window not listed";
         return {};
     }
-
+    CaptureSource start(const X11TestWindow& window) {
+        auto source = sourceFor(window);
+        harness.await(capture().start(source, file), 20s);
+        return source;
+    }
     // Paints the window with moving content for `duration` while the capture runs.
     void animate(X11TestWindow& window, std::chrono::milliseconds duration) {
         auto end = std::chrono::steady_clock::now() + duration;
@@ -119,13 +92,11 @@ class CaptureSessionTest : public ::testing::Test {
             harness.runFor(16ms);  // the picture source's pace
         }
     }
-
     fs::path stop() { return harness.await(capture().stop(), 20s); }
-
-    X11TestDisplay display;
+    test::X11TestDisplay display;
     RealParts parts;
     X11ShareableContent content;
-    StudioHarness harness{captureTiming(), parts.platform()};
+    test::StudioHarness harness{captureTiming(), parts.platform()};
     fs::path folder = harness.library.parent_path();  // removed with the harness
     fs::path file = folder / "Pavix-recording.mp4";
 };
@@ -133,84 +104,69 @@ class CaptureSessionTest : public ::testing::Test {
 TEST_F(CaptureSessionTest, MovingWindowIsRecordedAndReadsBackAsH264HighWithoutBFrames) {
     X11TestWindow window(display,
                          {.title = "Moving", .x = 300, .y = 200, .width = 640, .height = 400});
-    auto source = sourceFor(window);
-    harness.await(capture().start(source, file), 20s);
+    auto source = start(window);
     ASSERT_TRUE(capture().encoding());
     // The window is recorded with room for its pop-ups around it.
     ASSERT_TRUE(capture().region());
     EXPECT_GT(capture().width(), source.width);
     EXPECT_EQ(capture().width(), std::int64_t(capture().region()->width) & ~1);
-
     auto began = std::chrono::steady_clock::now();
     animate(window, 3s);
     EXPECT_EQ(stop(), file);
     double recorded =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
-
     auto info = MediaProbe::read(file.string(), {true, 120});
     ASSERT_TRUE(info);
-    EXPECT_EQ(info->width, capture().width());
-    EXPECT_EQ(info->height, capture().height());
-    EXPECT_EQ(info->codec, "h264");
-    EXPECT_EQ(info->profile, "High");
-    EXPECT_FALSE(info->hasBFrames);
+    EXPECT_EQ(std::tie(info->width, info->height, info->codec, info->profile, info->hasBFrames),
+              std::make_tuple(capture().width(), capture().height(), "h264", "High", false));
     ASSERT_TRUE(info->durationSeconds);
     EXPECT_NEAR(*info->durationSeconds, recorded, 0.5);
     EXPECT_EQ(capture().durationMs(), std::int64_t(*info->durationSeconds * 1000));
-    // Content changed at up to 60 pictures a second; a loaded machine delivers fewer, never
-    // more than the frame rate allows.
+    // Up to 60 pictures a second; a loaded machine delivers fewer.
     EXPECT_GE(info->frameCount, 45);
     EXPECT_LE(info->frameCount, std::int64_t(recorded * 60) + 5);
     struct stat st {};
     ASSERT_EQ(::stat(file.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
-
     // The layer track holds the window itself.
     ASSERT_FALSE(capture().layers().samples.empty());
-    const auto& first = capture().layers().samples.front();
-    ASSERT_FALSE(first.rects.empty());
-    EXPECT_EQ(first.rects.front().kind, "window");
+    ASSERT_FALSE(capture().layers().samples.front().rects.empty());
+    EXPECT_EQ(capture().layers().samples.front().rects.front().kind, "window");
 }
 
 TEST_F(CaptureSessionTest, CoveredWindowIsRecordedWithItsOwnContent) {
     X11TestWindow window(
         display,
         {.title = "Covered", .x = 300, .y = 200, .width = 400, .height = 300, .colour = red});
-    auto source = sourceFor(window);
     auto [x, y] = display.position(window.id());
-    harness.await(capture().start(source, file), 20s);
+    start(window);
     X11TestWindow cover(display, test::otherApplication(x - 20, y - 40, 500, 400, blue));
     harness.runFor(300ms);
     window.fill(green);  // changed while covered
     harness.runFor(700ms);
     stop();
-
-    const int width = static_cast<int>(capture().width());
-    const int height = static_cast<int>(capture().height());
-    auto rgb = lastPicture(file, width, height);
+    const int width = int(capture().width()), height = int(capture().height());
+    auto rgb = test::lastPicture(file, std::size_t(width) * height * 3);
     ASSERT_FALSE(rgb.empty());
     // The window's centre inside the region: its own green, not the cover's blue.
     const auto& region = *capture().region();
     const double scale = width / region.width;
-    const int cx = int((x + 200 - region.x) * scale), cy = int((y + 150 - region.y) * scale);
-    EXPECT_TRUE(near(rgb, width, cx, cy, green));
+    EXPECT_TRUE(near(rgb, width, int((x + 200 - region.x) * scale),
+                     int((y + 150 - region.y) * scale), green));
 }
 
 TEST_F(CaptureSessionTest, ClosedWindowReportsItsAbsenceAndLeavesAValidFile) {
     auto window = std::make_unique<X11TestWindow>(
-        display,
-        X11TestWindowOptions{.title = "Closing", .x = 300, .y = 200, .width = 500, .height = 320});
-    auto source = sourceFor(*window);
+        display, test::X11TestWindowOptions{.title = "Closing", .x = 300, .y = 200});
     std::vector<std::string> sentences;
     capture().onFailure = [&](const std::string& text) { sentences.push_back(text); };
-    harness.await(capture().start(source, file), 20s);
+    start(*window);
     animate(*window, 1200ms);
     window.reset();
     ASSERT_TRUE(harness.runUntil([&] { return !sentences.empty(); }, 5s));
     EXPECT_EQ(sentences.front(),
               "The selected source is no longer available. Recording stopped; any saved capture "
               "remains in Videos/Pavix.");
-
     EXPECT_EQ(stop(), file);
     auto duration = MediaProbe::duration(file.string());
     ASSERT_TRUE(duration);
@@ -221,8 +177,7 @@ TEST_F(CaptureSessionTest, ClosedWindowReportsItsAbsenceAndLeavesAValidFile) {
 TEST_F(CaptureSessionTest, PopupOfTheApplicationAppearsInTheLayerTrack) {
     X11TestWindow window(display,
                          {.title = "With menu", .x = 300, .y = 200, .width = 600, .height = 400});
-    auto source = sourceFor(window);
-    harness.await(capture().start(source, file), 20s);
+    start(window);
     auto started = std::chrono::steady_clock::now();
     harness.runFor(300ms);
     auto [x, y] = display.position(window.id());
@@ -235,16 +190,15 @@ TEST_F(CaptureSessionTest, PopupOfTheApplicationAppearsInTheLayerTrack) {
                         .count();
     harness.runFor(300ms);
     stop();
-
     const auto& samples = capture().layers().samples;
-    auto hasPopup = [](const CaptureLayers::Sample& s) {
-        return std::any_of(s.rects.begin(), s.rects.end(),
-                           [](const auto& r) { return r.kind == "popup"; });
+    auto popupOf = [](const CaptureLayers::Sample& s) {
+        return std::find_if(s.rects.begin(), s.rects.end(),
+                            [](const auto& r) { return r.kind == "popup"; });
     };
+    auto hasPopup = [&](const CaptureLayers::Sample& s) { return popupOf(s) != s.rects.end(); };
     auto shown = std::find_if(samples.begin(), samples.end(), hasPopup);
     ASSERT_NE(shown, samples.end());
-    const auto& rect = *std::find_if(shown->rects.begin(), shown->rects.end(),
-                                     [](const auto& r) { return r.kind == "popup"; });
+    const auto& rect = *popupOf(*shown);
     const auto& region = *capture().region();
     EXPECT_NEAR(rect.x, (x + 40 - region.x) / region.width, 0.001);
     EXPECT_NEAR(rect.width, 160 / region.width, 0.001);
@@ -257,19 +211,6 @@ TEST_F(CaptureSessionTest, PopupOfTheApplicationAppearsInTheLayerTrack) {
     EXPECT_GE(gone->atMs, closedAt - 150);
 }
 
-std::vector<std::uint8_t> decodeBase64(const std::string& text) {
-    std::vector<std::uint8_t> bytes(text.size() / 4 * 3);
-    int n = EVP_DecodeBlock(bytes.data(), reinterpret_cast<const unsigned char*>(text.data()),
-                            static_cast<int>(text.size()));
-    if (n < 0) {
-        return {};
-    }
-    std::size_t padding =
-        text.size() >= 2 ? (text[text.size() - 1] == '=') + (text[text.size() - 2] == '=') : 0;
-    bytes.resize(std::size_t(n) - padding);
-    return bytes;
-}
-
 TEST_F(CaptureSessionTest, ScreenshotIsAPngOfTheSelectedWindow) {
     X11TestWindow window(
         display,
@@ -280,20 +221,20 @@ TEST_F(CaptureSessionTest, ScreenshotIsAPngOfTheSelectedWindow) {
     auto reply = harness.await(harness.studio().run("screenshot", nlohmann::json::array()), 10s);
     EXPECT_EQ(reply["contentType"], "image/png");
     EXPECT_EQ(reply["redactionPassed"], false);
-    auto png = decodeBase64(reply["body"]["$bytes"].get<std::string>());
-    ASSERT_GT(png.size(), 24u);
-    fs::path still = folder / "still.png";
-    std::ofstream(still, std::ios::binary)
-        .write(reinterpret_cast<const char*>(png.data()), std::streamsize(png.size()));
+    gsize size = 0;
+    guchar* png = g_base64_decode(reply["body"]["$bytes"].get<std::string>().c_str(), &size);
+    const fs::path still = folder / "still.png";
+    std::ofstream(still, std::ios::binary).write(reinterpret_cast<const char*>(png), size);
+    g_free(png);
+    ASSERT_GT(size, 24u);
     auto info = MediaProbe::read(still.string(), {true, 1});
     ASSERT_TRUE(info);
     EXPECT_EQ(info->codec, "png");
     EXPECT_EQ(info->width, source.width & ~1);
     EXPECT_EQ(info->height, source.height & ~1);
-    auto rgb = lastPicture(still, info->width, info->height);
+    auto rgb = test::lastPicture(still, std::size_t(info->width) * info->height * 3);
     ASSERT_FALSE(rgb.empty());
     EXPECT_TRUE(near(rgb, info->width, info->width / 2, info->height / 2, green));
-
     // Not while a recording runs.
     harness.await(capture().start(source, file), 20s);
     try {

@@ -1,23 +1,20 @@
-#include "linux/FfmpegVideoEncoder.h"
-
-#include <fcntl.h>
+// Recordings written with the real encoder and read back with FFmpeg, and their colours.
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <cstring>
-#include <filesystem>
+#include <cstdlib>
 #include <fstream>
+#include <random>
 #include <thread>
 
+#include "IntegrationSupport.h"
 #include "core/capture/CaptureWriter.h"
+#include "linux/FfmpegColourConversion.h"
 #include "linux/FfmpegEncoderProbe.h"
+#include "linux/FfmpegVideoEncoder.h"
 #include "linux/MediaProbe.h"
 #include "support/LibraryRecords.h"
 
@@ -42,18 +39,7 @@ VideoFrame movingFrame(int width, int height, int index, std::int64_t timeNs) {
             p[3] = 255;
         }
     }
-    VideoFrame frame;
-    frame.width = width;
-    frame.height = height;
-    frame.stride = width * 4;
-    frame.pixels = std::move(pixels);
-    frame.captureTimeNs = timeNs;
-    return frame;
-}
-
-CaptureEncoding encodingOf(int width, int height) {
-    return CaptureEncoding{CaptureGeometry{width, height},
-                           CaptureEncoding::bitrateFor(width, height), false};
+    return VideoFrame{width, height, width * 4, std::move(pixels), timeNs};
 }
 
 // Hands `frame` to the writer and waits until it is encoded, so that none is shed.
@@ -67,35 +53,6 @@ void appendAndWait(CaptureWriter& writer, const VideoFrame& frame) {
     }
 }
 
-// Top-level MP4 box types in file order.
-std::vector<std::string> topLevelBoxes(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::vector<std::string> boxes;
-    for (;;) {
-        unsigned char header[16];
-        if (!in.read(reinterpret_cast<char*>(header), 8))
-            break;
-        std::uint64_t size =
-            (std::uint64_t(header[0]) << 24) | (header[1] << 16) | (header[2] << 8) | header[3];
-        boxes.emplace_back(reinterpret_cast<char*>(header + 4), 4);
-        std::uint64_t headerSize = 8;
-        if (size == 1) {
-            if (!in.read(reinterpret_cast<char*>(header + 8), 8))
-                break;
-            size = 0;
-            for (int i = 8; i < 16; ++i)
-                size = (size << 8) | header[i];
-            headerSize = 16;
-        }
-        if (size == 0)
-            break;  // to the end of the file
-        if (size < headerSize)
-            break;
-        in.seekg(std::streamoff(size - headerSize), std::ios::cur);
-    }
-    return boxes;
-}
-
 // Hands `count` moving 640×360 frames, a 60th of a second apart from `first`, to the writer.
 void appendMoving(CaptureWriter& writer, int first, int count) {
     for (int i = first; i < first + count; ++i) {
@@ -103,60 +60,78 @@ void appendMoving(CaptureWriter& writer, int first, int count) {
     }
 }
 
+// Top-level MP4 box types in file order.
+std::vector<std::string> topLevelBoxes(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::vector<std::string> boxes;
+    unsigned char h[16];
+    while (in.read(reinterpret_cast<char*>(h), 8)) {
+        std::uint64_t size = (std::uint64_t(h[0]) << 24) | (h[1] << 16) | (h[2] << 8) | h[3];
+        boxes.emplace_back(reinterpret_cast<char*>(h + 4), 4);
+        std::uint64_t headerSize = 8;
+        if (size == 1 && in.read(reinterpret_cast<char*>(h + 8), 8)) {
+            size = 0;
+            for (int i = 8; i < 16; ++i) {
+                size = (size << 8) | h[i];
+            }
+            headerSize = 16;
+        }
+        if (size < headerSize) {
+            break;  // 0: to the end of the file
+        }
+        in.seekg(std::streamoff(size - headerSize), std::ios::cur);
+    }
+    return boxes;
+}
+
+unsigned modeOf(const std::string& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 0777 : 0;
+}
+
 class FfmpegVideoEncoderTest : public ::testing::Test {
   protected:
-    fs::path dir;
-    void SetUp() override {
-        char pattern[] = "/tmp/pavix-writer-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir = pattern;
+    // A 640×360 recording into `name` with the real encoder.
+    std::unique_ptr<CaptureWriter> writerFor(const std::string& name, int width = 640,
+                                             int height = 360) {
+        return std::make_unique<CaptureWriter>(
+            path(name),
+            CaptureEncoding{CaptureGeometry{width, height},
+                            CaptureEncoding::bitrateFor(width, height), false},
+            std::make_unique<FfmpegVideoEncoder>());
     }
-    void TearDown() override { fs::remove_all(dir); }
-    // A 640×360 recording into `path` with the real encoder.
-    static std::unique_ptr<CaptureWriter> writerFor(const std::string& path) {
-        return std::make_unique<CaptureWriter>(path, encodingOf(640, 360),
-                                               std::make_unique<FfmpegVideoEncoder>());
-    }
+    std::string path(const std::string& name) const { return dir / name; }
+    test::ScratchFolder dir{"writer"};
 };
 
 TEST_F(FfmpegVideoEncoderTest, ThreeSecondsOfMovingContentReadBackAsSpecified) {
-    const std::string path = dir / "Pavix-a.mp4";
     const mode_t oldMask = umask(0);  // the file is private whatever the umask
-    CaptureWriter writer(path, encodingOf(1280, 720), std::make_unique<FfmpegVideoEncoder>());
+    auto writer = writerFor("Pavix-a.mp4", 1280, 720);
     umask(oldMask);
     int firstFrames = 0;
-    writer.setOnFirstFrame([&] { ++firstFrames; });
+    writer->setOnFirstFrame([&] { ++firstFrames; });
     for (int i = 0; i < 180; ++i) {
-        VideoFrame idle;
-        idle = movingFrame(16, 16, 0, kT0 + i * kFrameNs - 1);
+        VideoFrame idle = movingFrame(16, 16, 0, kT0 + i * kFrameNs - 1);
         idle.complete = false;
-        writer.append(idle);  // never written
-        appendAndWait(writer, movingFrame(1280, 720, i, kT0 + i * kFrameNs));
+        writer->append(idle);  // never written
+        appendAndWait(*writer, movingFrame(1280, 720, i, kT0 + i * kFrameNs));
     }
-    writer.finish(kT0 + 180 * kFrameNs);
+    writer->finish(kT0 + 180 * kFrameNs);
     EXPECT_EQ(firstFrames, 1);
-    EXPECT_EQ(writer.counters().framesAppended, 180);
-    EXPECT_EQ(writer.counters().framesIncomplete, 180);
-
-    struct stat st {};
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
-
-    auto info = MediaProbe::read(path, {true, 180});
+    EXPECT_EQ(writer->counters().framesAppended, 180);
+    EXPECT_EQ(writer->counters().framesIncomplete, 180);
+    EXPECT_EQ(modeOf(path("Pavix-a.mp4")), 0600u);
+    auto info = MediaProbe::read(path("Pavix-a.mp4"), {true, 180});
     ASSERT_TRUE(info);
-    EXPECT_EQ(info->width, 1280);
-    EXPECT_EQ(info->height, 720);
-    EXPECT_EQ(info->codec, "h264");
-    EXPECT_EQ(info->profile, "High");
-    EXPECT_FALSE(info->hasBFrames);
-    EXPECT_EQ(info->frameCount, 180);
+    EXPECT_EQ(std::tie(info->width, info->height, info->codec, info->profile, info->hasBFrames,
+                       info->frameCount),
+              std::make_tuple(1280, 720, "h264", "High", false, 180));
     ASSERT_TRUE(info->durationSeconds);
     EXPECT_NEAR(*info->durationSeconds, 3.0, 0.02);
     EXPECT_NEAR(info->firstFrameSeconds, 0.0, 0.001);
-    EXPECT_EQ(info->colorPrimaries, "bt709");
-    EXPECT_EQ(info->colorTransfer, "bt709");
-    EXPECT_EQ(info->colorSpace, "bt709");
-    EXPECT_EQ(info->colorRange, "tv");
+    EXPECT_EQ(
+        std::tie(info->colorPrimaries, info->colorTransfer, info->colorSpace, info->colorRange),
+        std::make_tuple("bt709", "bt709", "bt709", "tv"));
     // Key frames every 2 s of time (fragments end there).
     ASSERT_EQ(info->keyFrameSeconds.size(), 2u);
     EXPECT_NEAR(info->keyFrameSeconds[0], 0.0, 1e-6);
@@ -165,86 +140,64 @@ TEST_F(FfmpegVideoEncoderTest, ThreeSecondsOfMovingContentReadBackAsSpecified) {
     // The average bit rate is in the neighbourhood of the target (2,778,000).
     EXPECT_GT(info->bitRate, 500'000);
     EXPECT_LT(info->bitRate, 8'000'000);
-
     // A clean finish leaves a regular MP4 with its index first, and no temporary file.
-    auto boxes = topLevelBoxes(path);
+    auto boxes = topLevelBoxes(path("Pavix-a.mp4"));
     ASSERT_GE(boxes.size(), 3u);
     EXPECT_EQ(boxes[0], "ftyp");
     EXPECT_EQ(boxes[1], "moov");
     EXPECT_EQ(std::count(boxes.begin(), boxes.end(), "moof"), 0);
-    EXPECT_EQ(std::distance(fs::directory_iterator(dir), fs::directory_iterator()), 1);
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 1);
 }
 
 TEST_F(FfmpegVideoEncoderTest, StaticContentEndsAtTheStopTimeAndKeyFramesFollowTime) {
-    const std::string path = dir / "Pavix-b.mp4";
-    auto writer = writerFor(path);
+    auto writer = writerFor("Pavix-b.mp4");
     // Half a second of frames, three seconds without a change, then a few irregular frames.
     appendMoving(*writer, 0, 30);
     for (int k = 0; k < 5; ++k) {
         appendAndWait(*writer, movingFrame(640, 360, 30 + k, kT0 + 3'500'000'000 + k * 23'000'000));
     }
     writer->finish(kT0 + 6'000'000'000);
-
-    auto info = MediaProbe::read(path);
+    auto info = MediaProbe::read(path("Pavix-b.mp4"));
     ASSERT_TRUE(info);
     EXPECT_EQ(info->frameCount, 35);
     ASSERT_TRUE(info->durationSeconds);
     EXPECT_NEAR(*info->durationSeconds, 6.0, 0.02);
-    // The first frame after the pause starts a new group of pictures: key frames follow time,
-    // not the frame count.
+    // The first frame after the pause starts a new group of pictures.
     ASSERT_EQ(info->keyFrameSeconds.size(), 2u);
     EXPECT_NEAR(info->keyFrameSeconds[1], 3.5, 1e-4);
     EXPECT_NEAR(info->lastFrameSeconds, 3.5 + 4 * 0.023, 0.001);
 }
 
 TEST_F(FfmpegVideoEncoderTest, FramesOfAnotherSizeAreScaledToFit) {
-    const std::string path = dir / "Pavix-c.mp4";
-    auto writer = writerFor(path);
-    appendAndWait(*writer, movingFrame(640, 360, 0, kT0));
-    appendAndWait(*writer, movingFrame(500, 500, 1, kT0 + kFrameNs));
-    appendAndWait(*writer, movingFrame(1281, 721, 2, kT0 + 2 * kFrameNs));
-    appendAndWait(*writer, movingFrame(3, 2, 3, kT0 + 3 * kFrameNs));
+    auto writer = writerFor("Pavix-c.mp4");
+    const std::pair<int, int> sizes[] = {{640, 360}, {500, 500}, {1281, 721}, {3, 2}};
+    for (int i = 0; i < 4; ++i) {
+        appendAndWait(*writer, movingFrame(sizes[i].first, sizes[i].second, i, kT0 + i * kFrameNs));
+    }
     writer->finish(kT0 + 4 * kFrameNs);
     EXPECT_EQ(writer->counters().framesAppended, 4);
-    auto info = MediaProbe::read(path);
+    auto info = MediaProbe::read(path("Pavix-c.mp4"));
     ASSERT_TRUE(info);
-    EXPECT_EQ(info->width, 640);
-    EXPECT_EQ(info->height, 360);
-    EXPECT_EQ(info->frameCount, 4);
+    EXPECT_EQ(std::tie(info->width, info->height, info->frameCount), std::make_tuple(640, 360, 4));
 }
 
-// Pictures the capture already converted to 4:2:0 are encoded as they come: a file of solid
-// red ones decodes to red's BT.709 limited-range values, in the right planes.
+// 4:2:0 pictures are encoded as they come: solid red decodes to its BT.709 values.
 TEST_F(FfmpegVideoEncoderTest, FourTwoZeroPicturesAreEncodedAsTheyCome) {
-    const std::string path = dir / "Pavix-d.mp4";
     constexpr int width = 640, height = 360, stride = 704;  // padded rows
     auto pixels = std::make_shared<std::vector<std::uint8_t>>(std::size_t(stride) * height * 3 / 2);
     std::fill_n(pixels->begin(), stride * height, 63);                                     // Y
     std::fill_n(pixels->begin() + stride * height, stride / 2 * height / 2, 102);          // Cb
     std::fill_n(pixels->begin() + stride * height * 5 / 4, stride / 2 * height / 2, 240);  // Cr
-    auto writer = writerFor(path);
+    auto writer = writerFor("Pavix-d.mp4");
     for (int i = 0; i < 30; ++i) {
-        VideoFrame frame;
+        VideoFrame frame{width, height, stride, pixels, kT0 + i * kFrameNs};
         frame.layout = PixelLayout::i420;
-        frame.width = width;
-        frame.height = height;
-        frame.stride = stride;
-        frame.pixels = pixels;
-        frame.captureTimeNs = kT0 + i * kFrameNs;
         appendAndWait(*writer, frame);
     }
     writer->finish(kT0 + 30 * kFrameNs);
     EXPECT_EQ(writer->counters().framesAppended, 30);
-
-    // The first picture, decoded by the ffmpeg tool into raw 4:2:0.
-    const std::string command =
-        "ffmpeg -v error -i '" + path + "' -frames:v 1 -f rawvideo -pix_fmt yuv420p -";
-    FILE* decoder = popen(command.c_str(), "r");
-    ASSERT_NE(decoder, nullptr);
-    std::vector<std::uint8_t> raw(std::size_t(width) * height * 3 / 2);
-    const std::size_t got = std::fread(raw.data(), 1, raw.size(), decoder);
-    pclose(decoder);
-    ASSERT_EQ(got, raw.size());
+    const auto raw = test::lastPicture(path("Pavix-d.mp4"), width * height * 3 / 2, "yuv420p");
+    ASSERT_FALSE(raw.empty());
     const std::size_t centre = std::size_t(height / 2) * width + width / 2;
     const std::size_t chroma = std::size_t(height / 4) * (width / 2) + width / 4;
     EXPECT_NEAR(raw[centre], 63, 3);
@@ -252,20 +205,22 @@ TEST_F(FfmpegVideoEncoderTest, FourTwoZeroPicturesAreEncodedAsTheyCome) {
     EXPECT_NEAR(raw[std::size_t(width) * height * 5 / 4 + chroma], 240, 3);
 }
 
-TEST_F(FfmpegVideoEncoderTest, NeverOverwritesAnExistingFile) {
-    const std::string path = dir / "Pavix-d.mp4";
-    { std::ofstream(path) << "an earlier video"; }
+TEST_F(FfmpegVideoEncoderTest, NeverOverwritesAnExistingFileAndCancelLeavesItsOwnToTheCaller) {
+    std::ofstream(path("Pavix-d.mp4")) << "an earlier video";
     try {
-        writerFor(path);
+        writerFor("Pavix-d.mp4");
         FAIL() << "opened over an existing file";
     } catch (const std::system_error& error) {
         EXPECT_EQ(error.code().value(), EEXIST);
     }
-    EXPECT_EQ(test::readBytes(path), "an earlier video");
+    EXPECT_EQ(test::readBytes(path("Pavix-d.mp4")), "an earlier video");
+    auto writer = writerFor("Pavix-e.mp4");
+    appendMoving(*writer, 0, 10);
+    writer->cancel();
+    EXPECT_TRUE(fs::exists(path("Pavix-e.mp4")));
 }
 
 TEST_F(FfmpegVideoEncoderTest, AKilledRecordingLeavesAPlayableFileUpToItsLastFragment) {
-    const std::string path = dir / "Pavix-killed.mp4";
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
     const pid_t child = fork();
@@ -273,11 +228,12 @@ TEST_F(FfmpegVideoEncoderTest, AKilledRecordingLeavesAPlayableFileUpToItsLastFra
     if (child == 0) {
         // The recording process: five seconds of content, then it hangs until killed.
         close(ready[0]);
-        auto writer = writerFor(path);
+        auto writer = writerFor("Pavix-killed.mp4");
         appendMoving(*writer, 0, 300);
         (void)!write(ready[1], "r", 1);
-        for (;;)
+        for (;;) {
             pause();
+        }
     }
     close(ready[1]);
     char byte = 0;
@@ -287,11 +243,8 @@ TEST_F(FfmpegVideoEncoderTest, AKilledRecordingLeavesAPlayableFileUpToItsLastFra
     int status = 0;
     waitpid(child, &status, 0);
     ASSERT_TRUE(WIFSIGNALED(status));
-
-    struct stat st {};
-    ASSERT_EQ(stat(path.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
-    auto info = MediaProbe::read(path, {true, 300});
+    EXPECT_EQ(modeOf(path("Pavix-killed.mp4")), 0600u);
+    auto info = MediaProbe::read(path("Pavix-killed.mp4"), {true, 300});
     ASSERT_TRUE(info);
     ASSERT_TRUE(info->durationSeconds);
     // Fragments end at key frames (every 2 s): the first four seconds survive.
@@ -300,16 +253,8 @@ TEST_F(FfmpegVideoEncoderTest, AKilledRecordingLeavesAPlayableFileUpToItsLastFra
     EXPECT_GE(info->frameCount, 240);
     EXPECT_EQ(info->width, 640);
     EXPECT_EQ(info->profile, "High");
-    auto boxes = topLevelBoxes(path);
+    auto boxes = topLevelBoxes(path("Pavix-killed.mp4"));
     EXPECT_GE(std::count(boxes.begin(), boxes.end(), "moof"), 2);
-}
-
-TEST_F(FfmpegVideoEncoderTest, CancelLeavesThePartialFileToTheCaller) {
-    const std::string path = dir / "Pavix-e.mp4";
-    auto writer = writerFor(path);
-    appendMoving(*writer, 0, 10);
-    writer->cancel();
-    EXPECT_TRUE(fs::exists(path));
 }
 
 TEST(FfmpegEncoderProbe, AcceptsAnOrdinarySizeAndRequiresHardwareOnlyWithVaapi) {
@@ -320,9 +265,7 @@ TEST(FfmpegEncoderProbe, AcceptsAnOrdinarySizeAndRequiresHardwareOnlyWithVaapi) 
     EXPECT_TRUE(CaptureWriter::canEncode(candidates[1], std::nullopt, probe));
     EXPECT_TRUE(CaptureWriter::canEncode(candidates[2], std::nullopt, probe));
     EXPECT_FALSE(CaptureWriter::canEncode(candidates[1], 1280, probe));  // the user's cap
-
-    const bool vaapi = fs::exists("/dev/dri/renderD128");
-    if (!vaapi) {
+    if (!fs::exists("/dev/dri/renderD128")) {
         // No hardware encoder here: the largest size is refused and the choice falls back.
         EXPECT_FALSE(CaptureWriter::canEncode(candidates[0], std::nullopt, probe));
         auto chosen = CaptureEncoding::choose(candidates, [&](const CaptureEncoding& e) {
@@ -334,6 +277,91 @@ TEST(FfmpegEncoderProbe, AcceptsAnOrdinarySizeAndRequiresHardwareOnlyWithVaapi) 
     VideoEncoderSettings odd = CaptureWriter::settings(candidates[2]);
     odd.width = 1279;
     EXPECT_FALSE(probe.canOpen(odd));
+}
+
+// A reference file made by the ffmpeg tool, independent of our encoder, and a non-video.
+TEST(MediaProbe, SeesBFramesProfileAndColourTagsOfAReferenceFileAndNothingInOthers) {
+    test::ScratchFolder dir("probe");
+    const std::string path = dir / "b.mp4", text = dir / "not-a-video.mp4";
+    ASSERT_EQ(std::system(("ffmpeg -nostdin -loglevel error -f lavfi -i "
+                           "testsrc2=size=320x240:rate=30 -t 2 -c:v libx264 -profile:v main -bf 3 "
+                           "-pix_fmt yuv420p -color_primaries bt470bg -color_trc smpte170m "
+                           "-colorspace bt470bg '" +
+                           path + "'")
+                              .c_str()),
+              0);
+    auto info = MediaProbe::read(path, {true, 60});
+    ASSERT_TRUE(info);
+    EXPECT_EQ(std::tie(info->width, info->height, info->codec, info->profile, info->hasBFrames,
+                       info->frameCount),
+              std::make_tuple(320, 240, "h264", "Main", true, 60));
+    ASSERT_TRUE(info->durationSeconds);
+    EXPECT_NEAR(*info->durationSeconds, 2.0, 0.05);
+    EXPECT_EQ(std::tie(info->colorPrimaries, info->colorSpace),
+              std::make_tuple("bt470bg", "bt470bg"));
+    EXPECT_EQ(MediaProbe::duration(path).value_or(0), *info->durationSeconds);
+    std::ofstream(text) << "hello";
+    EXPECT_FALSE(MediaProbe::read(text));
+    EXPECT_FALSE(MediaProbe::duration(text));
+    EXPECT_FALSE(MediaProbe::duration(dir / "missing.mp4"));
+}
+
+// BT.709 in limited range, computed in double precision: Y, Cb, Cr.
+std::array<double, 3> bt709(double r, double g, double b) {
+    const double kr = 0.2126, kb = 0.0722, luma = kr * r + (1 - kr - kb) * g + kb * b;
+    return {16 + 219 * luma / 255, 128 + 224 * (b - luma) / (2 * (1 - kb)) / 255,
+            128 + 224 * (r - luma) / (2 * (1 - kr)) / 255};
+}
+
+TEST(FfmpegColourConversion, MatchesBt709LimitedRangeWithinOneStep) {
+    const int width = 66, height = 20, stride = width * 4 + 12;  // padded rows
+    std::vector<std::uint8_t> bgra(std::size_t(stride) * height);
+    std::mt19937 random(7);
+    std::generate(bgra.begin(), bgra.end(), [&] { return std::uint8_t(random()); });
+    auto at = [&](int x, int y) { return &bgra[std::size_t(y) * stride + x * 4]; };
+    // Known colours in the first 2×2 blocks: black, white, pure red, pure blue.
+    const std::uint8_t known[4][3] = {{0, 0, 0}, {255, 255, 255}, {0, 0, 255}, {255, 0, 0}};
+    for (int k = 0; k < 16; ++k) {
+        std::copy_n(known[k / 4], 3, at(k / 4 * 2 + k % 2, k % 4 / 2));
+    }
+    std::vector<std::uint8_t> y(width * height), u(width * height / 4), v(width * height / 4);
+    ffmpeg::bgraToI420Bt709(bgra.data(), stride, width, height, y.data(), width, u.data(),
+                            width / 2, v.data(), width / 2);
+    std::vector<std::uint8_t> y2(width * height), uv(width * height / 2);
+    ffmpeg::bgraToNv12Bt709(bgra.data(), stride, width, height, y2.data(), width, uv.data(), width);
+    EXPECT_EQ(y, y2);
+    int worst = 0;
+    auto compare = [&](int got, double expected) {
+        worst = std::max(worst, int(std::abs(got - expected) + 0.5));
+    };
+    for (int row = 0; row < height; ++row) {
+        for (int x = 0; x < width; ++x) {
+            compare(y[row * width + x], bt709(at(x, row)[2], at(x, row)[1], at(x, row)[0])[0]);
+        }
+    }
+    for (int row = 0; row < height / 2; ++row) {
+        for (int x = 0; x < width / 2; ++x) {
+            double rgb[3] = {0, 0, 0};
+            for (int corner = 0; corner < 4; ++corner) {
+                const std::uint8_t* p = at(2 * x + corner % 2, 2 * row + corner / 2);
+                for (int c = 0; c < 3; ++c) {
+                    rgb[c] += p[2 - c] / 4.0;
+                }
+            }
+            const auto expected = bt709(rgb[0], rgb[1], rgb[2]);
+            const int i = row * (width / 2) + x;
+            compare(u[i], expected[1]);
+            compare(v[i], expected[2]);
+            EXPECT_EQ(uv[2 * i], u[i]);
+            EXPECT_EQ(uv[2 * i + 1], v[i]);
+        }
+    }
+    EXPECT_LE(worst, 1);
+    // The ends of the limited range, neutral grey chroma, the tops of Cr and Cb.
+    EXPECT_EQ(y[0], 16);
+    EXPECT_EQ(y[2], 235);
+    EXPECT_EQ(std::vector<int>({u[0], v[0], u[1], v[1], v[2], u[3]}),
+              std::vector<int>({128, 128, 128, 128, 240, 240}));
 }
 
 }  // namespace
