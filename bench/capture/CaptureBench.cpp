@@ -9,6 +9,7 @@
 //
 //   pavix-bench-capture [--seconds N] [--repeats N]
 //                       [--content animated,scrolling,video,still,popups,large]
+//                       [--effort full|reduced]
 
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
@@ -39,6 +40,7 @@
 
 #include "core/capture/CaptureEncoding.h"
 #include "core/capture/CaptureWriter.h"
+#include "core/capture/EncoderBudget.h"
 #include "linux/FfmpegColourConversion.h"
 #include "linux/FfmpegEncoderProbe.h"
 #include "linux/FfmpegH264.h"
@@ -72,6 +74,7 @@ struct Settings {
     int repeats = 3;
     std::vector<std::string> contents = {"animated", "scrolling", "video",
                                          "still",    "popups",    "large"};
+    std::optional<pavix::EncoderEffort> effort;  // instead of the one Pavix would choose
 };
 
 // One run of one row.
@@ -333,26 +336,53 @@ class LargeScreen {
     pid_t server_ = -1;
 };
 
-// The size Pavix itself chooses for a screen of `screen`: the first candidate this machine can
-// encode (asked in a child process, so that this one starts no encoder threads).
-Size chosenSize(Size screen) {
+// What Pavix records a source of `size` at on this machine, and why.
+struct Choice {
+    Size size{0, 0};
+    pavix::EncoderEffort effort = pavix::EncoderEffort::full;
+    std::string reason;  // the plan's log line
+    const char* preset() const {
+        return effort == pavix::EncoderEffort::full ? "veryfast" : "superfast";
+    }
+};
+
+// The size and effort Pavix itself chooses for a source of `source`, the way a recording's start
+// chooses them: the candidates this machine can encode, then the encoder's budget on its
+// measured cost (asked in a child process, so that this one starts no encoder threads).
+Choice chosenEncoding(Size source) {
     std::string chosen;
     inChild(
         [&] {
             pavix::FfmpegEncoderProbe probe;
-            auto encoding = pavix::CaptureEncoding::choose(
-                pavix::CaptureEncoding::candidates(screen.width, screen.height, 1.0),
-                [&](const pavix::CaptureEncoding& candidate) {
-                    return pavix::CaptureWriter::canEncode(candidate, std::nullopt, probe);
-                });
-            return encoding ? std::to_string(encoding->size.width) + " " +
-                                  std::to_string(encoding->size.height)
-                            : std::string("0 0");
+            std::vector<pavix::CaptureEncoding> kept;
+            for (const auto& candidate :
+                 pavix::CaptureEncoding::candidates(source.width, source.height, 1.0)) {
+                if (pavix::CaptureWriter::canEncode(candidate, std::nullopt, probe)) {
+                    kept.push_back(candidate);
+                }
+            }
+            auto plan = pavix::EncoderBudget::plan(
+                kept,
+                [&](const pavix::CaptureEncoding& encoding) {
+                    return probe.cpuSecondsPerFrame(pavix::CaptureWriter::settings(encoding));
+                },
+                std::thread::hardware_concurrency(), pavix::CaptureWriter::frameRate);
+            if (plan.encodings.empty()) {
+                return std::string("0 0 0");
+            }
+            const auto& first = plan.encodings.front();
+            return std::to_string(first.size.width) + " " + std::to_string(first.size.height) +
+                   " " + std::to_string(int(first.effort)) + " " +
+                   pavix::EncoderBudget::describe(plan);
         },
         chosen);
-    Size size;
-    std::istringstream(chosen) >> size.width >> size.height;
-    return size;
+    Choice choice;
+    int effort = 0;
+    std::istringstream fields(chosen);
+    fields >> choice.size.width >> choice.size.height >> effort;
+    choice.effort = pavix::EncoderEffort(effort);
+    std::getline(fields >> std::ws, choice.reason);
+    return choice;
 }
 
 // Frames and duration of a file's video, from ffprobe.
@@ -377,15 +407,15 @@ void probe(const fs::path& file, Run& run) {
 // Records the first display at `size` (the screen is fitted to it when it differs), or with
 // `window`, that window with its pop-ups: the application's windows in the region of `size`
 // at the origin, as Pavix records a window of an application it knows.
-Run recordWithPavix(const fs::path& file, const Settings& settings, Size size = {},
+Run recordWithPavix(const fs::path& file, const Settings& settings, const Choice& choice,
                     unsigned long window = 0) {
-    const int width = size.width, height = size.height;
+    const int width = choice.size.width, height = choice.size.height;
     std::string report;
     auto usage = inChild(
         [&] {
             pavix::CaptureEncoding encoding{pavix::CaptureGeometry{width, height},
                                             pavix::CaptureEncoding::bitrateFor(width, height),
-                                            false};
+                                            false, choice.effort};
             pavix::CaptureWriter writer(file.string(), encoding,
                                         std::make_unique<pavix::FfmpegVideoEncoder>());
             pavix::X11CaptureStream stream;
@@ -451,11 +481,11 @@ Run recordWithPavix(const fs::path& file, const Settings& settings, Size size = 
 }
 
 // ffmpeg at Pavix's settings: 4:2:0 with BT.709 limited range, the same average and peak bit
-// rate, High profile, no B-frames, a key frame every 2 s, preset veryfast, zero latency; each
-// grabbed picture written once (no repeats to hold a constant rate).
-Run recordWithFfmpeg(const fs::path& file, const Settings& settings, Size screen = {},
-                     Size size = {}) {
-    const int width = size.width, height = size.height;
+// rate, High profile, no B-frames, a key frame every 2 s, the preset of Pavix's effort, zero
+// latency; each grabbed picture written once (no repeats to hold a constant rate).
+Run recordWithFfmpeg(const fs::path& file, const Settings& settings, Size screen,
+                     const Choice& choice) {
+    const int width = choice.size.width, height = choice.size.height;
     const auto bitrate = std::to_string(pavix::CaptureEncoding::bitrateFor(width, height));
     const auto peak = std::to_string(2 * pavix::CaptureEncoding::bitrateFor(width, height));
     auto started = std::chrono::steady_clock::now();
@@ -467,7 +497,7 @@ Run recordWithFfmpeg(const fs::path& file, const Settings& settings, Size screen
     add({"-i", std::getenv("DISPLAY"), "-t", std::to_string(settings.seconds)});
     add({"-vf", "scale=" + std::to_string(width) + ":" + std::to_string(height) +
                     ":out_color_matrix=bt709:out_range=tv,format=yuv420p"});
-    add({"-c:v", "libx264", "-preset", "veryfast", "-tune", "zerolatency"});
+    add({"-c:v", "libx264", "-preset", choice.preset(), "-tune", "zerolatency"});
     add({"-profile:v", "high"});
     add({"-b:v", bitrate, "-maxrate", peak, "-bufsize", peak, "-bf", "0", "-g", "120"});
     add({"-color_primaries", "bt709", "-color_trc", "bt709", "-colorspace", "bt709"});
@@ -487,7 +517,8 @@ Run recordWithFfmpeg(const fs::path& file, const Settings& settings, Size screen
 
 // libx264 alone, opened exactly as Pavix opens it, encoding `frames` pictures of the animated
 // content from memory at 60 fps. The CPU spent painting the pictures is not counted.
-Run encodeAlone(long frames, const Settings& settings) {
+Run encodeAlone(long frames, const Settings& settings, const Choice& choice) {
+    const int width = choice.size.width, height = choice.size.height;
     std::string report;
     auto usage = inChild(
         [&] {
@@ -495,6 +526,7 @@ Run encodeAlone(long frames, const Settings& settings) {
             encoderSettings.width = width;
             encoderSettings.height = height;
             encoderSettings.bitrate = pavix::CaptureEncoding::bitrateFor(width, height);
+            encoderSettings.effort = choice.effort;
             std::string why;
             auto opened = pavix::ffmpeg::openH264(encoderSettings, true, &why);
             if (!opened.context) {
@@ -525,7 +557,7 @@ Run encodeAlone(long frames, const Settings& settings) {
                 auto Y = std::uint8_t(16 + 219 * y);
                 auto U = std::uint8_t(128 + 224 * (b - y) / 1.8556);
                 auto V = std::uint8_t(128 + 224 * (r - y) / 1.5748);
-                const int bar = barAt(unsigned(n));
+                const int bar = barAt(unsigned(n), width);
                 for (int row = 0; row < height; ++row) {
                     auto* line = frame->data[0] + row * frame->linesize[0];
                     std::memset(line, Y, width);
@@ -670,6 +702,10 @@ Settings parse(int argc, char** argv) {
             settings.seconds = std::max(1, std::atoi(value));
         } else if (option == "--repeats" && value) {
             settings.repeats = std::max(1, std::atoi(value));
+        } else if (option == "--effort" && value &&
+                   (std::string(value) == "full" || std::string(value) == "reduced")) {
+            settings.effort = std::string(value) == "full" ? pavix::EncoderEffort::full
+                                                           : pavix::EncoderEffort::reduced;
         } else if (option == "--content" && value) {
             settings.contents.clear();
             std::stringstream list(value);
@@ -679,7 +715,8 @@ Settings parse(int argc, char** argv) {
         } else {
             std::fprintf(stderr,
                          "usage: pavix-bench-capture [--seconds N] [--repeats N] "
-                         "[--content animated,scrolling,video,still,popups,large]\n");
+                         "[--content animated,scrolling,video,still,popups,large] "
+                         "[--effort full|reduced]\n");
             std::exit(2);
         }
         ++i;
@@ -721,11 +758,13 @@ int main(int argc, char** argv) {
         if (content == "large") {
             large.emplace();
             screen = size = LargeScreen::size;
-            size = chosenSize(screen);
-            if (size.width == 0) {
-                std::printf("\nlarge: no size of a 2560x1440 screen can be encoded here\n");
-                continue;
-            }
+        }
+        // Every row records at the size and effort a recording of that source would choose.
+        Choice choice = chosenEncoding(size);
+        if (choice.size.width == 0) {
+            std::printf("\n%s: no size of a %s source can be encoded here\n", content.c_str(),
+                        size.text().c_str());
+            continue;
         }
         pid_t source = content == "video"   ? startVideo()
                        : content == "large" ? startWindow("animated", screen)
@@ -733,8 +772,14 @@ int main(int argc, char** argv) {
         std::this_thread::sleep_for(1s);  // let the first pictures land
         std::printf("\n%s\n", content.c_str());
         if (large) {
-            std::printf("a %s screen; Pavix chose to record it at %s\n", screen.text().c_str(),
-                        size.text().c_str());
+            std::printf("a %s screen\n", screen.text().c_str());
+        }
+        std::printf("%s (preset %s)\n", choice.reason.c_str(), choice.preset());
+        if (settings.effort && *settings.effort != choice.effort) {
+            choice.effort = *settings.effort;
+            std::printf("recorded at %s effort instead (preset %s), as asked\n",
+                        choice.effort == pavix::EncoderEffort::full ? "full" : "reduced",
+                        choice.preset());
         }
         if (content == "popups") {
             std::printf(
@@ -747,9 +792,10 @@ int main(int argc, char** argv) {
         std::vector<Run> ours, theirs;
         for (int i = 0; i < settings.repeats; ++i) {
             const auto name = std::to_string(i) + ".mp4";
-            ours.push_back(recordWithPavix(folder / ("pavix-" + name), settings, size,
+            ours.push_back(recordWithPavix(folder / ("pavix-" + name), settings, choice,
                                            content == "popups" ? recorded : 0));
-            theirs.push_back(recordWithFfmpeg(folder / ("ffmpeg-" + name), settings, screen, size));
+            theirs.push_back(
+                recordWithFfmpeg(folder / ("ffmpeg-" + name), settings, screen, choice));
         }
         stopChild(source);
         print("Pavix", ours);
@@ -764,7 +810,7 @@ int main(int argc, char** argv) {
             std::vector<Run> alone;
             const long frames = long(median(ours, &Run::fps) * settings.seconds);
             for (int i = 0; i < settings.repeats; ++i) {
-                alone.push_back(encodeAlone(frames, settings));
+                alone.push_back(encodeAlone(frames, settings, choice));
             }
             print("libx264 alone, same frames", alone);
             std::printf("%-30s %20s %6s %8s %20.2f\n", "Pavix / libx264 alone", "", "", "",

@@ -1,5 +1,6 @@
 #include "linux/FfmpegEncoderProbe.h"
 
+#include "linux/FfmpegEncoderCost.h"
 #include "linux/FfmpegH264.h"
 
 namespace pavix {
@@ -8,6 +9,23 @@ bool FfmpegEncoderProbe::canOpen(const VideoEncoderSettings& settings) {
     std::string why;
     auto opened = ffmpeg::openH264(settings, true, &why);
     return opened.context != nullptr;  // closed again as `opened` goes
+}
+
+std::optional<double> FfmpegEncoderProbe::cpuSecondsPerFrame(const VideoEncoderSettings& settings) {
+    if (settings.requiresHardware || settings.width <= 0 || settings.height <= 0) {
+        return std::nullopt;
+    }
+    const double pixels = double(settings.width) * double(settings.height);
+    std::lock_guard lock(mutex_);
+    auto known = secondsPerPixel_.find(settings.effort);
+    if (known == secondsPerPixel_.end()) {
+        auto measured = ffmpeg::measureCpuPerFrame(settings);
+        if (!measured) {
+            return std::nullopt;
+        }
+        known = secondsPerPixel_.emplace(settings.effort, *measured / pixels).first;
+    }
+    return known->second * pixels;
 }
 
 }  // namespace pavix

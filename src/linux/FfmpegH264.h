@@ -1,9 +1,9 @@
 #pragma once
 
 // The H.264 encoder set up exactly as a recording uses it, shared by the encoder probe and the
-// video encoder: libx264 (High profile, preset veryfast, tune zerolatency, no B-frames, key frame
-// at most every 2 s, BT.709 limited range, average bit rate), or with `requiresHardware` a
-// VAAPI encoder with the same settings.
+// video encoder: libx264 (High profile, preset veryfast, or superfast at reduced effort, tune
+// zerolatency, no B-frames, key frame at most every 2 s, BT.709 limited range, average bit
+// rate), or with `requiresHardware` a VAAPI encoder with the same settings.
 
 #include <memory>
 #include <string>

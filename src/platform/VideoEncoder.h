@@ -7,6 +7,11 @@
 
 namespace pavix {
 
+// How much work the encoder spends on each frame. `reduced` takes about two thirds of the CPU
+// time of `full` for a somewhat coarser picture at the same bit rate; a machine that cannot hold
+// the frame rate at `full` records at `reduced` rather than dropping frames.
+enum class EncoderEffort { full, reduced };
+
 // What a recording is encoded with: H.264 High profile, no B-frames, a key frame at least every
 // `maxKeyFrameIntervalNs`, BT.709 colours in limited range, `bitrate` on average, frames expected
 // at `frameRate` per second. With `requiresHardware` only a hardware encoder may be used.
@@ -17,6 +22,7 @@ struct VideoEncoderSettings {
     int frameRate = 60;
     std::int64_t maxKeyFrameIntervalNs = 2'000'000'000;
     bool requiresHardware = false;
+    EncoderEffort effort = EncoderEffort::full;  // a software encoder's; hardware ignores it
 };
 
 // One H.264 video being written to one MPEG-4 file. Used from one thread at a time (the

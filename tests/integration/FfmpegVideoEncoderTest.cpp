@@ -93,20 +93,25 @@ class FfmpegVideoEncoderTest : public ::testing::Test {
   protected:
     // A 640×360 recording into `name` with the real encoder.
     std::unique_ptr<CaptureWriter> writerFor(const std::string& name, int width = 640,
-                                             int height = 360) {
+                                             int height = 360,
+                                             EncoderEffort effort = EncoderEffort::full) {
         return std::make_unique<CaptureWriter>(
             path(name),
             CaptureEncoding{CaptureGeometry{width, height},
-                            CaptureEncoding::bitrateFor(width, height), false},
+                            CaptureEncoding::bitrateFor(width, height), false, effort},
             std::make_unique<FfmpegVideoEncoder>());
     }
     std::string path(const std::string& name) const { return dir / name; }
     test::ScratchFolder dir{"writer"};
 };
 
-TEST_F(FfmpegVideoEncoderTest, ThreeSecondsOfMovingContentReadBackAsSpecified) {
+// At either effort the file keeps every rule.
+class FfmpegVideoEncoderEffortTest : public FfmpegVideoEncoderTest,
+                                     public ::testing::WithParamInterface<EncoderEffort> {};
+
+TEST_P(FfmpegVideoEncoderEffortTest, ThreeSecondsOfMovingContentReadBackAsSpecified) {
     const mode_t oldMask = umask(0);  // the file is private whatever the umask
-    auto writer = writerFor("Pavix-a.mp4", 1280, 720);
+    auto writer = writerFor("Pavix-a.mp4", 1280, 720, GetParam());
     umask(oldMask);
     int firstFrames = 0;
     writer->setOnFirstFrame([&] { ++firstFrames; });
@@ -147,7 +152,19 @@ TEST_F(FfmpegVideoEncoderTest, ThreeSecondsOfMovingContentReadBackAsSpecified) {
     EXPECT_EQ(boxes[1], "moov");
     EXPECT_EQ(std::count(boxes.begin(), boxes.end(), "moof"), 0);
     EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 1);
+    // libx264 writes its options into the stream: the effort reached the encoder ("veryfast"
+    // searches with subme=2, "superfast" with subme=1).
+    std::ifstream in(path("Pavix-a.mp4"), std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(in)), {});
+    EXPECT_NE(bytes.find(GetParam() == EncoderEffort::full ? " subme=2 " : " subme=1 "),
+              std::string::npos);
 }
+
+INSTANTIATE_TEST_SUITE_P(Effort, FfmpegVideoEncoderEffortTest,
+                         ::testing::Values(EncoderEffort::full, EncoderEffort::reduced),
+                         [](const auto& info) {
+                             return info.param == EncoderEffort::full ? "Full" : "Reduced";
+                         });
 
 TEST_F(FfmpegVideoEncoderTest, StaticContentEndsAtTheStopTimeAndKeyFramesFollowTime) {
     auto writer = writerFor("Pavix-b.mp4");
@@ -277,6 +294,21 @@ TEST(FfmpegEncoderProbe, AcceptsAnOrdinarySizeAndRequiresHardwareOnlyWithVaapi) 
     VideoEncoderSettings odd = CaptureWriter::settings(candidates[2]);
     odd.width = 1279;
     EXPECT_FALSE(probe.canOpen(odd));
+
+    // The cost of a frame: measured once per effort, then scaled by the pixel count; nothing
+    // for a size that needs hardware.
+    EXPECT_EQ(probe.cpuSecondsPerFrame(CaptureWriter::settings(candidates[0])), std::nullopt);
+    for (auto effort : {EncoderEffort::full, EncoderEffort::reduced}) {
+        auto large = CaptureWriter::settings(candidates[1]),
+             small = CaptureWriter::settings(candidates[2]);
+        large.effort = small.effort = effort;
+        const auto perLarge = probe.cpuSecondsPerFrame(large);
+        ASSERT_TRUE(perLarge);
+        EXPECT_GT(*perLarge, 0);
+        EXPECT_LT(*perLarge, 1.0);  // CPU seconds for one frame, not milliseconds
+        EXPECT_NEAR(*probe.cpuSecondsPerFrame(small) / *perLarge, 1280.0 * 720 / (1920 * 1080),
+                    1e-9);
+    }
 }
 
 // A reference file made by the ffmpeg tool, independent of our encoder, and a non-video.

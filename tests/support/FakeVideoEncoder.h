@@ -63,9 +63,17 @@ class FakeEncoderProbe : public EncoderProbe {
     std::function<bool(const VideoEncoderSettings&)> rule = [](const auto&) { return true; };
     std::vector<VideoEncoderSettings> asked;
 
+    // CPU seconds a frame costs; by default nothing, as a hardware encoder.
+    std::function<std::optional<double>(const VideoEncoderSettings&)> cost = [](const auto&) {
+        return std::optional<double>();
+    };
+
     bool canOpen(const VideoEncoderSettings& settings) override {
         asked.push_back(settings);
         return rule(settings);
+    }
+    std::optional<double> cpuSecondsPerFrame(const VideoEncoderSettings& settings) override {
+        return cost(settings);
     }
 };
 

@@ -12,6 +12,7 @@
 #include "core/capture/CaptureLayers.h"
 #include "core/capture/CaptureSources.h"
 #include "core/capture/CaptureWriter.h"
+#include "core/capture/EncoderBudget.h"
 #include "support/FakeVideoEncoder.h"
 
 namespace pavix {
@@ -224,6 +225,108 @@ TEST(CaptureEncoding, TheFirstCandidateUnderTheUsersCapThatTheEncoderTakesIsChos
     EXPECT_EQ(s.frameRate, 60);
     EXPECT_EQ(s.maxKeyFrameIntervalNs, 2'000'000'000);
     EXPECT_TRUE(s.requiresHardware);
+}
+
+// Costs in CPU seconds per second of video per million pixels, at 60 fps; a size needing
+// hardware costs nothing.
+struct BudgetCase {
+    const char* name;
+    unsigned processors;
+    double full, reduced;
+    bool hardware;                      // the 2560×1440 candidate is among the kept
+    std::vector<std::string> expected;  // "WxH effort" of the chosen encoding, then fall-backs
+    bool fits;
+    int asked;  // costs measured
+};
+
+TEST(EncoderBudget, TheLargestSizeAndEffortThatHoldsTheFrameRateWithinHalfTheMachine) {
+    const BudgetCase cases[] = {
+        {"four processors hold 1080p at full effort",
+         4,
+         0.6,
+         0.4,
+         false,
+         {"1920x1080 full", "1280x720 full"},
+         true,
+         2},
+        {"two fall back to reduced effort",
+         2,
+         0.6,
+         0.4,
+         false,
+         {"1920x1080 reduced", "1280x720 full"},
+         true,
+         3},
+        {"one keeps full effort at a smaller size", 1, 0.5, 0.4, false, {"1280x720 full"}, true, 3},
+        {"nothing fits: the smallest at reduced effort",
+         1,
+         2.0,
+         1.5,
+         false,
+         {"1280x720 reduced"},
+         false,
+         4},
+        {"an unknown processor count counts as one",
+         0,
+         0.5,
+         0.4,
+         false,
+         {"1280x720 full"},
+         true,
+         3},
+        {"a hardware encoder costs the processors nothing",
+         2,
+         0.6,
+         0.4,
+         true,
+         {"2560x1440 full", "1920x1080 reduced", "1280x720 full"},
+         true,
+         4},
+    };
+    for (const auto& c : cases) {
+        auto kept = CaptureEncoding::candidates(2560, 1440, 1.0);
+        ASSERT_EQ(kept.size(), 3u);
+        if (!c.hardware) {
+            kept.erase(kept.begin());
+        }
+        int asked = 0;
+        auto cost = [&](const CaptureEncoding& e) -> std::optional<double> {
+            ++asked;
+            if (e.requiresHardware) {
+                return std::nullopt;
+            }
+            const double perMillion = e.effort == EncoderEffort::full ? c.full : c.reduced;
+            return double(e.size.width * e.size.height) / 1e6 * perMillion / 60;
+        };
+        const auto plan = EncoderBudget::plan(kept, cost, c.processors, 60);
+        std::vector<std::string> chosen;
+        for (const auto& e : plan.encodings) {
+            chosen.push_back(std::to_string(e.size.width) + "x" + std::to_string(e.size.height) +
+                             (e.effort == EncoderEffort::full ? " full" : " reduced"));
+        }
+        EXPECT_EQ(chosen, c.expected) << c.name;
+        EXPECT_EQ(plan.fits, c.fits) << c.name;
+        EXPECT_EQ(asked, c.asked) << c.name;
+        EXPECT_DOUBLE_EQ(plan.budget, 0.5 * std::max(1u, c.processors)) << c.name;
+        EXPECT_EQ(CaptureWriter::settings(plan.encodings.front()).effort,
+                  plan.encodings.front().effort)
+            << c.name;
+    }
+    EXPECT_TRUE(EncoderBudget::plan(
+                    {}, [](const auto&) { return 1.0; }, 2, 60)
+                    .encodings.empty());
+
+    auto two = CaptureEncoding::candidates(1920, 1080, 1.0);
+    auto fixed = [](double full, double reduced) {
+        return [=](const CaptureEncoding& e) {
+            return std::optional(e.effort == EncoderEffort::full ? full : reduced);
+        };
+    };
+    EXPECT_EQ(EncoderBudget::describe(EncoderBudget::plan(two, fixed(0.02, 0.014), 2, 60)),
+              "encoder: 1920x1080 at reduced effort, 0.84 of 1.00 CPU s/s");
+    EXPECT_EQ(EncoderBudget::describe(EncoderBudget::plan(two, fixed(0.03, 0.02), 2, 60)),
+              "encoder: 1280x720 at reduced effort, 1.20 of 1.00 CPU s/s (over budget: frames "
+              "may be shed)");
 }
 
 using Rect = CaptureLayers::Rect;

@@ -5,11 +5,13 @@
 #include <asio/use_awaitable.hpp>
 #include <cmath>
 #include <system_error>
+#include <thread>
 
 #include "core/capture/CaptureError.h"
 #include "core/capture/CaptureGuards.h"
 #include "core/capture/CaptureStill.h"
 #include "core/capture/CaptureWriter.h"
+#include "core/capture/EncoderBudget.h"
 #include "core/runtime/Offload.h"
 #include "core/runtime/Sleep.h"
 #include "core/session/ErrorText.h"
@@ -171,6 +173,8 @@ asio::awaitable<void> Capture::start(CaptureSource source, std::filesystem::path
             maxWidth = static_cast<std::int64_t>(*value);
         }
     }
+    // Which sizes the machine can encode, then at which size and effort it holds the frame rate
+    // (measured once per effort, then remembered by the probe).
     auto probe = [candidates, maxWidth, encoderProbe = parts_.platform.probe] {
         std::vector<CaptureEncoding> kept;
         for (const auto& candidate : candidates) {
@@ -178,12 +182,18 @@ asio::awaitable<void> Capture::start(CaptureSource source, std::filesystem::path
                 kept.push_back(candidate);
             }
         }
-        return kept;
+        auto cost = [encoderProbe](const CaptureEncoding& encoding) {
+            return encoderProbe->cpuSecondsPerFrame(CaptureWriter::settings(encoding));
+        };
+        return EncoderBudget::plan(kept, cost, std::thread::hardware_concurrency(),
+                                   CaptureWriter::frameRate);
     };
-    auto kept = co_await offload(*parts_.pool, probe);
+    const auto plan = co_await offload(*parts_.pool, probe);
+    const auto& kept = plan.encodings;
     if (kept.empty()) {
         throw PavixError(cannotEncodeMessage);
     }
+    log(EncoderBudget::describe(plan));
 
     failure_ = nullptr;
     region_ = framing.region;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "core/capture/CaptureGeometry.h"
+#include "platform/VideoEncoder.h"
 
 namespace pavix {
 
@@ -13,8 +14,9 @@ namespace pavix {
 // the capture session keeps those the machine can encode and falls back along them.
 struct CaptureEncoding {
     CaptureGeometry size;
-    std::int64_t bitrate = 0;       // bits per second, a multiple of 1000
-    bool requiresHardware = false;  // more pixels than 1920×1080
+    std::int64_t bitrate = 0;                    // bits per second, a multiple of 1000
+    bool requiresHardware = false;               // more pixels than 1920×1080
+    EncoderEffort effort = EncoderEffort::full;  // chosen by EncoderBudget for this machine
 
     // Pixel count above which a size needs a hardware encoder (1920×1080).
     static constexpr std::int64_t hardwarePixelCount = 2'073'600;

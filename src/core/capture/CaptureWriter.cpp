@@ -35,6 +35,7 @@ VideoEncoderSettings CaptureWriter::settings(const CaptureEncoding& encoding) {
     settings.frameRate = frameRate;
     settings.maxKeyFrameIntervalNs = maxKeyFrameIntervalNs;
     settings.requiresHardware = encoding.requiresHardware;
+    settings.effort = encoding.effort;
     return settings;
 }
 
