@@ -52,6 +52,16 @@ const ShareableWindow* findWindow(const ShareableContentSnapshot& content, std::
     return nullptr;
 }
 
+// The size and effort to start at among the encodable candidates `kept`, on this machine's
+// processors and the probe's measured cost of a frame. Blocking: call it on the pool.
+EncoderBudget::Plan planEncoding(const std::vector<CaptureEncoding>& kept, EncoderProbe& probe) {
+    auto cost = [&probe](const CaptureEncoding& encoding) {
+        return probe.cpuSecondsPerFrame(CaptureWriter::settings(encoding));
+    };
+    return EncoderBudget::plan(kept, cost, std::thread::hardware_concurrency(),
+                               CaptureWriter::frameRate);
+}
+
 }  // namespace
 
 Capture::EncoderRejected::EncoderRejected(std::exception_ptr error)
@@ -131,6 +141,17 @@ Capture::Framing Capture::withPopups(const CaptureSource& source,
     return framing;
 }
 
+void Capture::prepareEncoder() {
+    if (encoderPrepared_ || !parts_.platform.probe || parts_.pool == nullptr) {
+        return;
+    }
+    encoderPrepared_ = true;
+    // The pool is joined before the platform parts go, so the probe outlives this work.
+    asio::post(*parts_.pool, [probe = parts_.platform.probe] {
+        planEncoding(CaptureEncoding::candidates(1920, 1080, 1.0), *probe);
+    });
+}
+
 asio::awaitable<void> Capture::start(CaptureSource source, std::filesystem::path file) {
     if (running()) {
         throw PavixError(alreadyRecordingMessage);
@@ -182,11 +203,7 @@ asio::awaitable<void> Capture::start(CaptureSource source, std::filesystem::path
                 kept.push_back(candidate);
             }
         }
-        auto cost = [encoderProbe](const CaptureEncoding& encoding) {
-            return encoderProbe->cpuSecondsPerFrame(CaptureWriter::settings(encoding));
-        };
-        return EncoderBudget::plan(kept, cost, std::thread::hardware_concurrency(),
-                                   CaptureWriter::frameRate);
+        return planEncoding(kept, *encoderProbe);
     };
     const auto plan = co_await offload(*parts_.pool, probe);
     const auto& kept = plan.encodings;

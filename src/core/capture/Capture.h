@@ -102,6 +102,11 @@ class Capture {
     // owner-only and returns its path. Concurrent calls share one stop.
     asio::awaitable<std::filesystem::path> stop();
 
+    // Measures on the worker pool what the encoder costs on this machine, as the start of a
+    // 1920×1080 source would, so that the start after an approval need not wait for it (the
+    // probe remembers the figures). Only the first call does anything.
+    void prepareEncoder();
+
     // One PNG picture of `source` at its own size, from a stream of its own. Throws when the
     // source cannot be captured.
     asio::awaitable<std::vector<std::uint8_t>> still(CaptureSource source);
@@ -151,6 +156,7 @@ class Capture {
     Parts parts_;
     std::shared_ptr<Attempt> current_;  // the running capture, from its first frame to its stop
     bool starting_ = false;
+    bool encoderPrepared_ = false;
     std::exception_ptr failure_;
     std::optional<std::chrono::steady_clock::time_point> started_;
     std::int64_t durationMs_ = 0;

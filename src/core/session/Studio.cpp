@@ -122,6 +122,8 @@ void Studio::setCode(const std::string& code) {
 void Studio::setConsent(bool consent) {
     if (!transition([&](RecordingLifecycle& l) { return l.approve(consent); })) {
         log("consent refused while a recording is under way");
+    } else if (consent) {
+        capture_->prepareEncoder();  // a recording is likely to follow
     }
 }
 
