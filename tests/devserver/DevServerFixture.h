@@ -67,17 +67,15 @@ class FakeApp {
             h.emplace("Authorization", "Bearer " + token);
         return h;
     }
-    httplib::Client client(int readTimeoutS = 30) const {
+    httplib::Client client() const {
         httplib::Client c(base_);
-        c.set_read_timeout(readTimeoutS);
+        c.set_read_timeout(30);
         c.set_connection_timeout(5);
         return c;
     }
-    Answer post(const std::string& path, const json& body = json::object(),
-                int readTimeoutS = 30) const {
-        auto c = client(readTimeoutS);
+    Answer post(const std::string& path, const json& body = json::object()) const {
         return toAnswer(
-            c.Post("/local-browser/" + path, headers(), body.dump(), "application/json"));
+            client().Post("/local-browser/" + path, headers(), body.dump(), "application/json"));
     }
     Answer chunk(const std::string& id, int64_t offset, const std::string& bytes) const {
         auto c = client();
@@ -111,21 +109,19 @@ class FakeApp {
     std::string version_;
 };
 
-// The agent API.
 class Agent {
   public:
     Agent(std::string base, std::string key) : base_(std::move(base)), key_(std::move(key)) {}
-    Answer get(const std::string& path) const {
-        httplib::Client c(base_);
-        c.set_default_headers({{"X-Pavix-Agent-Key", key_}});
-        return toAnswer(c.Get(path));
-    }
-    Answer post(const std::string& path, const json& body = json::object(),
-                int readTimeoutS = 30) const {
+    httplib::Client client(int readTimeoutS = 30) const {
         httplib::Client c(base_);
         c.set_default_headers({{"X-Pavix-Agent-Key", key_}});
         c.set_read_timeout(readTimeoutS);
-        return toAnswer(c.Post(path, body.dump(), "application/json"));
+        return c;
+    }
+    Answer get(const std::string& path) const { return toAnswer(client().Get(path)); }
+    Answer post(const std::string& path, const json& body = json::object(),
+                int readTimeoutS = 30) const {
+        return toAnswer(client(readTimeoutS).Post(path, body.dump(), "application/json"));
     }
     std::string code() const { return post("/agent/pairing-codes").body.value("code", ""); }
     // Sends a command and waits for its result.
@@ -151,6 +147,12 @@ inline json okReply(json value) {
               {"identitySightings", json::array()}}}};
 }
 
+// What desktop-upload/<id>/begin announces for `data`.
+inline json announce(const std::string& data,
+                     json media = {{"width", 2}, {"height", 2}, {"durationMs", 1}}) {
+    return {{"bytes", data.size()}, {"sha256", ds::Digest::sha256(data)}, {"media", media}};
+}
+
 // `text` in capitals, as a client that does not keep ids in their lower-case form sends them.
 inline std::string upper(std::string text) {
     for (auto& ch : text)
@@ -158,7 +160,6 @@ inline std::string upper(std::string text) {
     return text;
 }
 
-// A service in-process on a free port.
 class ServiceTest : public ::testing::Test {
   protected:
     void SetUp() override { start(); }
@@ -177,10 +178,6 @@ class ServiceTest : public ::testing::Test {
         server->start();
         base = server->baseUrl();
         key = server->agentKey();
-    }
-    void restart() {
-        server.reset();
-        start();
     }
 
     void setPollHold(int ms) {

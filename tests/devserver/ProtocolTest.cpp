@@ -1,9 +1,12 @@
 // The session protocol (pairing, credentials, command loop, version check) against the service
-// in-process.
+// in-process, and several devices long-polling at once: each gets its own commands and nobody
+// else's.
 #include "DevServerFixture.h"
 
+#include <atomic>
 #include <chrono>
 #include <future>
+#include <mutex>
 #include <thread>
 
 namespace devtest {
@@ -24,7 +27,7 @@ class ProtocolTest : public ServiceTest {
     }
 };
 
-TEST_F(ProtocolTest, PairingAnswersTheIdentityAndTheCodeWorksOnce) {
+TEST_F(ProtocolTest, PairingAnswersTheIdentityTheCodeWorksOnceAndTheAgentSeesTheDevice) {
     Agent agent(base, key);
     auto code = agent.post("/agent/pairing-codes");
     ASSERT_EQ(code.status, 200);
@@ -53,6 +56,15 @@ TEST_F(ProtocolTest, PairingAnswersTheIdentityAndTheCodeWorksOnce) {
     EXPECT_EQ(devices[0]["deviceId"], app.deviceId());
     EXPECT_EQ(devices[0]["session"], true);
     EXPECT_EQ(devices[0]["name"], "test-box");
+
+    auto reported = app.post(
+        "diagnostics", {{"event", "pair_failed"}, {"code", "http_502"}, {"appVersion", "0.1.0"}});
+    ASSERT_EQ(reported.status, 200) << reported.raw;
+    auto list = agent.get("/agent/diagnostics").body["diagnostics"];
+    ASSERT_EQ(list.size(), 1u);
+    EXPECT_EQ(list[0]["event"], "pair_failed");
+    EXPECT_EQ(list[0]["code"], "http_502");
+    EXPECT_EQ(list[0]["deviceId"], app.deviceId());
 }
 
 class ShortLivedCredentials : public ServiceTest {
@@ -86,7 +98,7 @@ TEST_F(ShortLivedCredentials, ExpiredCodeAndExpiredAccessTokenAreRefused) {
     EXPECT_EQ(app.post("device/refresh", {{"refreshToken", replaced["refreshToken"]}}).status, 401);
 }
 
-TEST_F(ProtocolTest, RefreshRotatesBothTokensAndRetiresTheOldOnes) {
+TEST_F(ProtocolTest, RefreshRotatesBothTokensAndRetiresTheOldOnesAndTheAgentCanExpireThem) {
     FakeApp app = paired();
     json before = app.identity;
     auto r = app.refresh();
@@ -120,15 +132,12 @@ TEST_F(ProtocolTest, RefreshRotatesBothTokensAndRetiresTheOldOnes) {
         EXPECT_EQ(reuse.body["error"], "device_credentials_expired");
     }
     EXPECT_EQ(lostReply.post("poll").status, 200);
-}
-
-TEST_F(ProtocolTest, AgentCanExpireTheAccessToken) {
-    FakeApp app = paired();
-    Agent agent(base, key);
-    ASSERT_EQ(agent.post("/agent/devices/" + app.deviceId() + "/expire-access").status, 200);
-    auto a = app.post("poll");
-    EXPECT_EQ(a.status, 401);
-    EXPECT_EQ(a.body["error"], "device_credentials_expired");
+    // The agent can expire the access token at any time.
+    ASSERT_EQ(Agent(base, key).post("/agent/devices/" + app.deviceId() + "/expire-access").status,
+              200);
+    auto expired = lostReply.post("poll");
+    EXPECT_EQ(expired.status, 401);
+    EXPECT_EQ(expired.body["error"], "device_credentials_expired");
 }
 
 TEST_F(ProtocolTest, RevokeEndsTheCredentialForGood) {
@@ -144,7 +153,7 @@ TEST_F(ProtocolTest, RevokeEndsTheCredentialForGood) {
     EXPECT_EQ(Agent(base, key).get("/agent/devices").body["devices"][0]["state"], "revoked");
 }
 
-TEST_F(ProtocolTest, DisconnectEndsTheSessionAndResumeOpensANewOne) {
+TEST_F(ProtocolTest, DisconnectEndsTheSessionEvenInAHeldPollAndResumeOpensANewOneUnlessOff) {
     FakeApp app = paired();
     ASSERT_EQ(app.post("disconnect").status, 200);
     auto a = app.post("poll");
@@ -154,21 +163,29 @@ TEST_F(ProtocolTest, DisconnectEndsTheSessionAndResumeOpensANewOne) {
     auto resumed = app.post("device/resume");
     ASSERT_EQ(resumed.status, 200) << resumed.raw;
     EXPECT_EQ(app.post("poll").status, 200);
-}
 
-TEST_F(ProtocolTest, HeldPollIsEndedByDisconnectFromTheAgent) {
+    // The agent's disconnect ends a poll it holds at once.
     setPollHold(10000);
-    FakeApp app = paired();
     auto start = std::chrono::steady_clock::now();
     auto held = std::async(std::launch::async, [&] { return app.post("poll"); });
     std::this_thread::sleep_for(200ms);
     Agent(base, key).post("/agent/devices/" + app.deviceId() + "/disconnect");
-    auto a = held.get();
-    EXPECT_EQ(a.body["error"], "local_browser_disconnected");
+    EXPECT_EQ(held.get().body["error"], "local_browser_disconnected");
     EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
+
+    // With sessions turned off, neither a new pairing nor a resume opens one.
+    auto s = server->settings();
+    s.sessionsDisabled = true;
+    server->setSettings(s);
+    auto refused = FakeApp(base).pair(Agent(base, key).code());
+    EXPECT_EQ(refused.status, 503);
+    EXPECT_EQ(refused.body["error"], "desktop_sessions_disabled");
+    EXPECT_EQ(app.post("device/resume").body["error"], "desktop_sessions_disabled");
 }
 
-TEST_F(ProtocolTest, LongPollIsAnsweredByAQueuedCommandAndTheResultIsAcceptedOnce) {
+// A command reaches a held poll at once and ends in one result from its device, or is abandoned
+// when the device polls again without answering, or times out for the agent.
+TEST_F(ProtocolTest, ACommandIsAnsweredOnceOrAbandonedOrTimesOut) {
     setPollHold(10000);
     FakeApp app = paired();
     Agent agent(base, key);
@@ -181,67 +198,54 @@ TEST_F(ProtocolTest, LongPollIsAnsweredByAQueuedCommandAndTheResultIsAcceptedOnc
     auto envelope = held.get();
     ASSERT_EQ(envelope.status, 200) << envelope.raw;
     EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);  // answered well before the hold
+    setPollHold(300);
     auto cmd = envelope.body["command"];
     EXPECT_EQ(cmd["method"], "listSources");
     EXPECT_EQ(cmd["args"], json::array({json::object()}));
     std::string id = cmd["id"];
     EXPECT_TRUE(ds::Ids::isLowerUuid(id));
 
-    auto posted = app.post("result/" + id, okReply({{"sources", json::array()}}));
-    ASSERT_EQ(posted.status, 200) << posted.raw;
-    auto result = sent.get();
-    ASSERT_EQ(result.status, 200) << result.raw;
-    EXPECT_EQ(result.body["reply"]["value"], json({{"sources", json::array()}}));
-
-    auto twice = app.post("result/" + id, okReply(1));
-    EXPECT_EQ(twice.status, 409);
-    EXPECT_EQ(twice.body["error"], "result_already_received");
-    EXPECT_EQ(app.post("result/" + ds::Ids::uuid(), okReply(1)).body["error"], "command_not_found");
-    EXPECT_EQ(app.post("result/abc", okReply(1)).body["error"], "invalid_command_id");
-    // Nothing else is queued: the next poll is empty.
-    setPollHold(100);
-    EXPECT_EQ(app.post("poll").body, json::object());
-}
-
-TEST_F(ProtocolTest, ResultEnvelopesAreCheckedStrictly) {
-    FakeApp app = paired();
-    Agent agent(base, key);
-    auto sent = std::async(std::launch::async,
-                           [&] { return agent.send(app.deviceId(), "pressKey", {"Return"}); });
-    json cmd = takeCommand(app);
-    ASSERT_FALSE(cmd.is_null());
-    std::string path = "result/" + cmd["id"].get<std::string>();
+    std::string path = "result/" + id;
     EXPECT_EQ(app.post(path, {{"value", 1}}).body["error"], "invalid_result");  // no meta
     EXPECT_EQ(app.post(path, {{"error", "Nothing to click"}}).body["error"], "invalid_result");
     json noMode = okReply(1);
     noMode["meta"].erase("recordingMode");
     EXPECT_EQ(app.post(path, noMode).body["error"], "invalid_result");
-    auto ok = app.post(path, {{"error", "local_method_forbidden: missing ref"}});
-    EXPECT_EQ(ok.status, 200) << ok.raw;
+    auto posted = app.post(path, okReply({{"sources", json::array()}}));
+    ASSERT_EQ(posted.status, 200) << posted.raw;
     auto result = sent.get();
-    EXPECT_EQ(result.body["reply"], json({{"error", "local_method_forbidden: missing ref"}}));
-}
+    ASSERT_EQ(result.status, 200) << result.raw;
+    EXPECT_EQ(result.body["reply"]["value"], json({{"sources", json::array()}}));
+    auto twice = app.post(path, okReply(1));
+    EXPECT_EQ(twice.status, 409);
+    EXPECT_EQ(twice.body["error"], "result_already_received");
+    EXPECT_EQ(app.post("result/" + ds::Ids::uuid(), okReply(1)).body["error"], "command_not_found");
+    EXPECT_EQ(app.post("result/abc", okReply(1)).body["error"], "invalid_command_id");
 
-TEST_F(ProtocolTest, ACommandDroppedByTheDeviceIsAbandonedWhenItPollsAgain) {
-    FakeApp app = paired();
-    Agent agent(base, key);
-    auto sent =
-        std::async(std::launch::async, [&] { return agent.send(app.deviceId(), "screenshot"); });
-    json cmd = takeCommand(app);
+    // A device's refusal is an error envelope, handed to the agent as it came.
+    sent = std::async(std::launch::async,
+                      [&] { return agent.send(app.deviceId(), "pressKey", {"Return"}); });
+    cmd = takeCommand(app);
+    ASSERT_FALSE(cmd.is_null());
+    auto refusal = app.post("result/" + cmd["id"].get<std::string>(),
+                            {{"error", "local_method_forbidden: missing ref"}});
+    EXPECT_EQ(refusal.status, 200) << refusal.raw;
+    EXPECT_EQ(sent.get().body["reply"], json({{"error", "local_method_forbidden: missing ref"}}));
+
+    sent = std::async(std::launch::async, [&] { return agent.send(app.deviceId(), "screenshot"); });
+    cmd = takeCommand(app);
     ASSERT_FALSE(cmd.is_null());
     app.post("poll");  // a new connection generation polls without answering
-    auto result = sent.get();
-    EXPECT_EQ(result.status, 502);
-    EXPECT_EQ(result.body["error"], "command_abandoned");
+    auto abandoned = sent.get();
+    EXPECT_EQ(abandoned.status, 502);
+    EXPECT_EQ(abandoned.body["error"], "command_abandoned");
     EXPECT_EQ(app.post("result/" + cmd["id"].get<std::string>(), okReply(1)).body["error"],
               "command_not_pending");
-}
 
-TEST_F(ProtocolTest, AnUnansweredCommandTimesOutForTheAgentAndIsNeverDeliveredLate) {
-    FakeApp app = paired();
-    auto result = Agent(base, key).send(app.deviceId(), "screenshot", json::array(), 300);
-    EXPECT_EQ(result.status, 504);
-    EXPECT_EQ(result.body["error"], "command_timeout");
+    // One nobody fetched is never delivered late.
+    auto late = agent.send(app.deviceId(), "screenshot", json::array(), 300);
+    EXPECT_EQ(late.status, 504);
+    EXPECT_EQ(late.body["error"], "command_timeout");
     EXPECT_EQ(app.post("poll").body, json::object());
 }
 
@@ -251,21 +255,21 @@ TEST_F(ProtocolTest, OldAppVersionsAreToldToUpdate) {
     s.minimumAppVersion = "1.2";
     s.latestAppVersion = "1.4.0";
     server->setSettings(s);
-    FakeApp old(base, "1.1.9");
-    auto a = old.pair(Agent(base, key).code());
+    auto pairAs = [&](const std::string& version) {
+        return FakeApp(base, version).pair(Agent(base, key).code());
+    };
+    auto a = pairAs("1.1.9");
     EXPECT_EQ(a.status, 426);
     EXPECT_EQ(a.body["error"], "app_update_required");
     EXPECT_EQ(a.body["minimumAppVersion"], "1.2");
     EXPECT_EQ(a.body["latestAppVersion"], "1.4.0");
-    EXPECT_EQ(FakeApp(base, "1.2.0").pair(Agent(base, key).code()).status, 200);
-    EXPECT_EQ(FakeApp(base, "dev").pair(Agent(base, key).code()).status, 200);
+    EXPECT_EQ(pairAs("1.2.0").status, 200);
+    EXPECT_EQ(pairAs("dev").status, 200);
     // Numbers longer than any integer type are compared digit by digit.
-    EXPECT_EQ(FakeApp(base, "99999999999999999999.0").pair(Agent(base, key).code()).status, 200);
-    EXPECT_EQ(FakeApp(base, "1.00000000000000000001").pair(Agent(base, key).code()).status, 426);
-    EXPECT_EQ(FakeApp(base, "1.2.000000000000000000000001").pair(Agent(base, key).code()).status,
-              200);
-    EXPECT_EQ(FakeApp(base, "banana").pair(Agent(base, key).code()).body["error"],
-              "invalid_app_version");
+    EXPECT_EQ(pairAs("99999999999999999999.0").status, 200);
+    EXPECT_EQ(pairAs("1.00000000000000000001").status, 426);
+    EXPECT_EQ(pairAs("1.2.000000000000000000000001").status, 200);
+    EXPECT_EQ(pairAs("banana").body["error"], "invalid_app_version");
 
     // It may not poll or start a recording any more, but keeps its credential and its uploads.
     FakeApp stale(base, "1.1.9");
@@ -273,10 +277,7 @@ TEST_F(ProtocolTest, OldAppVersionsAreToldToUpdate) {
     EXPECT_EQ(stale.post("poll").status, 426);
     EXPECT_EQ(stale.post("desktop-recording/begin", {{"requestId", ds::Ids::uuid()}}).status, 426);
     EXPECT_EQ(stale.refresh().status, 200);
-    auto upload = stale.post("desktop-upload/" + ds::Ids::uuid() + "/begin",
-                             {{"bytes", 1},
-                              {"sha256", ds::Digest::sha256("x")},
-                              {"media", {{"width", 1}, {"height", 1}, {"durationMs", 1}}}});
+    auto upload = stale.post("desktop-upload/" + ds::Ids::uuid() + "/begin", announce("x"));
     EXPECT_EQ(upload.body["error"], "capture_not_found");  // judged, not refused as too old
 
     httplib::Client c(base);
@@ -296,17 +297,17 @@ TEST_F(ProtocolTest, EveryRefusalIsJsonWithAnErrorCode) {
         EXPECT_EQ(a.status, status) << a.raw;
         EXPECT_EQ(a.body.value("error", ""), code) << a.raw;
     };
+    auto raw = [&](const std::string& path, const std::string& body,
+                   const char* type = "application/json") {
+        return toAnswer(c.Post("/local-browser/" + path, app.headers(), body, type));
+    };
     check(toAnswer(c.Get("/nowhere")), 404, "not_found");
-    check(toAnswer(c.Post("/local-browser/nowhere", app.headers(), "{}", "application/json")), 404,
-          "not_found");
-    check(toAnswer(c.Post("/local-browser/", app.headers(), "{}", "application/json")), 404,
-          "not_found");
+    check(raw("nowhere", "{}"), 404, "not_found");
+    check(raw("", "{}"), 404, "not_found");
     check(toAnswer(c.Get("/local-browser/poll")), 405, "method_not_allowed");
-    check(toAnswer(c.Post("/local-browser/poll", app.headers(), "{}", "text/plain")), 415,
-          "unsupported_media_type");
+    check(raw("poll", "{}", "text/plain"), 415, "unsupported_media_type");
     check(app.post("poll", json::array()), 400, "invalid_json");
-    check(toAnswer(c.Post("/local-browser/poll", app.headers(), "{nope", "application/json")), 400,
-          "invalid_json");
+    check(raw("poll", "{nope"), 400, "invalid_json");
     check(app.post("poll", {{"extra", 1}}), 400, "unexpected_field");
     check(toAnswer(c.Post("/local-browser/poll", {{"Authorization", "Bearer " + app.token}}, "{}",
                           "application/json")),
@@ -323,21 +324,7 @@ TEST_F(ProtocolTest, EveryRefusalIsJsonWithAnErrorCode) {
     check(app.post("diagnostics",
                    {{"event", "e"}, {"code", "c"}, {"appVersion", "1"}, {"message", "user text"}}),
           400, "unexpected_field");
-    auto big = toAnswer(c.Post("/local-browser/poll", app.headers(), std::string(9 << 20, ' '),
-                               "application/json"));
-    check(big, 413, "payload_too_large");
-}
-
-TEST_F(ProtocolTest, DiagnosticsAreRecordedForTheAgent) {
-    FakeApp app = paired();
-    auto a = app.post("diagnostics",
-                      {{"event", "pair_failed"}, {"code", "http_502"}, {"appVersion", "0.1.0"}});
-    ASSERT_EQ(a.status, 200) << a.raw;
-    auto list = Agent(base, key).get("/agent/diagnostics").body["diagnostics"];
-    ASSERT_EQ(list.size(), 1u);
-    EXPECT_EQ(list[0]["event"], "pair_failed");
-    EXPECT_EQ(list[0]["code"], "http_502");
-    EXPECT_EQ(list[0]["deviceId"], app.deviceId());
+    check(raw("poll", std::string(9 << 20, ' ')), 413, "payload_too_large");
 }
 
 class CaptureLimit : public ServiceTest {
@@ -359,15 +346,74 @@ TEST_F(CaptureLimit, RecordingBeginIssuesOneCaptureIdPerRequest) {
               400);
 }
 
-TEST_F(ProtocolTest, DisabledSessionsRefuseNewOnesButNotUploads) {
-    FakeApp app = paired();
-    auto s = server->settings();
-    s.sessionsDisabled = true;
-    server->setSettings(s);
-    auto a = FakeApp(base).pair(Agent(base, key).code());
-    EXPECT_EQ(a.status, 503);
-    EXPECT_EQ(a.body["error"], "desktop_sessions_disabled");
-    EXPECT_EQ(app.post("device/resume").body["error"], "desktop_sessions_disabled");
+class MultiDeviceTest : public ServiceTest {
+    void configure(ds::Options& o) override { o.pollHoldMs = 2000; }
+};
+
+TEST_F(MultiDeviceTest, EachDeviceGetsOnlyItsOwnCommands) {
+    constexpr int kDevices = 4, kCommands = 5;
+    std::vector<FakeApp> apps;
+    for (int i = 0; i < kDevices; ++i)
+        apps.push_back(paired("box-" + std::to_string(i)));
+
+    std::atomic<bool> stop{false};
+    std::mutex seenMutex;
+    std::map<std::string, std::vector<std::string>> seen;  // device -> methods it received
+    std::vector<std::thread> loops;
+    for (auto& app : apps) {
+        loops.emplace_back([&, app] {
+            // The device's command loop: poll, answer with who it is, poll again.
+            while (!stop) {
+                auto p = app.post("poll");
+                if (p.status != 200 || !p.body.contains("command"))
+                    continue;
+                auto cmd = p.body["command"];
+                {
+                    std::lock_guard lock(seenMutex);
+                    seen[app.deviceId()].push_back(cmd["method"]);
+                }
+                app.post("result/" + cmd["id"].get<std::string>(),
+                         okReply({{"device", app.deviceId()}, {"args", cmd["args"]}}));
+            }
+        });
+    }
+    // Wait until every device is held in a poll.
+    Agent agent(base, key);
+    for (int i = 0; i < 100; ++i) {
+        auto list = agent.get("/agent/devices").body["devices"];
+        int polling = 0;
+        for (auto& d : list)
+            polling += d["polling"].get<bool>() ? 1 : 0;
+        if (polling == kDevices)
+            break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+
+    std::vector<std::future<std::pair<std::string, Answer>>> sends;
+    for (int n = 0; n < kCommands; ++n) {
+        for (auto& app : apps) {
+            std::string device = app.deviceId();
+            sends.push_back(std::async(std::launch::async, [&agent, device, n] {
+                return std::make_pair(device, agent.send(device, "method-" + std::to_string(n),
+                                                         json::array({n}), 10000));
+            }));
+        }
+    }
+    for (auto& f : sends) {
+        auto [device, answer] = f.get();
+        EXPECT_EQ(answer.status, 200) << answer.raw;  // no ASSERT: the loops must be joined
+        EXPECT_EQ(answer.body["reply"]["value"]["device"], device);
+    }
+    stop = true;
+    for (auto& t : loops)
+        t.join();
+    for (auto& app : apps) {
+        auto& methods = seen[app.deviceId()];
+        EXPECT_EQ(methods.size(), static_cast<size_t>(kCommands));
+        std::sort(methods.begin(), methods.end());
+        for (int n = 0; n < kCommands; ++n)
+            EXPECT_EQ(methods[n], "method-" + std::to_string(n));
+    }
 }
 
 }  // namespace

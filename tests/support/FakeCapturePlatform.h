@@ -1,5 +1,9 @@
 #pragma once
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -8,7 +12,9 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "core/capture/CapturePlatform.h"
@@ -36,7 +42,16 @@ struct FakeStreamScript {
     int runningStream = 0;          // which stream that is (each start takes the next number)
 
     // Ends the running stream as the window system would: its error handler, then no frame.
-    void fail(const CaptureError& error);
+    void fail(const CaptureError& error) {
+        CaptureStreamHandlers handlers;
+        {
+            std::lock_guard lock(mutex);
+            handlers = std::exchange(running, {});
+        }
+        if (handlers.error) {
+            handlers.error(error);
+        }
+    }
 };
 
 class FakeCaptureStream : public CaptureStream {
@@ -45,8 +60,77 @@ class FakeCaptureStream : public CaptureStream {
         : script_(std::move(script)) {}
     ~FakeCaptureStream() override { stop(); }
     void start(const CaptureFilter& filter, const CaptureStreamConfig& config,
-               CaptureStreamHandlers handlers) override;
-    void stop() override;
+               CaptureStreamHandlers handlers) override {
+        bool deliver = false;
+        std::chrono::milliseconds delay{0};
+        {
+            std::lock_guard lock(script_->mutex);
+            ++script_->starts;
+            script_->filters.push_back(filter);
+            script_->configs.push_back(config);
+            if (script_->startError) {
+                throw *script_->startError;
+            }
+            script_->running = handlers;
+            number_ = script_->runningStream = script_->starts;
+            script_->mostLive = std::max(script_->mostLive, ++script_->live);
+            deliver = script_->deliverFrames;
+            delay = script_->firstFrameDelay;
+        }
+        started_ = true;
+        if (!deliver) {
+            return;
+        }
+        auto pixels = std::make_shared<const std::vector<std::uint8_t>>(
+            std::size_t(config.width) * config.height * 4, 0x80);
+        producer_ = std::thread([this, pixels, config, handlers, delay] {
+            const auto first = std::chrono::steady_clock::now() + delay;
+            while (!stopping_ && std::chrono::steady_clock::now() < first) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+            while (!stopping_) {
+                {
+                    // A stream that failed, or that a later one replaced, delivers nothing more.
+                    std::lock_guard lock(script_->mutex);
+                    if (script_->runningStream != number_ || !script_->running.frame) {
+                        return;
+                    }
+                }
+                const auto now = std::chrono::steady_clock::now().time_since_epoch();
+                handlers.frame({config.width, config.height, config.width * 4, pixels,
+                                std::chrono::duration_cast<std::chrono::nanoseconds>(now).count(),
+                                true});
+                std::optional<CaptureError> ending;
+                {
+                    std::lock_guard lock(script_->mutex);
+                    auto& after = script_->failAfterFrames;
+                    if (after && --after->first <= 0) {
+                        ending = after->second;
+                        after.reset();
+                    }
+                }
+                if (ending) {
+                    script_->fail(*ending);
+                    return;
+                }
+                std::this_thread::sleep_for(std::chrono::milliseconds(2));  // the frame pacing
+            }
+        });
+    }
+    void stop() override {
+        stopping_ = true;
+        if (producer_.joinable()) {
+            producer_.join();
+        }
+        if (std::exchange(started_, false)) {
+            std::lock_guard lock(script_->mutex);
+            ++script_->stops;
+            --script_->live;
+            if (script_->runningStream == number_) {
+                script_->running = {};
+            }
+        }
+    }
 
   private:
     std::shared_ptr<FakeStreamScript> script_;
@@ -62,6 +146,7 @@ struct FakeEncoderScript {
     std::mutex mutex;
     std::set<int> refuseWidths;
     std::vector<int> openedWidths;
+    std::vector<EncoderEffort> openedEfforts;
     int finishes = 0;
     int cancels = 0;
 };
@@ -70,14 +155,36 @@ class FileVideoEncoder : public VideoEncoder {
   public:
     explicit FileVideoEncoder(std::shared_ptr<FakeEncoderScript> script)
         : script_(std::move(script)) {}
-    bool open(const std::string& path, const VideoEncoderSettings& settings) override;
-    bool append(const VideoFrame& frame, std::int64_t ptsNs) override;
-    bool finish(std::int64_t endNs) override;
-    void cancel() override;
+    bool open(const std::string& path, const VideoEncoderSettings& settings) override {
+        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        if (fd < 0) {
+            throw std::system_error(errno, std::generic_category(), "cannot create " + path);
+        }
+        const std::string header = "width " + std::to_string(settings.width) + "\n";
+        [[maybe_unused]] auto written = ::write(fd, header.data(), header.size());
+        ::close(fd);
+        width_ = settings.width;
+        std::lock_guard lock(script_->mutex);
+        script_->openedWidths.push_back(settings.width);
+        script_->openedEfforts.push_back(settings.effort);
+        return true;
+    }
+    bool append(const VideoFrame&, std::int64_t) override {
+        std::lock_guard lock(script_->mutex);
+        return script_->refuseWidths.count(width_) == 0;
+    }
+    bool finish(std::int64_t) override {
+        std::lock_guard lock(script_->mutex);
+        ++script_->finishes;
+        return true;
+    }
+    void cancel() override {
+        std::lock_guard lock(script_->mutex);
+        ++script_->cancels;
+    }
 
   private:
     std::shared_ptr<FakeEncoderScript> script_;
-    std::string path_;
     int width_ = 0;
 };
 

@@ -56,19 +56,15 @@ class FakeActions : public AccessibleActions {
     }
     std::optional<FocusedElement> focused(pid_t) override {
         std::lock_guard lock(mutex);
-        if (!focusSequence.empty()) {
-            // Each question moves on to the next scripted focus, the last one stays.
-            FocusedElement next = focusSequence.front();
-            if (focusSequence.size() > 1) {
-                focusSequence.erase(focusSequence.begin());
-            }
-            return next;
+        if (focusSequence.empty()) {
+            return std::nullopt;
         }
-        return focus_;
-    }
-    void focusOn(std::optional<FocusedElement> focus) {
-        std::lock_guard lock(mutex);
-        focus_ = std::move(focus);
+        // Each question moves on to the next scripted focus, the last one stays.
+        FocusedElement next = focusSequence.front();
+        if (focusSequence.size() > 1) {
+            focusSequence.erase(focusSequence.begin());
+        }
+        return next;
     }
 
     std::mutex mutex;
@@ -92,7 +88,6 @@ class FakeActions : public AccessibleActions {
         }
         return done;
     }
-    std::optional<FocusedElement> focus_;
 };
 
 // A screen of windows, top-most first, each owned by a process; what was sent is in `events`.

@@ -39,7 +39,6 @@ class FakeWindowFrames : public WindowFrames {
     }
     std::optional<CaptureRect> setFrame(std::uint32_t id, const CaptureRect& frame) override {
         std::lock_guard lock(mutex_);
-        ++requests_;
         auto found = windows_.find(id);
         if (found == windows_.end()) {
             return std::nullopt;
@@ -59,16 +58,11 @@ class FakeWindowFrames : public WindowFrames {
         std::lock_guard lock(mutex_);
         windows_.erase(id);
     }
-    int requests() {
-        std::lock_guard lock(mutex_);
-        return requests_;
-    }
 
   private:
     std::mutex mutex_;
     std::vector<ScreenFrame> screens_;
     std::map<std::uint32_t, Window> windows_;
-    int requests_ = 0;
 };
 
 }  // namespace pavix::test

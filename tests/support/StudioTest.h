@@ -44,6 +44,11 @@ class StudioTest : public ::testing::Test {
     }
 
     static std::string path(const std::string& name) { return ScriptedService::path(name); }
+    const StudioState& s() { return h.studio().state(); }
+    bool published(const std::string& id) {
+        auto upload = uploads.upload(id);
+        return upload && upload->published;
+    }
 
     // Pairs with a code, then ends the session: paired, not sharing.
     void pairAndLeave(const std::string& sentence = "Bye.") {

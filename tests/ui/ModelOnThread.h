@@ -2,6 +2,7 @@
 
 #include <QApplication>
 #include <QTest>
+#include <QWidget>
 #include <functional>
 #include <thread>
 
@@ -14,6 +15,17 @@
 #include "ui/Theme.h"
 
 namespace pavix::test {
+
+// The first widget of type T inside `parent` whose accessible name is `name`.
+template <class T>
+T* named(QWidget& parent, const QString& name) {
+    for (auto* widget : parent.findChildren<T*>()) {
+        if (widget->accessibleName() == name) {
+            return widget;
+        }
+    }
+    return nullptr;
+}
 
 // The model the views of a test show: fake capture parts, a scripted service on loopback and
 // the real Trash, paired once and then not sharing (so the user may record), with its

@@ -26,31 +26,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-template <class T>
-T* named(QWidget& parent, const QString& name) {
-    for (auto* widget : parent.findChildren<T*>()) {
-        if (widget->accessibleName() == name) {
-            return widget;
-        }
-    }
-    return nullptr;
-}
-
-class SettingsViewTest : public ::testing::Test {
-  protected:
-    SettingsViewTest() : config(h.library.parent_path() / "config") {
-        view = std::make_unique<SettingsView>(*m.bridge, AutostartEntry(config));
-        view->show();
-        m.start();
-    }
-
+TEST(SettingsViewTest, EachControlReachesTheModelAndTheStoredSettingsAndForgetAsksFirst) {
     ModelOnThread m;
     StudioHarness& h = m.h;
-    fs::path config;
-    std::unique_ptr<SettingsView> view;
-};
+    const auto config = h.library.parent_path() / "config";
+    SettingsView view(*m.bridge, AutostartEntry(config));
+    view.show();
+    m.start();
 
-TEST_F(SettingsViewTest, EachControlReachesTheModelAndTheStoredSettings) {
     struct Toggle {
         QString row;
         std::string key;
@@ -69,7 +52,7 @@ TEST_F(SettingsViewTest, EachControlReachesTheModelAndTheStoredSettings) {
     };
     for (const auto& t : toggles) {
         SCOPED_TRACE(t.row.toStdString());
-        auto* box = named<QCheckBox>(*view, t.row);
+        auto* box = named<QCheckBox>(view, t.row);
         ASSERT_NE(box, nullptr);
         EXPECT_EQ(box->isChecked(), t.initially);
         box->click();
@@ -77,11 +60,11 @@ TEST_F(SettingsViewTest, EachControlReachesTheModelAndTheStoredSettings) {
         EXPECT_EQ(h.defaults.boolean(t.key), !t.initially);
     }
 
-    auto* console = named<QLineEdit>(*view, "Console address");
+    auto* console = named<QLineEdit>(view, "Console address");
     console->setFocus();
     QTest::keyClicks(console, "https://console.example.com");
     QTest::keyClick(console, Qt::Key_Return);
-    auto* width = named<QSpinBox>(*view, "Widest video");
+    auto* width = named<QSpinBox>(view, "Widest video");
     width->setFocus();
     width->setValue(1920);
     QTest::keyClick(width, Qt::Key_Return);
@@ -96,11 +79,10 @@ TEST_F(SettingsViewTest, EachControlReachesTheModelAndTheStoredSettings) {
     QTest::keyClick(width, Qt::Key_Return);
     ASSERT_TRUE(m.until([](const StudioState& s) { return !s.preferences.captureMaxWidth; }));
     EXPECT_FALSE(h.defaults.integer("captureMaxWidth"));
-}
 
-TEST_F(SettingsViewTest, StartAtLoginWritesAndRemovesTheAutostartEntry) {
+    // Start at login writes the autostart entry and removes it.
     const auto entry = config / "autostart" / "pavix.desktop";
-    auto* box = named<QCheckBox>(*view, "Start Pavix when you log in");
+    auto* box = named<QCheckBox>(view, "Start Pavix when you log in");
     EXPECT_FALSE(box->isChecked());
     box->click();
     ASSERT_TRUE(fs::exists(entry));
@@ -113,13 +95,12 @@ TEST_F(SettingsViewTest, StartAtLoginWritesAndRemovesTheAutostartEntry) {
     box->click();
     EXPECT_FALSE(fs::exists(entry));
     EXPECT_FALSE(box->isChecked());
-}
 
-TEST_F(SettingsViewTest, ForgettingAsksFirstAndThenUnpairs) {
+    // Forgetting the pairing asks first.
     std::vector<bool> answers = {false, true};
     int asked = 0;
-    view->confirmForget = [&](QWidget*) { return answers[asked++]; };
-    auto* forget = named<QPushButton>(*view, "Pairing");
+    view.confirmForget = [&](QWidget*) { return answers[asked++]; };
+    auto* forget = named<QPushButton>(view, "Pairing");
     ASSERT_TRUE(forget->isEnabled());
     forget->click();
     EXPECT_EQ(asked, 1);

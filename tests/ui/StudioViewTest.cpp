@@ -76,21 +76,9 @@ class StudioViewTest : public ::testing::Test {
         }
         return nullptr;
     }
-    QLabel* status() {
-        for (auto* label : view->findChildren<QLabel*>()) {
-            if (label->accessibleName() == "Status") {
-                return label;
-            }
-        }
-        return nullptr;
-    }
+    QLabel* status() { return named<QLabel>(*view, "Status"); }
     RecordingRow* row(int index) {
-        auto* list = view->findChild<QListWidget*>();
-        for (auto* candidate : view->findChildren<QListWidget*>()) {
-            if (candidate->accessibleName() == "On this computer") {
-                list = candidate;
-            }
-        }
+        auto* list = named<QListWidget>(*view, "On this computer");
         return static_cast<RecordingRow*>(list->itemWidget(list->item(index)));
     }
     RecordingRow* rowOf(const std::string& id) {
@@ -102,12 +90,7 @@ class StudioViewTest : public ::testing::Test {
         return nullptr;
     }
     QToolButton* action(RecordingRow* row, const QString& name) {
-        for (auto* button : row->findChildren<QToolButton*>()) {
-            if (button->accessibleName() == name) {
-                return button;
-            }
-        }
-        return nullptr;
+        return named<QToolButton>(*row, name);
     }
     // Records by clicking "Record it yourself", then "Stop"; returns the record's id.
     std::string recordAndStop() {
@@ -127,44 +110,9 @@ class StudioViewTest : public ::testing::Test {
     std::unique_ptr<StudioView> view;
 };
 
-TEST_F(StudioViewTest, ApprovalRecordAndStopFollowTheModel) {
-    auto* consent = view->findChild<QCheckBox*>();
-    ASSERT_NE(consent, nullptr);
-    QTest::mouseClick(consent, Qt::LeftButton, {}, QPoint(4, consent->height() / 2));
-    ASSERT_TRUE(until([](const StudioState& s) { return s.consent; }));
-
-    auto id = Uuid::make();
-    uploads.issue(id);
-    QTest::mouseClick(find<QPushButton>("Record it yourself"), Qt::LeftButton);
-    ASSERT_TRUE(until([](const StudioState& s) { return s.recording; }));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return find<QPushButton>("Stop") != nullptr; }));
-    EXPECT_EQ(status()->text(), "Recording Text Editor — notes.txt. Press Stop when done.");
-    // The share button says why it cannot be pressed, and the sources cannot change.
-    EXPECT_FALSE(find<QPushButton>("Share with agent")->isEnabled());
-    EXPECT_NE(find<QLabel>("Stop the current recording first."), nullptr);
-    EXPECT_FALSE(view->findChild<QListWidget*>()->isEnabled());
-    EXPECT_FALSE(consent->isEnabled());
-
-    QTest::mouseClick(find<QPushButton>("Stop"), Qt::LeftButton);
-    ASSERT_TRUE(until([](const StudioState& s) { return !s.busy && !s.recording; }));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return find<QLabel>("Uploaded") != nullptr; }));
-    EXPECT_EQ(status()->text(),
-              "Uploaded. Ask your agent to render it, or open your Pavix library.");
-    EXPECT_TRUE(uploads.upload(id) && uploads.upload(id)->published);
-    EXPECT_FALSE(consent->isChecked());
-    EXPECT_TRUE(find<QPushButton>("Record it yourself")->isEnabled());
-    // The latest recording stays the model's own until the next begins: not played, not
-    // deleted, and an uploaded one offers no retry.
-    auto* uploaded = row(0);
-    EXPECT_FALSE(action(uploaded, "Retry upload")->isVisible());
-    EXPECT_FALSE(action(uploaded, "Play")->isEnabled());
-    EXPECT_FALSE(action(uploaded, "Move to Trash")->isEnabled());
-    EXPECT_TRUE(action(uploaded, "Show in folder")->isEnabled());
-}
-
 // The preview runs a small stream of its own while shown and idle; a recording stops it before
 // its own stream starts, and hiding the window ends it.
-TEST_F(StudioViewTest, ThePreviewShowsTheSourceAndGivesWayToARecording) {
+TEST_F(StudioViewTest, ApprovalRecordAndStopFollowTheModelAndThePreviewGivesWay) {
     auto* stage = view->findChild<PreviewStage*>();
     ASSERT_NE(stage, nullptr);
     auto& streams = *m.capture.streams;
@@ -181,9 +129,22 @@ TEST_F(StudioViewTest, ThePreviewShowsTheSourceAndGivesWayToARecording) {
     EXPECT_FALSE(asked.showsCursor);
     EXPECT_EQ(asked.minimumFrameInterval, PreviewFeed::kInterval);
 
-    uploads.issue(Uuid::make());
+    auto* consent = view->findChild<QCheckBox*>();
+    ASSERT_NE(consent, nullptr);
+    QTest::mouseClick(consent, Qt::LeftButton, {}, QPoint(4, consent->height() / 2));
+    ASSERT_TRUE(until([](const StudioState& s) { return s.consent; }));
+
+    auto id = Uuid::make();
+    uploads.issue(id);
     QTest::mouseClick(find<QPushButton>("Record it yourself"), Qt::LeftButton);
     ASSERT_TRUE(until([](const StudioState& s) { return s.recording; }));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return find<QPushButton>("Stop") != nullptr; }));
+    EXPECT_EQ(status()->text(), "Recording Text Editor — notes.txt. Press Stop when done.");
+    // The share button says why it cannot be pressed, and the sources cannot change.
+    EXPECT_FALSE(find<QPushButton>("Share with agent")->isEnabled());
+    EXPECT_NE(find<QLabel>("Stop the current recording first."), nullptr);
+    EXPECT_FALSE(view->findChild<QListWidget*>()->isEnabled());
+    EXPECT_FALSE(consent->isEnabled());
     QTest::qWait(100);  // pictures already on their way are dropped
     const int shown = stage->pictures();
     QTest::qWait(300);
@@ -194,80 +155,46 @@ TEST_F(StudioViewTest, ThePreviewShowsTheSourceAndGivesWayToARecording) {
     EXPECT_EQ(stage->caption(), "Preview pauses while recording.");
 
     QTest::mouseClick(find<QPushButton>("Stop"), Qt::LeftButton);
-    ASSERT_TRUE(until([](const StudioState& s) { return !s.recording && !s.busy; }));
+    ASSERT_TRUE(until([](const StudioState& s) { return !s.busy && !s.recording; }));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return find<QLabel>("Uploaded") != nullptr; }));
+    EXPECT_EQ(status()->text(),
+              "Uploaded. Ask your agent to render it, or open your Pavix library.");
+    EXPECT_TRUE(uploads.upload(id) && uploads.upload(id)->published);
+    EXPECT_FALSE(consent->isChecked());
+    EXPECT_TRUE(find<QPushButton>("Record it yourself")->isEnabled());
+    // The latest recording stays the model's own until the next begins: not played, not
+    // deleted, and an uploaded one offers no retry.
+    auto* uploaded = row(0);
+    EXPECT_FALSE(action(uploaded, "Retry upload")->isVisible());
+    EXPECT_FALSE(action(uploaded, "Play")->isEnabled());
+    EXPECT_FALSE(action(uploaded, "Move to Trash")->isEnabled());
+    EXPECT_TRUE(action(uploaded, "Show in folder")->isEnabled());
     EXPECT_TRUE(QTest::qWaitFor([&] { return stage->pictures() > shown; }));
 
     view->hide();
     EXPECT_TRUE(QTest::qWaitFor([&] { return script([](auto& s) { return s.live; }) == 0; }));
 }
 
-// Tab reaches every control in reading order, and the keyboard works them.
-TEST_F(StudioViewTest, TheKeyboardReachesAndWorksEveryControl) {
-    recordAndStop();
-    recordAndStop();  // the first is no longer the latest: all its actions are on
-    view->activateWindow();
-    ASSERT_TRUE(QTest::qWaitForWindowActive(view.get()));
-    QStringList order;
-    QWidget* first = nullptr;
-    for (int i = 0; i < 40; ++i) {
-        QTest::keyClick(QApplication::focusWidget() ? QApplication::focusWidget() : view.get(),
-                        Qt::Key_Tab);
-        auto* focused = QApplication::focusWidget();
-        if (!focused || focused == first) {
-            break;
-        }
-        first = first ? first : focused;
-        auto* button = qobject_cast<QAbstractButton*>(focused);
-        QString name = !focused->accessibleName().isEmpty() ? focused->accessibleName()
-                       : button                             ? button->text()
-                                                            : focused->metaObject()->className();
-        order << name;
-    }
-    const QStringList expected = {"Settings…",
-                                  "Sources",
-                                  "Refresh",
-                                  "Pick a window…",
-                                  "Server",
-                                  "One-time code",
-                                  "Approve recording and upload of the selected source",
-                                  "Share with agent",
-                                  "Record it yourself",
-                                  "On this computer"};
-    int at = 0;
-    for (const auto& name : order) {
-        if (at < expected.size() && name == expected[at]) {
-            ++at;
-        }
-    }
-    EXPECT_EQ(at, expected.size()) << order.join(" | ").toStdString();
-    EXPECT_TRUE(order.contains("Move to Trash")) << order.join(" | ").toStdString();
-
-    // Space on the focused approval box gives the approval.
-    auto* consent = view->findChild<QCheckBox*>();
-    consent->setFocus();
-    QTest::keyClick(consent, Qt::Key_Space);
-    EXPECT_TRUE(until([](const StudioState& s) { return s.consent; }));
-}
-
 // The update check's decision in the window: a banner with "Download" for a newer version; for
 // a required one, its sentence, and recording refused with the reason beside the buttons.
 TEST_F(StudioViewTest, TheUpdateBannerAndTheRequiredUpdateFollowTheCheck) {
     h.server.reply("/downloads/pavix-linux.json", 200, R"({"latest":{"version":"1.4"}})");
-    h.server.reply("/local-browser/version", 200, R"({"minimumAppVersion":"1.0"})");
     bool checked = false;
-    m.bridge->spawn([](Studio& studio) { return studio.checkForUpdate(true); },
-                    [&] { checked = true; });
-    ASSERT_TRUE(QTest::qWaitFor([&] { return checked; }));
+    auto check = [&](const std::string& minimum) {
+        h.server.reply("/local-browser/version", 200,
+                       R"({"minimumAppVersion":")" + minimum + "\"}");
+        checked = false;
+        m.bridge->spawn([](Studio& studio) { return studio.checkForUpdate(true); },
+                        [&] { checked = true; });
+        return QTest::qWaitFor([&] { return checked; });
+    };
+    ASSERT_TRUE(check("1.0"));
     ASSERT_TRUE(QTest::qWaitFor([&] { return find<QLabel>("Pavix 1.4 is available."); }));
     EXPECT_TRUE(find<QLabel>("Pavix 1.4 is available.")->isVisible());
     EXPECT_TRUE(find<QPushButton>("Download")->isVisible());
     EXPECT_TRUE(find<QPushButton>("Record it yourself")->isEnabled());
 
-    h.server.reply("/local-browser/version", 200, R"({"minimumAppVersion":"1.3"})");
-    checked = false;
-    m.bridge->spawn([](Studio& studio) { return studio.checkForUpdate(true); },
-                    [&] { checked = true; });
-    ASSERT_TRUE(QTest::qWaitFor([&] { return checked; }));
+    ASSERT_TRUE(check("1.3"));
     const QString required =
         "Update to Pavix 1.4 to start new recordings. Current uploads continue.";
     ASSERT_TRUE(QTest::qWaitFor([&] { return find<QLabel>(required); }));
@@ -305,26 +232,65 @@ TEST_F(StudioViewTest, AFailedUploadIsRetriedFromItsRowWithProgress) {
     EXPECT_TRUE(uploads.upload(Uuid::lower(id))->published);
 }
 
-TEST_F(StudioViewTest, ShowInFolderAsksTheFileManagerToSelectTheVideo) {
+// With two recordings, the earlier one's row has all its actions on: Tab reaches them and every
+// other control in reading order, the file manager is asked to show its video, and the video
+// goes to the real Trash only when the question is answered so.
+TEST_F(StudioViewTest, TheKeyboardReachesEveryControlAndAnEarlierVideoIsShownOrTrashed) {
     FakeFileManager files;
     ASSERT_TRUE(files.registered);
     auto id = recordAndStop();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return rowOf(id) != nullptr; }));
-    QTest::mouseClick(action(rowOf(id), "Show in folder"), Qt::LeftButton);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !files.shown.isEmpty(); }));
-    EXPECT_EQ(files.shown,
-              QStringList{QUrl::fromLocalFile(QString::fromStdString(
-                                                  (h.library / ("Pavix-" + id + ".mp4")).string()))
-                              .toString()});
-}
-
-TEST_F(StudioViewTest, TheDeleteConfirmationKeepsOrMovesTheVideoToTheRealTrash) {
-    auto id = recordAndStop();
-    auto latest = recordAndStop();  // the first is no longer the latest, so it may go
+    auto latest = recordAndStop();
     const auto video = h.library / ("Pavix-" + id + ".mp4");
     ASSERT_TRUE(fs::exists(video));
     ASSERT_TRUE(QTest::qWaitFor([&] { return action(rowOf(id), "Move to Trash")->isEnabled(); }));
     EXPECT_FALSE(action(rowOf(latest), "Move to Trash")->isEnabled());
+
+    view->activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(view.get()));
+    QStringList order;
+    QWidget* first = nullptr;
+    for (int i = 0; i < 40; ++i) {
+        QTest::keyClick(QApplication::focusWidget() ? QApplication::focusWidget() : view.get(),
+                        Qt::Key_Tab);
+        auto* focused = QApplication::focusWidget();
+        if (!focused || focused == first) {
+            break;
+        }
+        first = first ? first : focused;
+        auto* button = qobject_cast<QAbstractButton*>(focused);
+        QString name = !focused->accessibleName().isEmpty() ? focused->accessibleName()
+                       : button                             ? button->text()
+                                                            : focused->metaObject()->className();
+        order << name;
+    }
+    const QStringList expected = {"Settings…",
+                                  "Sources",
+                                  "Refresh",
+                                  "Pick a window…",
+                                  "Server",
+                                  "One-time code",
+                                  "Approve recording and upload of the selected source",
+                                  "Share with agent",
+                                  "Record it yourself",
+                                  "On this computer"};
+    int at = 0;
+    for (const auto& name : order) {
+        if (at < expected.size() && name == expected[at]) {
+            ++at;
+        }
+    }
+    EXPECT_EQ(at, expected.size()) << order.join(" | ").toStdString();
+    EXPECT_TRUE(order.contains("Move to Trash")) << order.join(" | ").toStdString();
+    // Space on the focused approval box gives the approval.
+    auto* consent = view->findChild<QCheckBox*>();
+    consent->setFocus();
+    QTest::keyClick(consent, Qt::Key_Space);
+    EXPECT_TRUE(until([](const StudioState& s) { return s.consent; }));
+
+    QTest::mouseClick(action(rowOf(id), "Show in folder"), Qt::LeftButton);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !files.shown.isEmpty(); }));
+    EXPECT_EQ(files.shown,
+              QStringList{QUrl::fromLocalFile(QString::fromStdString(video.string())).toString()});
 
     // The real question, answered by its buttons as a person would.
     auto answer = [&](const QString& button) {

@@ -220,30 +220,22 @@ TEST_P(SystemEventsCases, ReportsWhatEndsTheSession) {
     EXPECT_EQ(reasons(GetParam().expected.size()), GetParam().expected);
 }
 
-const QString kFreedesktopPath = "/org/freedesktop/ScreenSaver";
-INSTANTIATE_TEST_SUITE_P(
-    , SystemEventsCases,
-    testing::Values(Case{"Sleep", {prepareForSleep(true)}, {"sleep"}},
-                    Case{"WakingIsNot", {prepareForSleep(false), prepareForSleep(true)}, {"sleep"}},
-                    Case{"SessionLock", {lock("c1")}, {"lock"}},
-                    Case{"SwitchAway", {active("c1", false)}, {"switch"}},
-                    Case{"OtherSessionsAndSwitchingBackAreNot",
-                         {lock("c2"), active("c2", false), active("c1", true),
-                          set("c1", "IdleHint", true), lock("c1")},
-                         {"lock"}},
-                    Case{"GnomeScreenSaver",
-                         {screenSaver(kGnome, "/org/gnome/ScreenSaver", false),
-                          screenSaver(kGnome, "/org/gnome/ScreenSaver", true)},
-                         {"lock"}},
-                    Case{"FreedesktopScreenSaver",
-                         {screenSaver(kFreedesktop, kFreedesktopPath, false),
-                          screenSaver(kFreedesktop, kFreedesktopPath, true)},
-                         {"lock"}},
-                    Case{"FreedesktopScreenSaverOnItsShortPath",
-                         {screenSaver(kFreedesktop, "/ScreenSaver", false),
-                          screenSaver(kFreedesktop, "/ScreenSaver", true)},
-                         {"lock"}}),
-    testing::PrintToStringParamName());
+// A screensaver turned off, then on: only the second is reported.
+Case screenSaverCase(const char* name, const QString& service, const QString& path) {
+    return {name, {screenSaver(service, path, false), screenSaver(service, path, true)}, {"lock"}};
+}
+
+const Case kCases[] = {
+    {"SleepButNotWaking", {prepareForSleep(false), prepareForSleep(true)}, {"sleep"}},
+    {"LockButNotOtherSessionsOrSwitchingBack",
+     {lock("c2"), active("c2", false), active("c1", true), set("c1", "IdleHint", true), lock("c1")},
+     {"lock"}},
+    screenSaverCase("GnomeScreenSaver", kGnome, "/org/gnome/ScreenSaver"),
+    screenSaverCase("FreedesktopScreenSaver", kFreedesktop, "/org/freedesktop/ScreenSaver"),
+    screenSaverCase("FreedesktopScreenSaverOnItsShortPath", kFreedesktop, "/ScreenSaver"),
+};
+INSTANTIATE_TEST_SUITE_P(, SystemEventsCases, testing::ValuesIn(kCases),
+                         testing::PrintToStringParamName());
 
 void PrintTo(Lookup lookup, std::ostream* out) {
     *out << (lookup == Lookup::ByPid ? "ByPid" : "Auto");

@@ -5,18 +5,14 @@
 #include "core/app/CommandLine.h"
 #include "core/app/UpdatePolicy.h"
 #include "core/session/Studio.h"
+#include "support/Failure.h"
 #include "support/StudioHarness.h"
 
 namespace pavix {
 namespace {
 
 std::string refusal(const std::vector<std::string>& arguments) {
-    try {
-        CommandLine::parse(arguments);
-    } catch (const std::invalid_argument& e) {
-        return e.what();
-    }
-    return "";
+    return test::failureOf<std::invalid_argument>([&] { CommandLine::parse(arguments); });
 }
 
 TEST(CommandLineSwitches, ActionsTakeTheirValuesAndOnlyOneRuns) {

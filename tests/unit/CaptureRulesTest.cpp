@@ -229,59 +229,27 @@ TEST(CaptureEncoding, TheFirstCandidateUnderTheUsersCapThatTheEncoderTakesIsChos
 
 // Costs in CPU seconds per second of video per million pixels, at 60 fps; a size needing
 // hardware costs nothing.
-struct BudgetCase {
-    const char* name;
-    unsigned processors;
-    double full, reduced;
-    bool hardware;                      // the 2560×1440 candidate is among the kept
-    std::vector<std::string> expected;  // "WxH effort" of the chosen encoding, then fall-backs
-    bool fits;
-    int asked;  // costs measured
-};
-
 TEST(EncoderBudget, TheLargestSizeAndEffortThatHoldsTheFrameRateWithinHalfTheMachine) {
-    const BudgetCase cases[] = {
-        {"four processors hold 1080p at full effort",
-         4,
-         0.6,
-         0.4,
-         false,
-         {"1920x1080 full", "1280x720 full"},
-         true,
-         2},
-        {"two fall back to reduced effort",
-         2,
-         0.6,
-         0.4,
-         false,
-         {"1920x1080 reduced", "1280x720 full"},
-         true,
-         3},
-        {"one keeps full effort at a smaller size", 1, 0.5, 0.4, false, {"1280x720 full"}, true, 3},
-        {"nothing fits: the smallest at reduced effort",
-         1,
-         2.0,
-         1.5,
-         false,
-         {"1280x720 reduced"},
-         false,
-         4},
-        {"an unknown processor count counts as one",
-         0,
-         0.5,
-         0.4,
-         false,
-         {"1280x720 full"},
-         true,
-         3},
-        {"a hardware encoder costs the processors nothing",
-         2,
-         0.6,
-         0.4,
-         true,
-         {"2560x1440 full", "1920x1080 reduced", "1280x720 full"},
-         true,
-         4},
+    struct Case {
+        const char* name;
+        unsigned processors;
+        double full, reduced;
+        bool hardware;         // the 2560×1440 candidate is among the kept
+        const char* expected;  // "WxH effort" of the chosen encoding, then fall-backs
+        bool fits;
+        int asked;  // costs measured
+    };
+    const Case cases[] = {
+        {"four processors hold 1080p at full effort", 4, 0.6, 0.4, false,
+         "1920x1080 full, 1280x720 full", true, 2},
+        {"two fall back to reduced effort", 2, 0.6, 0.4, false, "1920x1080 reduced, 1280x720 full",
+         true, 3},
+        {"one keeps full effort at a smaller size", 1, 0.5, 0.4, false, "1280x720 full", true, 3},
+        {"nothing fits: the smallest at reduced effort", 1, 2.0, 1.5, false, "1280x720 reduced",
+         false, 4},
+        {"an unknown processor count counts as one", 0, 0.5, 0.4, false, "1280x720 full", true, 3},
+        {"a hardware encoder costs the processors nothing", 2, 0.6, 0.4, true,
+         "2560x1440 full, 1920x1080 reduced, 1280x720 full", true, 4},
     };
     for (const auto& c : cases) {
         auto kept = CaptureEncoding::candidates(2560, 1440, 1.0);
@@ -299,10 +267,11 @@ TEST(EncoderBudget, TheLargestSizeAndEffortThatHoldsTheFrameRateWithinHalfTheMac
             return double(e.size.width * e.size.height) / 1e6 * perMillion / 60;
         };
         const auto plan = EncoderBudget::plan(kept, cost, c.processors, 60);
-        std::vector<std::string> chosen;
+        std::string chosen;
         for (const auto& e : plan.encodings) {
-            chosen.push_back(std::to_string(e.size.width) + "x" + std::to_string(e.size.height) +
-                             (e.effort == EncoderEffort::full ? " full" : " reduced"));
+            chosen += (chosen.empty() ? "" : ", ") + std::to_string(e.size.width) + "x" +
+                      std::to_string(e.size.height) +
+                      (e.effort == EncoderEffort::full ? " full" : " reduced");
         }
         EXPECT_EQ(chosen, c.expected) << c.name;
         EXPECT_EQ(plan.fits, c.fits) << c.name;

@@ -27,14 +27,9 @@ ShareableContentSnapshot desktop() {
 
 // Poll replies that hold no command to take: not an object, no command object, or an id that
 // is no UUID.
-const std::vector<json> kMalformed{
-    json::object(),
-    json::array(),
-    json::parse(R"({"command":{}})"),
-    json::parse(R"({"command":"listSources"})"),
-    json::parse(R"({"command":{"id":"abc","method":"listSources"}})"),
-    json::parse(R"({"command":{"id":12,"method":"listSources"}})"),
-    json::parse(R"({"command":{"id":"0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F00"}})")};
+const json kMalformed = json::parse(R"([{}, [], {"command":{}}, {"command":"listSources"},
+    {"command":{"id":"abc","method":"listSources"}}, {"command":{"id":12,"method":"listSources"}},
+    {"command":{"id":"0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F00"}}])");
 
 class CommandLoop : public StudioTest {
   protected:
@@ -43,7 +38,6 @@ class CommandLoop : public StudioTest {
         h.pairWithCode();
     }
     std::size_t polls() { return h.server.count(path("poll")); }
-    const StudioState& s() { return h.studio().state(); }
 };
 
 TEST_F(CommandLoop, SourcesAreListedAndSelectedWithMeta) {

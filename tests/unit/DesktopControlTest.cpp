@@ -5,6 +5,7 @@
 #include "core/control/ControlPolicy.h"
 #include "core/control/DesktopControl.h"
 #include "core/session/PavixError.h"
+#include "support/Failure.h"
 #include "support/FakeControl.h"
 #include "support/Fakes.h"
 
@@ -56,16 +57,6 @@ class Control : public ::testing::Test {
         actions.pressable = {"Save", "Remember me"};
     }
 
-    // The sentence a failure says, or "" when `run` succeeded.
-    template <class F>
-    static std::string failure(F run) {
-        try {
-            run();
-        } catch (const PavixError& e) {
-            return e.what();
-        }
-        return "";
-    }
     // The reply as JSON text, or the failure's sentence.
     static std::string run(DesktopControl& control, const std::string& method, json args) {
         try {
@@ -117,15 +108,15 @@ TEST_F(Control, ReadsTheSharedWindowAndKeepsItsLastOutline) {
 
 TEST_F(Control, RefusesWithoutAccessibilityAndForAppsItNeverOperates) {
     accessibility.on = false;
-    EXPECT_EQ(failure([&] { DesktopControl(parts(), 4242); }),
+    EXPECT_EQ(failureOf<PavixError>([&] { DesktopControl(parts(), 4242); }),
               "local_method_forbidden: Accessibility permission is off");
     accessibility.on = true;
     auto terminal = content.current();
     terminal.windows[0].appId = "org.gnome.Terminal";
     content.set(terminal);
-    EXPECT_EQ(failure([&] { DesktopControl(parts(), 4242); }),
+    EXPECT_EQ(failureOf<PavixError>([&] { DesktopControl(parts(), 4242); }),
               "local_method_forbidden: Pavix does not operate this app");
-    EXPECT_EQ(failure([&] { DesktopControl(parts(), 1); }),
+    EXPECT_EQ(failureOf<PavixError>([&] { DesktopControl(parts(), 1); }),
               "The shared window cannot be read. Bring it back on screen.");
     EXPECT_EQ(accessibility.reads, 0);
 }

@@ -6,6 +6,7 @@
 #include "core/control/InputDriver.h"
 #include "core/control/KeyChord.h"
 #include "core/session/PavixError.h"
+#include "support/Failure.h"
 #include "support/FakeControl.h"
 
 namespace pavix::test {
@@ -13,16 +14,6 @@ namespace {
 
 constexpr pid_t kApp = 77, kOther = 88;
 const CaptureRect kWindow{100, 50, 640, 480};
-
-template <class F>
-std::string failure(F run) {
-    try {
-        run();
-    } catch (const PavixError& e) {
-        return e.what();
-    }
-    return "";
-}
 
 TEST(KeyChords, ReadsTheAgentsKeyText) {
     struct Case {
@@ -56,6 +47,14 @@ TEST(KeyChords, ReadsTheAgentsKeyText) {
     }
 }
 
+std::string joined(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const auto& line : lines) {
+        text += (text.empty() ? "" : "; ") + line;
+    }
+    return text;
+}
+
 class Driver : public ::testing::Test {
   protected:
     Driver() {
@@ -80,6 +79,7 @@ class Driver : public ::testing::Test {
 TEST_F(Driver, EachTargetIsOperatedItsOwnWayAndNeverThroughAnotherWindow) {
     const CaptureRect open{110, 60, 40, 20};      // centre 130,70: the app's own
     const CaptureRect covered{600, 400, 40, 20};  // centre 620,410: under the other window
+    const CaptureRect tiny{130, 70, 1, 1};
     struct Case {
         std::string name, role;
         CaptureRect frame;
@@ -104,29 +104,16 @@ TEST_F(Driver, EachTargetIsOperatedItsOwnWayAndNeverThroughAnotherWindow) {
              {"Row 3", "row", covered, 2, false, "press Row 3", "", ""},
              // In a page, the pointer goes first: pages listen for it.
              {"Save", "link", open, 1, true, "", "click 130,70", ""},
-             {"Tiny",
-              "button",
-              {130, 70, 1, 1},
-              1,
-              false,
-              "press Tiny",
-              "",
-              "Nothing to click at that point"},
+             {"Tiny", "button", tiny, 1, false, "press Tiny", "", "Nothing to click at that point"},
          }) {
         actions.calls.clear();
         input.events.clear();
         auto t = target(c.name, c.role, c.frame);
         t.web = c.web;
-        EXPECT_EQ(failure([&] { driver.click(t, kWindow, c.count); }), c.error) << c.name;
-        std::string calls, events;
-        for (const auto& call : actions.calls) {
-            calls += (calls.empty() ? "" : "; ") + call;
-        }
-        for (const auto& event : input.events) {
-            events += (events.empty() ? "" : "; ") + event;
-        }
-        EXPECT_EQ(calls, c.calls) << c.name << " " << c.count;
-        EXPECT_EQ(events, c.events) << c.name << " " << c.count;
+        EXPECT_EQ(failureOf<PavixError>([&] { driver.click(t, kWindow, c.count); }), c.error)
+            << c.name;
+        EXPECT_EQ(joined(actions.calls), c.calls) << c.name << " " << c.count;
+        EXPECT_EQ(joined(input.events), c.events) << c.name << " " << c.count;
     }
     // Every action leaves samples on the trail, ending at the target's centre.
     ASSERT_FALSE(driver.telemetry().empty());
@@ -136,9 +123,11 @@ TEST_F(Driver, EachTargetIsOperatedItsOwnWayAndNeverThroughAnotherWindow) {
 
 TEST_F(Driver, PointsOutsideTheWindowOrUnderAnotherOneGetNoEvent) {
     for (ScreenPoint p : {ScreenPoint{620, 410}, ScreenPoint{20, 20}, ScreenPoint{900, 60}}) {
-        EXPECT_EQ(failure([&] { driver.clickAt(p, kWindow); }), "Nothing to click at that point");
-        EXPECT_EQ(failure([&] { driver.scroll(p, ScrollDirection::down, 3, kWindow); }),
-                  "Nothing to scroll at that point");
+        EXPECT_EQ(failureOf<PavixError>([&] { driver.clickAt(p, kWindow); }),
+                  "Nothing to click at that point");
+        EXPECT_EQ(
+            failureOf<PavixError>([&] { driver.scroll(p, ScrollDirection::down, 3, kWindow); }),
+            "Nothing to scroll at that point");
     }
     EXPECT_TRUE(input.events.empty());
     driver.clickAt({200, 100}, kWindow, 2);
@@ -161,10 +150,10 @@ TEST_F(Driver, TypesWithTheApplicationInFrontAndNeverIntoAPasswordField) {
     input.events.clear();
     FocusedElement name{element("Name"), true, false}, password{element("Password"), true, true};
     actions.focusSequence = {name, password};
-    EXPECT_EQ(failure([&] { driver.typeKeys("xyz"); }), "local_sign_in_required");
+    EXPECT_EQ(failureOf<PavixError>([&] { driver.typeKeys("xyz"); }), "local_sign_in_required");
     EXPECT_EQ(input.events, std::vector<std::string>{"type x"});
     // Keys that write are refused there too; keys that move on are not.
-    EXPECT_EQ(failure([&] { driver.press("q"); }), "local_sign_in_required");
+    EXPECT_EQ(failureOf<PavixError>([&] { driver.press("q"); }), "local_sign_in_required");
     driver.press("Tab ctrl+a");
     EXPECT_EQ(input.events, (std::vector<std::string>{"type x", "key Tab", "key ctrl+a"}));
 
@@ -187,7 +176,8 @@ TEST_F(Driver, TypesWithTheApplicationInFrontAndNeverIntoAPasswordField) {
     input.front = kOther;
     input.comesForward = false;
     input.events.clear();
-    EXPECT_EQ(failure([&] { driver.typeKeys("a"); }), "another app came in front while typing");
+    EXPECT_EQ(failureOf<PavixError>([&] { driver.typeKeys("a"); }),
+              "another app came in front while typing");
     EXPECT_TRUE(input.events.empty());
 }
 
@@ -199,7 +189,7 @@ TEST_F(Driver, FillsThroughTheTextInterfaceAndChecksWhatLanded) {
     EXPECT_TRUE(input.events.empty());
 
     actions.keeps = "Ad";  // a field that cuts what it is given
-    EXPECT_EQ(failure([&] { driver.fill(name, "Ada", kWindow); }),
+    EXPECT_EQ(failureOf<PavixError>([&] { driver.fill(name, "Ada", kWindow); }),
               "The text field kept \"Ad\" instead of the text given");
 
     // A field without the interface is focused, emptied and typed into.
@@ -212,7 +202,8 @@ TEST_F(Driver, FillsThroughTheTextInterfaceAndChecksWhatLanded) {
     secret.secure = true;
     actions.calls.clear();
     input.events.clear();
-    EXPECT_EQ(failure([&] { driver.fill(secret, "hunter2", kWindow); }), "local_sign_in_required");
+    EXPECT_EQ(failureOf<PavixError>([&] { driver.fill(secret, "hunter2", kWindow); }),
+              "local_sign_in_required");
     EXPECT_TRUE(actions.calls.empty() && input.events.empty());
 }
 
@@ -223,14 +214,15 @@ TEST_F(Driver, TogglesAndOptionsEndInTheStateAsked) {
     driver.setChecked(remember, true, kWindow);  // already on: no second press
     EXPECT_EQ(std::count(actions.calls.begin(), actions.calls.end(), "press Remember me"), 1);
     actions.stuck = {"Remember me"};
-    EXPECT_EQ(failure([&] { driver.setChecked(remember, false, kWindow); }),
+    EXPECT_EQ(failureOf<PavixError>([&] { driver.setChecked(remember, false, kWindow); }),
               "checkbox \"Remember me\" did not change");
-    EXPECT_EQ(failure([&] { driver.setChecked(target("Save", "button", {}), true, kWindow); }),
+    EXPECT_EQ(failureOf<PavixError>(
+                  [&] { driver.setChecked(target("Save", "button", {}), true, kWindow); }),
               "local_method_forbidden: unsupported: button is not a toggle");
 
     auto colour = target("Colour", "combobox", {110, 60, 100, 20});
     driver.choose(colour, "Green", kWindow);
-    EXPECT_EQ(failure([&] { driver.choose(colour, "Mauve", kWindow); }),
+    EXPECT_EQ(failureOf<PavixError>([&] { driver.choose(colour, "Mauve", kWindow); }),
               "local_method_forbidden: not found: option \"Mauve\" of combobox \"Colour\"");
 }
 

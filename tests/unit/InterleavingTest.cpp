@@ -164,6 +164,11 @@ class Sequence {
   private:
     int pick(int n) { return std::uniform_int_distribution<int>(0, n - 1)(rng_); }
     void fail(const std::string& what) { violations_.push_back(what); }
+    void failIf(bool broken, const std::string& what) {
+        if (broken) {
+            fail(what);
+        }
+    }
 
     void spawn(asio::awaitable<void> operation) {
         ++pending_;
@@ -185,89 +190,76 @@ class Sequence {
 
     void fire() {
         auto& studio = h_.studio();
-        static const char* names[] = {
-            "approve", "record",       "stop",        "retry",      "delete",
-            "forget",  "share",        "agent-start", "agent-stop", "dispose",
-            "select",  "poll-failure", "source-gone", "disk-full",  "capture-failure",
-            "sleep",   "upload-fault"};
-        const int which = pick(17);
-        trace_.push_back(names[which]);
-        switch (which) {
-            case 0:
-                studio.setConsent(true);
-                break;
-            case 1: {
-                auto id = Uuid::make();
-                uploads_.issue(id);
-                spawn(studio.recordNow());
-                break;
-            }
-            case 2:
-                spawn(studio.stopManual());
-                break;
-            case 3:
-                if (auto record = anyRecord()) {
-                    studio.retryUpload(*record);
-                }
-                break;
-            case 4:
-                if (auto record = anyRecord()) {
-                    deleteAsked_.insert(record->id);
-                    spawn(studio.deleteLocal(*record));
-                }
-                break;
-            case 5:
-                spawn(studio.forgetDevice());
-                break;
-            case 6:
-                if (!studio.state().paired) {
-                    studio.setCode("ABCD-1234");
-                }
-                spawn(studio.pair());
-                break;
-            case 7: {
-                auto id = Uuid::make();
-                uploads_.expect(id);
-                h_.service.queueCommand("startRecording", json::array({{{"captureId", id}}}));
-                break;
-            }
-            case 8:
-                h_.service.queueCommand("stopRecording");
-                break;
-            case 9:
-                h_.service.queueCommand("dispose");
-                break;
-            case 10:
-                h_.service.queueCommand("selectSource",
-                                        json::array({{{"sourceId", "window-4242"}}}));
-                break;
-            case 11:
-                h_.service.failPolls(1, pick(4) == 0 ? 501 : 502);
-                break;
-            case 12:
-                h_.content.set(editorDesktop(false));
-                if (pick(2) == 0) {
-                    capture_.streams->fail(
-                        CaptureError(CaptureError::kNoCaptureSource, "the window is gone"));
-                }
-                sourceGone_ = 1 + pick(5);
-                break;
-            case 13:
-                h_.volume.set(100'000'000);
-                diskFull_ = 1 + pick(5);
-                break;
-            case 14:
-                capture_.streams->fail(
-                    CaptureError(CaptureError::kSystemStoppedStream, "stopped by the system"));
-                break;
-            case 15:
-                spawn(studio.disconnect(kSleep));
-                break;
-            case 16:
-                uploads_.fault(pick(2) == 0 ? ScriptedUploads::Fault::drop
-                                            : ScriptedUploads::Fault::badGateway);
-                break;
-        }
+        const std::pair<const char*, std::function<void()>> operations[] = {
+            {"approve", [&] { studio.setConsent(true); }},
+            {"record",
+             [&] {
+                 uploads_.issue(Uuid::make());
+                 spawn(studio.recordNow());
+             }},
+            {"stop", [&] { spawn(studio.stopManual()); }},
+            {"retry",
+             [&] {
+                 if (auto record = anyRecord()) {
+                     studio.retryUpload(*record);
+                 }
+             }},
+            {"delete",
+             [&] {
+                 if (auto record = anyRecord()) {
+                     deleteAsked_.insert(record->id);
+                     spawn(studio.deleteLocal(*record));
+                 }
+             }},
+            {"forget", [&] { spawn(studio.forgetDevice()); }},
+            {"share",
+             [&] {
+                 if (!studio.state().paired) {
+                     studio.setCode("ABCD-1234");
+                 }
+                 spawn(studio.pair());
+             }},
+            {"agent-start",
+             [&] {
+                 auto id = Uuid::make();
+                 uploads_.expect(id);
+                 h_.service.queueCommand("startRecording", json::array({{{"captureId", id}}}));
+             }},
+            {"agent-stop", [&] { h_.service.queueCommand("stopRecording"); }},
+            {"dispose", [&] { h_.service.queueCommand("dispose"); }},
+            {"select",
+             [&] {
+                 h_.service.queueCommand("selectSource",
+                                         json::array({{{"sourceId", "window-4242"}}}));
+             }},
+            {"poll-failure", [&] { h_.service.failPolls(1, pick(4) == 0 ? 501 : 502); }},
+            {"source-gone",
+             [&] {
+                 h_.content.set(editorDesktop(false));
+                 if (pick(2) == 0) {
+                     capture_.streams->fail(
+                         CaptureError(CaptureError::kNoCaptureSource, "the window is gone"));
+                 }
+                 sourceGone_ = 1 + pick(5);
+             }},
+            {"disk-full",
+             [&] {
+                 h_.volume.set(100'000'000);
+                 diskFull_ = 1 + pick(5);
+             }},
+            {"capture-failure",
+             [&] {
+                 capture_.streams->fail(
+                     CaptureError(CaptureError::kSystemStoppedStream, "stopped by the system"));
+             }},
+            {"sleep", [&] { spawn(studio.disconnect(kSleep)); }},
+            {"upload-fault", [&] {
+                 uploads_.fault(pick(2) == 0 ? ScriptedUploads::Fault::drop
+                                             : ScriptedUploads::Fault::badGateway);
+             }}};
+        const auto& [name, operation] = operations[pick(static_cast<int>(std::size(operations)))];
+        trace_.push_back(name);
+        operation();
     }
 
     // Faults of the desktop last a few steps, then the window and the space come back.
@@ -285,18 +277,13 @@ class Sequence {
         const auto& studio = h_.studio();
         const auto& s = studio.state();
         const auto& l = studio.lifecycle();
-        if (s.manual && !s.recording && !s.uploading) {
-            fail("manual without a recording or its upload");
-        }
-        if ((s.uploading || s.recording) && !s.busy && l.phase() != Phase::recording) {
-            fail("a stop or an upload runs without busy");
-        }
-        if (s.connected && !s.paired) {
-            fail("connected without a pairing");
-        }
-        if (l.phase() == Phase::recording && !studio.capture().running()) {
-            fail("recording with no capture behind it");
-        }
+        failIf(s.manual && !s.recording && !s.uploading,
+               "manual without a recording or its upload");
+        failIf((s.uploading || s.recording) && !s.busy && l.phase() != Phase::recording,
+               "a stop or an upload runs without busy");
+        failIf(s.connected && !s.paired, "connected without a pairing");
+        failIf(l.phase() == Phase::recording && !studio.capture().running(),
+               "recording with no capture behind it");
         checkLibrary();
     }
 
@@ -327,16 +314,14 @@ class Sequence {
             switch (stage) {
                 case Stage::recording:
                 case Stage::finalizing:
-                    if (!l.capturing() || !current || current->id != id) {
-                        fail(std::string("record ") + id + " is " + LocalCapture::stageText(stage) +
-                             " while no recording of it runs");
-                    }
+                    failIf(!l.capturing() || !current || current->id != id,
+                           "record " + id + " is " + LocalCapture::stageText(stage) +
+                               " while no recording of it runs");
                     break;
                 case Stage::uploading:
                     ++uploading;
-                    if (!l.uploading() || l.record() != id) {
-                        fail("record " + id + " is uploading while no upload of it runs");
-                    }
+                    failIf(!l.uploading() || l.record() != id,
+                           "record " + id + " is uploading while no upload of it runs");
                     break;
                 case Stage::uploaded: {
                     auto upload = uploads_.upload(Uuid::lower(id));
@@ -344,10 +329,9 @@ class Sequence {
                         fail("record " + id + " is uploaded but the service published nothing");
                     } else if (videos.count(id) != 0) {
                         const auto file = studio.journal().file(id);
-                        if (upload->data != readBytes(file) ||
-                            upload->sha256 != CaptureTransfer::fingerprintFile(file).sha256) {
-                            fail("record " + id + " is uploaded but the service holds other bytes");
-                        }
+                        failIf(upload->data != readBytes(file) ||
+                                   upload->sha256 != CaptureTransfer::fingerprintFile(file).sha256,
+                               "record " + id + " is uploaded but the service holds other bytes");
                     }
                     break;
                 }
@@ -355,28 +339,20 @@ class Sequence {
                     break;
             }
         }
-        if (uploading > 1) {
-            fail("two records are uploading at once");
-        }
+        failIf(uploading > 1, "two records are uploading at once");
         for (const auto& id : videos) {
-            if (records.count(id) == 0) {
-                fail("video " + id + " has no record");
-            }
+            failIf(records.count(id) == 0, "video " + id + " has no record");
         }
         for (const auto& id : seen_) {
-            if (videos.count(id) == 0 && deleteAsked_.count(id) == 0) {
-                fail("video " + id + " vanished though nobody deleted it");
-            }
+            failIf(videos.count(id) == 0 && deleteAsked_.count(id) == 0,
+                   "video " + id + " vanished though nobody deleted it");
         }
-        for (const auto& id : videos) {
-            seen_.insert(id);
-        }
+        seen_.insert(videos.begin(), videos.end());
         for (const auto& moved : h_.trash.moved()) {
             auto name = moved.filename().string();
             auto id = name.substr(6, name.size() - 10);
-            if (deleteAsked_.count(id) == 0) {
-                fail("video " + id + " went to the Trash though nobody deleted it");
-            }
+            failIf(deleteAsked_.count(id) == 0,
+                   "video " + id + " went to the Trash though nobody deleted it");
         }
     }
 
@@ -414,15 +390,13 @@ class Sequence {
                  std::string(phaseText(studio.lifecycle().phase())) + ")");
         }
         const auto& s = studio.state();
-        if (s.busy || s.recording || s.manual || s.uploading || s.consent || s.connected) {
-            fail("flags left set at rest");
-        }
+        failIf(s.busy || s.recording || s.manual || s.uploading || s.consent || s.connected,
+               "flags left set at rest");
         check();
         for (const auto& record : s.recent) {
-            if (record.stage != Stage::saved && record.stage != Stage::uploaded &&
-                record.stage != Stage::interrupted) {
-                fail("record " + record.id + " left " + LocalCapture::stageText(record.stage));
-            }
+            failIf(record.stage != Stage::saved && record.stage != Stage::uploaded &&
+                       record.stage != Stage::interrupted,
+                   "record " + record.id + " left " + LocalCapture::stageText(record.stage));
         }
     }
 

@@ -53,10 +53,6 @@ class Recording : public StudioTest {
         EXPECT_EQ(call(method, std::move(args))["error"], "local_browser_action_failed") << method;
         EXPECT_TRUE(h.log.contains(why)) << why;
     }
-    bool published(const std::string& id) {
-        return uploads.upload(id) && uploads.upload(id)->published;
-    }
-    const StudioState& s() { return h.studio().state(); }
     const LocalCapture& current() { return *h.studio().current(); }
     bool fileExists() { return fs::exists(h.studio().journal().file(current().id)); }
     // The state's flags that are set, in a fixed order, so that one expectation covers them all.

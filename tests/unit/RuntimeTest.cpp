@@ -1,5 +1,5 @@
 // The async runtime the model runs on: tasks and their cancellation, work offloaded to the
-// pool, and cancellable HTTP.
+// pool, cancellable HTTP, the decoding of text and the names of threads.
 #include <gtest/gtest.h>
 
 #include <future>
@@ -9,7 +9,9 @@
 #include "core/runtime/Sleep.h"
 #include "core/runtime/Task.h"
 #include "core/runtime/Text.h"
+#include "core/runtime/ThreadName.h"
 #include "core/session/ErrorText.h"
+#include "support/Failure.h"
 #include "support/StudioHarness.h"
 
 namespace pavix::test {
@@ -39,12 +41,7 @@ TEST(Runtime, OffloadResumesOnTheModelThreadWithTheResultOrTheError) {
         auto work = [] { throw std::runtime_error("disk on fire"); };
         co_await offload(pool, std::move(work));
     };
-    try {
-        h.await(failing());
-        FAIL() << "the error was lost";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "disk on fire");
-    }
+    EXPECT_EQ(failureOf<std::runtime_error>([&] { h.await(failing()); }), "disk on fire");
 }
 
 TEST(Runtime, CancellingATaskEndsItAtItsNextSuspension) {
@@ -164,9 +161,6 @@ TEST(Runtime, HttpRequestsAreCancelledPromptlyAndTimeOutAsTransportErrors) {
     EXPECT_THROW(h.await(http.send(request)), TransportError);
 }
 
-}  // namespace
-}  // namespace pavix::test
-
 TEST(Runtime, TextDecodesWholeCharactersAndReplacesBrokenBytesOneByOne) {
     struct Case {
         std::string text;
@@ -187,8 +181,26 @@ TEST(Runtime, TextDecodesWholeCharactersAndReplacesBrokenBytesOneByOne) {
         {"\xFFx", {0xFFFD, U'x'}, std::nullopt},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(pavix::Text::characters(c.text), c.characters) << testing::PrintToString(c.text);
-        EXPECT_EQ(pavix::Text::singleCharacter(c.text), c.single) << testing::PrintToString(c.text);
+        EXPECT_EQ(Text::characters(c.text), c.characters) << ::testing::PrintToString(c.text);
+        EXPECT_EQ(Text::singleCharacter(c.text), c.single) << ::testing::PrintToString(c.text);
     }
-    EXPECT_EQ(pavix::Text::lowerAscii("Ctrl+Shift+\xC3\x89Z"), "ctrl+shift+\xC3\x89z");
+    EXPECT_EQ(Text::lowerAscii("Ctrl+Shift+\xC3\x89Z"), "ctrl+shift+\xC3\x89z");
 }
+
+TEST(ThreadName, AScopeNamesTheThreadsStartedInItAndGivesTheOldNameBack) {
+    std::thread([] {
+        nameThisThread("pavix-a-name-longer-than-fifteen");
+        EXPECT_EQ(thisThreadName(), "pavix-a-name-lo");  // what Linux keeps
+        std::string worker;
+        {
+            ThreadNameScope scope("pavix-encoder");
+            // A thread started by a library inside the scope, with nothing of its own.
+            std::thread([&] { worker = thisThreadName(); }).join();
+        }
+        EXPECT_EQ(worker, "pavix-encoder");
+        EXPECT_EQ(thisThreadName(), "pavix-a-name-lo");
+    }).join();
+}
+
+}  // namespace
+}  // namespace pavix::test

@@ -7,6 +7,8 @@
 #include "core/net/TransportError.h"
 #include "core/session/PavixError.h"
 #include "core/session/PavixHTTPError.h"
+#include "support/Failure.h"
+#include "support/LibraryRecords.h"
 #include "support/StudioHarness.h"
 
 namespace pavix::test {
@@ -53,12 +55,9 @@ TEST(ServiceEndpoint, AcceptsHttpsAndLoopbackHttpOnly) {
           "https://example.com/#frag", "HTTPS://example.com", "Https://example.com",
           "http://LOCALHOST:8080", "http://127.0.0.2", "ftp://localhost", "not a url", "https://",
           "", "https://exa mple.com"}) {
-        try {
-            validatedEndpoint(bad);
-            ADD_FAILURE() << bad << " was accepted";
-        } catch (const PavixError& e) {
-            EXPECT_STREQ(e.what(), "Use an HTTPS server, or localhost for development.") << bad;
-        }
+        EXPECT_EQ(failureOf<PavixError>([&] { validatedEndpoint(bad); }),
+                  "Use an HTTPS server, or localhost for development.")
+            << bad;
     }
 }
 
@@ -103,10 +102,7 @@ TEST(ServiceRequestBuilding, OnlyAWholeFileGetsTheLongerTimeOut) {
 TEST_F(ServiceClient, ChunksAndFilesAreRawBytesWithOffsetAndNoExpect) {
     h.pairWithCode();
     h.server.reply("/local-browser/desktop-upload/x/chunk", 200, "{}");
-    std::string chunk(5u << 20, '\0');
-    for (std::size_t i = 0; i < chunk.size(); ++i) {
-        chunk[i] = static_cast<char>(i * 7);
-    }
+    const auto chunk = patternedBytes(5u << 20);
     post("desktop-upload/x/chunk", json::object(), {std::nullopt, chunk, 8'388'608});
 
     auto file = std::filesystem::temp_directory_path() / "pavix-service-client-body.bin";
