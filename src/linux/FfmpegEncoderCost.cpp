@@ -87,8 +87,9 @@ std::optional<double> measureCpuPerFrame(const VideoEncoderSettings& settings) {
         return true;
     };
 
-    // The measured frames go in groups; the median group's cost is the answer, so that a burst
-    // of other work on the machine during one group does not decide it.
+    // The measured frames go in groups and the cheapest group's cost is the answer: other work
+    // on the machine (a busy sibling core, a cold cache, a lower clock) only ever adds to a
+    // group's time, so the least disturbed group is the truest figure of the encoder's own work.
     std::vector<double> groups;
     double started = 0, painting = 0;
     for (int n = 0; n < costWarmUpFrames + costMeasuredFrames; ++n) {
@@ -111,8 +112,7 @@ std::optional<double> measureCpuPerFrame(const VideoEncoderSettings& settings) {
             groups.push_back(std::max(0.0, spent) / costGroupFrames);
         }
     }
-    std::nth_element(groups.begin(), groups.begin() + groups.size() / 2, groups.end());
-    return groups[groups.size() / 2];
+    return *std::min_element(groups.begin(), groups.end());
 }
 
 }  // namespace pavix::ffmpeg
