@@ -39,9 +39,9 @@ flags:
   --code-ttl S             pairing code lifetime in seconds (default 600)
   --access-ttl S           access token lifetime in seconds (default 3600)
   --refresh-ttl S          refresh token lifetime in seconds (default 2592000)
-  --refresh-grace-ms MS    how long the refresh token replaced by the latest rotation may
-                           rotate once more, for a device whose reply was lost (default 60000;
-                           0: never)
+  --refresh-grace-ms MS    how long after the latest rotation the refresh token it was made
+                           from may rotate again, for a device whose replies were lost
+                           (default 60000; 0: never)
   --capture-ms MS          "captureMs" to hand out with desktop-recording/begin (default none)
   --min-app-version V      below this X-Pavix-App-Version, answer 426 (default 0.0.0)
   --latest-app-version V   the latest app version (default 0.1.0)

@@ -4,8 +4,6 @@
 #include "devserver/Digest.h"
 #include "devserver/Ids.h"
 
-#include <algorithm>
-
 namespace pavix::devserver {
 
 nlohmann::json Identity::reply() const {
@@ -30,9 +28,13 @@ TokenStore::TokenStore(Database& db, Lifetimes lifetimes) : db_(db), life_(lifet
         CREATE TABLE IF NOT EXISTS tokens(
             hash TEXT PRIMARY KEY, kind TEXT NOT NULL, device_id TEXT NOT NULL,
             issued_at INTEGER NOT NULL, expires_at INTEGER NOT NULL, revoked_at INTEGER,
-            reason TEXT);
+            reason TEXT, parent TEXT);
         CREATE INDEX IF NOT EXISTS tokens_device ON tokens(device_id);
     )");
+    // A database kept from before refresh tokens recorded the token they were rotated from.
+    Statement columns(db_, "SELECT 1 FROM pragma_table_info('tokens') WHERE name = 'parent'");
+    if (!columns.step())
+        db_.exec("ALTER TABLE tokens ADD COLUMN parent TEXT");
 }
 
 PairingCode TokenStore::createCode() {
@@ -79,7 +81,7 @@ std::optional<Identity> TokenStore::pair(const std::string& code, const std::str
             .bind(3, now)
             .bind(4, now)
             .run();
-        Identity id = issue(deviceId, now);
+        Identity id = issue(deviceId, now, std::nullopt);
         db_.exec("COMMIT");
         return id;
     } catch (...) {
@@ -88,7 +90,8 @@ std::optional<Identity> TokenStore::pair(const std::string& code, const std::str
     }
 }
 
-Identity TokenStore::issue(const std::string& deviceId, int64_t now) {
+Identity TokenStore::issue(const std::string& deviceId, int64_t now,
+                           const std::optional<std::string>& parent) {
     Identity id{deviceId, Ids::token("pvx_at_"), now + life_.accessMs, Ids::token("pvx_rt_"),
                 now + life_.refreshMs};
     Statement ins(db_,
@@ -101,13 +104,14 @@ Identity TokenStore::issue(const std::string& deviceId, int64_t now) {
         .bind(5, id.accessExpiresAt)
         .run();
     Statement ins2(db_,
-                   "INSERT INTO tokens(hash, kind, device_id, issued_at, expires_at) "
-                   "VALUES(?,?,?,?,?)");
+                   "INSERT INTO tokens(hash, kind, device_id, issued_at, expires_at, parent) "
+                   "VALUES(?,?,?,?,?,?)");
     ins2.bind(1, Digest::sha256(id.refreshToken))
         .bind(2, std::string("refresh"))
         .bind(3, deviceId)
         .bind(4, now)
         .bind(5, id.refreshExpiresAt)
+        .bind(6, parent)
         .run();
     return id;
 }
@@ -135,11 +139,12 @@ TokenStore::AuthResult TokenStore::authenticate(const std::string& accessToken) 
 
 std::optional<Identity> TokenStore::refresh(const std::string& refreshToken, Auth* why) {
     std::lock_guard lock(db_.mutex());
-    // Each rotation gets a time of its own: a token is matched to the rotation that replaced it
-    // by that time.
-    int64_t now = std::max(nowMs(), lastRotation_ + 1);
+    int64_t now = nowMs();
     auto r = lookup(refreshToken, "refresh", now);
-    if (r.status == Auth::Revoked && replacedByLatestRotation(refreshToken, r.deviceId, now))
+    // Each refresh token records the one whose presentation issued it: after a lost reply the
+    // device presents that same parent again.
+    std::string presented = Digest::sha256(refreshToken);
+    if (r.status == Auth::Revoked && mayRotateAgain(presented, r.deviceId, now))
         r.status = Auth::Ok;
     if (why)
         *why = r.status;
@@ -148,9 +153,8 @@ std::optional<Identity> TokenStore::refresh(const std::string& refreshToken, Aut
     db_.exec("BEGIN IMMEDIATE");
     try {
         revokeAll(r.deviceId, "rotated", now);
-        Identity id = issue(r.deviceId, now);
+        Identity id = issue(r.deviceId, now, presented);
         db_.exec("COMMIT");
-        lastRotation_ = now;
         return id;
     } catch (...) {
         db_.exec("ROLLBACK");
@@ -158,21 +162,19 @@ std::optional<Identity> TokenStore::refresh(const std::string& refreshToken, Aut
     }
 }
 
-bool TokenStore::replacedByLatestRotation(const std::string& refreshToken,
-                                          const std::string& deviceId, int64_t now) {
-    // Rotated within the grace, and the device's live refresh token was issued by that very
-    // rotation: nothing has been refreshed since, so the presenter may be the device whose
-    // reply was lost. The device itself must not be revoked.
+bool TokenStore::mayRotateAgain(const std::string& presentedHash, const std::string& deviceId,
+                                int64_t now) {
+    // The device's live refresh token was rotated from the presented one, within the grace:
+    // nobody has presented anything issued since, so the presenter may be the device whose
+    // replies were lost, however many in a row. A token presented after its successor was used
+    // is a replay and stays refused, as does any token of a revoked device.
     Statement s(db_,
                 "SELECT 1 FROM tokens old JOIN tokens live ON live.device_id = old.device_id "
                 "JOIN devices d ON d.id = old.device_id WHERE old.hash = ? AND "
-                "old.kind = 'refresh' AND old.reason = 'rotated' AND old.revoked_at > ? AND "
-                "old.expires_at > ? AND live.kind = 'refresh' AND live.revoked_at IS NULL AND "
-                "live.issued_at = old.revoked_at AND d.revoked_at IS NULL AND d.id = ?");
-    s.bind(1, Digest::sha256(refreshToken))
-        .bind(2, now - life_.refreshGraceMs)
-        .bind(3, now)
-        .bind(4, deviceId);
+                "old.kind = 'refresh' AND old.reason = 'rotated' AND old.expires_at > ? AND "
+                "live.kind = 'refresh' AND live.revoked_at IS NULL AND live.parent = old.hash AND "
+                "live.issued_at > ? AND d.revoked_at IS NULL AND d.id = ?");
+    s.bind(1, presentedHash).bind(2, now).bind(3, now - life_.refreshGraceMs).bind(4, deviceId);
     return s.step();
 }
 

@@ -43,16 +43,17 @@ struct Lifetimes {
     int64_t codeMs = 10 * 60 * 1000;
     int64_t accessMs = 60 * 60 * 1000;
     int64_t refreshMs = 30LL * 24 * 60 * 60 * 1000;
-    // How long a refresh token replaced by the latest rotation may rotate once more.
+    // How long after the latest rotation the refresh token it was rotated from may rotate again.
     int64_t refreshGraceMs = 60 * 1000;
 };
 
 // Pairing codes, paired devices and their tokens, kept in SQLite. Tokens are stored only as
 // SHA-256 digests. Refresh rotates both tokens; the replaced ones stop working at once, with one
-// exception: a reply lost on the way leaves the device holding only the refresh token just
-// replaced, so for `refreshGraceMs` after the latest rotation that token may rotate again
-// (which retires the pair the device never saw). An older token, or one presented later, is
-// refused.
+// exception: a reply lost on the way leaves the device holding only the refresh token it
+// presented, so for `refreshGraceMs` after the latest rotation the token that rotation was made
+// from may rotate again, which retires the pair the device never saw. Replies lost several
+// times in a row are repaired the same way. An older token, one whose successor has itself been
+// presented, or one presented after the grace, is refused.
 class TokenStore {
   public:
     enum class Auth { Ok, Unknown, Expired, Revoked };
@@ -82,15 +83,15 @@ class TokenStore {
     std::optional<DeviceRecord> device(const std::string& deviceId);
 
   private:
-    Identity issue(const std::string& deviceId, int64_t now);                    // mutex held
+    Identity issue(const std::string& deviceId, int64_t now,
+                   const std::optional<std::string>& parent);                    // mutex held
     AuthResult lookup(const std::string& token, const char* kind, int64_t now);  // mutex held
-    bool replacedByLatestRotation(const std::string& refreshToken, const std::string& deviceId,
-                                  int64_t now);                                    // mutex held
+    bool mayRotateAgain(const std::string& presentedHash, const std::string& deviceId,
+                        int64_t now);                                              // mutex held
     void revokeAll(const std::string& deviceId, const char* reason, int64_t now);  // mutex held
 
     Database& db_;
     Lifetimes life_;
-    int64_t lastRotation_ = 0;  // mutex held
 };
 
 }  // namespace pavix::devserver

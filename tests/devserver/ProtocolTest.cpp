@@ -117,16 +117,20 @@ TEST_F(ProtocolTest, RefreshRotatesBothTokensAndRetiresTheOldOnesAndTheAgentCanE
     EXPECT_EQ(app.post("poll").status, 200);
     EXPECT_EQ(old.post("device/refresh", {{"refreshToken", "pvx_rt_unknown"}}).status, 401);
 
-    // A device whose refresh reply was lost holds only the token just replaced: it may rotate
-    // once more, which retires the pair it never saw.
+    // A device whose refresh replies were lost, twice in a row, holds only the token it first
+    // presented: it may rotate again, which retires the pairs it never saw.
     FakeApp lostReply(base);
     lostReply.remember(before);
+    auto lostAgain = old.post("device/refresh", {{"refreshToken", before["refreshToken"]}});
+    ASSERT_EQ(lostAgain.status, 200);
     ASSERT_EQ(lostReply.refresh().status, 200);
+    old.token = lostAgain.body["accessToken"];
+    EXPECT_EQ(old.post("poll").status, 401);
     EXPECT_EQ(app.post("poll").status, 401);
     EXPECT_EQ(lostReply.post("poll").status, 200);
     // Once it has rotated again, neither earlier token rotates any more.
     ASSERT_EQ(lostReply.refresh().status, 200);
-    for (const auto& earlier : {before, r.body}) {
+    for (const auto& earlier : {before, r.body, lostAgain.body}) {
         auto reuse = old.post("device/refresh", {{"refreshToken", earlier["refreshToken"]}});
         EXPECT_EQ(reuse.status, 401);
         EXPECT_EQ(reuse.body["error"], "device_credentials_expired");
