@@ -354,19 +354,9 @@ Choice chosenEncoding(Size source) {
     inChild(
         [&] {
             pavix::FfmpegEncoderProbe probe;
-            std::vector<pavix::CaptureEncoding> kept;
-            for (const auto& candidate :
-                 pavix::CaptureEncoding::candidates(source.width, source.height, 1.0)) {
-                if (pavix::CaptureWriter::canEncode(candidate, std::nullopt, probe)) {
-                    kept.push_back(candidate);
-                }
-            }
-            auto plan = pavix::EncoderBudget::plan(
-                kept,
-                [&](const pavix::CaptureEncoding& encoding) {
-                    return probe.cpuSecondsPerFrame(pavix::CaptureWriter::settings(encoding));
-                },
-                std::thread::hardware_concurrency(), pavix::CaptureWriter::frameRate);
+            auto plan = pavix::CaptureWriter::plan(
+                pavix::CaptureEncoding::candidates(source.width, source.height, 1.0), std::nullopt,
+                probe);
             if (plan.encodings.empty()) {
                 return std::string("0 0 0");
             }

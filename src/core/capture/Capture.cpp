@@ -5,7 +5,6 @@
 #include <asio/use_awaitable.hpp>
 #include <cmath>
 #include <system_error>
-#include <thread>
 
 #include "core/capture/CaptureError.h"
 #include "core/capture/CaptureGuards.h"
@@ -50,16 +49,6 @@ const ShareableWindow* findWindow(const ShareableContentSnapshot& content, std::
         }
     }
     return nullptr;
-}
-
-// The size and effort to start at among the encodable candidates `kept`, on this machine's
-// processors and the probe's measured cost of a frame. Blocking: call it on the pool.
-EncoderBudget::Plan planEncoding(const std::vector<CaptureEncoding>& kept, EncoderProbe& probe) {
-    auto cost = [&probe](const CaptureEncoding& encoding) {
-        return probe.cpuSecondsPerFrame(CaptureWriter::settings(encoding));
-    };
-    return EncoderBudget::plan(kept, cost, std::thread::hardware_concurrency(),
-                               CaptureWriter::frameRate);
 }
 
 }  // namespace
@@ -148,7 +137,7 @@ void Capture::prepareEncoder() {
     encoderPrepared_ = true;
     // The pool is joined before the platform parts go, so the probe outlives this work.
     asio::post(*parts_.pool, [probe = parts_.platform.probe] {
-        planEncoding(CaptureEncoding::candidates(1920, 1080, 1.0), *probe);
+        CaptureWriter::plan(CaptureEncoding::candidates(1920, 1080, 1.0), std::nullopt, *probe);
     });
 }
 
@@ -194,16 +183,8 @@ asio::awaitable<void> Capture::start(CaptureSource source, std::filesystem::path
             maxWidth = static_cast<std::int64_t>(*value);
         }
     }
-    // Which sizes the machine can encode, then at which size and effort it holds the frame rate
-    // (measured once per effort, then remembered by the probe).
     auto probe = [candidates, maxWidth, encoderProbe = parts_.platform.probe] {
-        std::vector<CaptureEncoding> kept;
-        for (const auto& candidate : candidates) {
-            if (CaptureWriter::canEncode(candidate, maxWidth, *encoderProbe)) {
-                kept.push_back(candidate);
-            }
-        }
-        return planEncoding(kept, *encoderProbe);
+        return CaptureWriter::plan(candidates, maxWidth, *encoderProbe);
     };
     const auto plan = co_await offload(*parts_.pool, probe);
     const auto& kept = plan.encodings;

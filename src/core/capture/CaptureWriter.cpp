@@ -47,6 +47,21 @@ bool CaptureWriter::canEncode(const CaptureEncoding& encoding,
     return probe.canOpen(settings(encoding));
 }
 
+EncoderBudget::Plan CaptureWriter::plan(const std::vector<CaptureEncoding>& candidates,
+                                        std::optional<std::int64_t> captureMaxWidth,
+                                        EncoderProbe& probe) {
+    std::vector<CaptureEncoding> kept;
+    for (const auto& candidate : candidates) {
+        if (canEncode(candidate, captureMaxWidth, probe)) {
+            kept.push_back(candidate);
+        }
+    }
+    auto cost = [&probe](const CaptureEncoding& encoding) {
+        return probe.cpuSecondsPerFrame(settings(encoding));
+    };
+    return EncoderBudget::plan(kept, cost, std::thread::hardware_concurrency(), frameRate);
+}
+
 std::int64_t CaptureWriter::now() {
     // On Linux the steady clock is CLOCK_MONOTONIC, the clock of VideoFrame::captureTimeNs.
     return steadyNs();

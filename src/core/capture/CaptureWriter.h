@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "core/capture/CaptureEncoding.h"
+#include "core/capture/EncoderBudget.h"
 #include "platform/EncoderProbe.h"
 #include "platform/VideoEncoder.h"
 #include "platform/VideoFrame.h"
@@ -60,6 +61,14 @@ class CaptureWriter {
     // first (when present and below the width, no), then a real encoder through `probe`.
     static bool canEncode(const CaptureEncoding& encoding,
                           std::optional<std::int64_t> captureMaxWidth, EncoderProbe& probe);
+
+    // The encodings to try, in order, among `candidates`: those `canEncode` accepts, the first at
+    // the largest size and effort that hold the frame rate on this machine's processors and the
+    // probe's measured cost of a frame (measured once per effort, then remembered by the probe).
+    // Blocking: call it off the model executor.
+    static EncoderBudget::Plan plan(const std::vector<CaptureEncoding>& candidates,
+                                    std::optional<std::int64_t> captureMaxWidth,
+                                    EncoderProbe& probe);
 
     // The monotonic clock (CLOCK_MONOTONIC) in nanoseconds, the clock of frame times; the
     // session's end time for `finish`.

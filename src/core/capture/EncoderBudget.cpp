@@ -21,13 +21,8 @@ Fit best(CaptureEncoding encoding, const CostOfFrame& cost, double budget, int f
         fit.encoding = encoding;
         fit.cpuPerSecond = perFrame.value_or(0) * frameRate;
         fit.fits = fit.cpuPerSecond <= budget;
-        if (!perFrame) {
-            encoding.effort = EncoderEffort::full;
-            fit.encoding = encoding;  // a hardware encoder: effort means nothing
-            break;
-        }
-        if (fit.fits) {
-            break;
+        if (!perFrame || fit.fits) {
+            break;  // without a cost it is a hardware encoder, asked at full effort: it fits
         }
     }
     return fit;
