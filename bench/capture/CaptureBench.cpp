@@ -1,10 +1,10 @@
 // Records the same 1920×1080 content with Pavix (X11CaptureStream + CaptureWriter +
 // FfmpegVideoEncoder) and with `ffmpeg -f x11grab … -c:v libx264` at matched settings, one after
-// the other on the same display, several times each; and encodes as many frames of the same
-// picture with libx264 alone, from memory, at Pavix's settings. Every row runs in a process of
-// its own, so that its CPU time and peak memory are its own. Frames are counted from the files
-// with ffprobe, the same way for both recorders. "large" is the animated picture on a private
-// 2560×1440 X server, recorded at the size Pavix chooses for it. Run it under
+// the other on the same display, several times each; and encodes the frames of each Pavix
+// recording of the animated picture again with libx264 alone, at Pavix's settings. Every row runs
+// in a process of its own, so that its CPU time and peak memory are its own. Frames are counted
+// from the files with ffprobe, the same way for both recorders. "large" is the animated picture on
+// a private 2560×1440 X server, recorded at the size Pavix chooses for it. Run it under
 // scripts/with-desktop.
 //
 //   pavix-bench-capture [--seconds N] [--repeats N]
@@ -50,6 +50,8 @@
 #include "linux/X11Monitors.h"
 
 extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
 #include <libswscale/swscale.h>
 }
 
@@ -505,77 +507,103 @@ Run recordWithFfmpeg(const fs::path& file, const Settings& settings, Size screen
     return run;
 }
 
-// libx264 alone, opened exactly as Pavix opens it, encoding `frames` pictures of the animated
-// content from memory at 60 fps. The CPU spent painting the pictures is not counted.
-Run encodeAlone(long frames, const Settings& settings, const Choice& choice) {
-    const int width = choice.size.width, height = choice.size.height;
+// libx264 alone, opened exactly as Pavix opens it, encoding the frames of Pavix's recording
+// `file` (decoded from it, so the very pictures Pavix captured) at 60 fps. The CPU spent reading
+// and decoding them, on this thread with one decoder thread, is not counted.
+Run encodeAlone(const fs::path& file, const Settings& settings, const Choice& choice) {
     std::string report;
     auto usage = inChild(
         [&] {
+            auto failed = [](const char* what) {
+                std::fprintf(stderr, "libx264 alone: %s\n", what);
+                return std::string("0 0");
+            };
+            AVFormatContext* input = nullptr;
+            if (avformat_open_input(&input, file.c_str(), nullptr, nullptr) < 0 ||
+                avformat_find_stream_info(input, nullptr) < 0) {
+                return failed("cannot read the recording");
+            }
+            std::unique_ptr<AVFormatContext, void (*)(AVFormatContext*)> closeInput(
+                input, [](AVFormatContext* c) { avformat_close_input(&c); });
+            const int index = av_find_best_stream(input, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+            const AVCodec* h264 = avcodec_find_decoder(AV_CODEC_ID_H264);
+            if (index < 0 || h264 == nullptr) {
+                return failed("no H.264 stream or decoder");
+            }
+            pavix::ffmpeg::CodecContextPtr decoder(avcodec_alloc_context3(h264));
+            avcodec_parameters_to_context(decoder.get(), input->streams[index]->codecpar);
+            decoder->thread_count = 1;
+            if (avcodec_open2(decoder.get(), h264, nullptr) < 0) {
+                return failed("cannot open the decoder");
+            }
+
             pavix::VideoEncoderSettings encoderSettings;
-            encoderSettings.width = width;
-            encoderSettings.height = height;
-            encoderSettings.bitrate = pavix::CaptureEncoding::bitrateFor(width, height);
+            encoderSettings.width = choice.size.width;
+            encoderSettings.height = choice.size.height;
+            encoderSettings.bitrate =
+                pavix::CaptureEncoding::bitrateFor(choice.size.width, choice.size.height);
             encoderSettings.effort = choice.effort;
             std::string why;
             auto opened = pavix::ffmpeg::openH264(encoderSettings, true, &why);
             if (!opened.context) {
-                std::fprintf(stderr, "libx264: %s\n", why.c_str());
-                return std::string("0");
+                return failed(why.c_str());
             }
-            AVCodecContext* c = opened.context.get();
+            AVCodecContext* encoder = opened.context.get();
             pavix::ffmpeg::FramePtr frame(av_frame_alloc());
-            frame->format = c->pix_fmt;
-            frame->width = width;
-            frame->height = height;
-            av_frame_get_buffer(frame.get(), 0);
-            pavix::ffmpeg::PacketPtr packet(av_packet_alloc());
-            double painting = 0;
+            pavix::ffmpeg::PacketPtr packet(av_packet_alloc()), output(av_packet_alloc());
+            long frames = 0;
+            double decoding = 0;
             auto drain = [&] {
-                while (avcodec_receive_packet(c, packet.get()) == 0) {
-                    av_packet_unref(packet.get());
+                while (avcodec_receive_packet(encoder, output.get()) == 0) {
+                    av_packet_unref(output.get());
                 }
             };
-            for (long n = 0; n < frames; ++n) {
+            // Hands every frame the decoder has ready to the encoder; false when one cannot be.
+            auto encodeReady = [&] {
+                for (;;) {
+                    double before = threadCpu();
+                    const int got = avcodec_receive_frame(decoder.get(), frame.get());
+                    decoding += threadCpu() - before;
+                    if (got != 0) {
+                        return true;
+                    }
+                    if (frame->width != encoder->width || frame->height != encoder->height ||
+                        frame->format != encoder->pix_fmt) {
+                        return false;
+                    }
+                    frame->pts = frames++ * 1500;  // 1/60 s in the encoder's 1/90000 s
+                    frame->pict_type = AV_PICTURE_TYPE_NONE;
+                    avcodec_send_frame(encoder, frame.get());
+                    av_frame_unref(frame.get());
+                    drain();
+                }
+            };
+            for (bool more = true; more;) {
                 double before = threadCpu();
-                av_frame_make_writable(frame.get());
-                // The sweep colour and the white bar in BT.709 limited-range YUV.
-                unsigned rgb = sweepColour(unsigned(n));
-                double r = (rgb >> 16) / 255.0, g = ((rgb >> 8) & 255) / 255.0,
-                       b = (rgb & 255) / 255.0;
-                double y = 0.2126 * r + 0.7152 * g + 0.0722 * b;
-                auto Y = std::uint8_t(16 + 219 * y);
-                auto U = std::uint8_t(128 + 224 * (b - y) / 1.8556);
-                auto V = std::uint8_t(128 + 224 * (r - y) / 1.5748);
-                const int bar = barAt(unsigned(n), width);
-                for (int row = 0; row < height; ++row) {
-                    auto* line = frame->data[0] + row * frame->linesize[0];
-                    std::memset(line, Y, width);
-                    std::memset(line + bar, 235, std::min(120, width - bar));
+                more = av_read_frame(input, packet.get()) >= 0;
+                if (more && packet->stream_index == index) {
+                    avcodec_send_packet(decoder.get(), packet.get());
                 }
-                for (int row = 0; row < height / 2; ++row) {
-                    auto* u = frame->data[1] + row * frame->linesize[1];
-                    auto* v = frame->data[2] + row * frame->linesize[2];
-                    std::memset(u, U, width / 2);
-                    std::memset(v, V, width / 2);
-                    std::memset(u + bar / 2, 128, std::min(60, (width - bar) / 2));
-                    std::memset(v + bar / 2, 128, std::min(60, (width - bar) / 2));
+                if (more) {
+                    av_packet_unref(packet.get());
+                } else {
+                    avcodec_send_packet(decoder.get(), nullptr);
                 }
-                frame->pts = n * 1500;  // 1/60 s in the encoder's 1/90000 s
-                painting += threadCpu() - before;
-                avcodec_send_frame(c, frame.get());
-                drain();
+                decoding += threadCpu() - before;
+                if (!encodeReady()) {
+                    return failed("the recording's frames are not the encoder's size or format");
+                }
             }
-            avcodec_send_frame(c, nullptr);
+            avcodec_send_frame(encoder, nullptr);
             drain();
-            return std::to_string(painting);
+            return std::to_string(frames) + " " + std::to_string(decoding);
         },
         report);
-    double painting = std::atof(report.c_str());
     Run run;
-    run.frames = frames;
-    run.fps = double(frames) / settings.seconds;
-    run.cpu = (cpuOf(usage) - painting) / settings.seconds;
+    double decoding = 0;
+    std::istringstream(report) >> run.frames >> decoding;
+    run.fps = double(run.frames) / settings.seconds;
+    run.cpu = (cpuOf(usage) - decoding) / settings.seconds;
     run.peakMiB = usage.ru_maxrss / 1024.0;
     return run;
 }
@@ -798,9 +826,9 @@ int main(int argc, char** argv) {
                     median(ours, &Run::peakMiB) / std::max(1e-9, median(theirs, &Run::peakMiB)));
         if (content == "animated") {
             std::vector<Run> alone;
-            const long frames = long(median(ours, &Run::fps) * settings.seconds);
             for (int i = 0; i < settings.repeats; ++i) {
-                alone.push_back(encodeAlone(frames, settings, choice));
+                alone.push_back(encodeAlone(folder / ("pavix-" + std::to_string(i) + ".mp4"),
+                                            settings, choice));
             }
             print("libx264 alone, same frames", alone);
             std::printf("%-30s %20s %6s %8s %20.2f\n", "Pavix / libx264 alone", "", "", "",
