@@ -28,13 +28,15 @@ TokenStore::TokenStore(Database& db, Lifetimes lifetimes) : db_(db), life_(lifet
         CREATE TABLE IF NOT EXISTS tokens(
             hash TEXT PRIMARY KEY, kind TEXT NOT NULL, device_id TEXT NOT NULL,
             issued_at INTEGER NOT NULL, expires_at INTEGER NOT NULL, revoked_at INTEGER,
-            reason TEXT, parent TEXT);
+            reason TEXT, parent TEXT, used_at INTEGER);
         CREATE INDEX IF NOT EXISTS tokens_device ON tokens(device_id);
     )");
-    // A database kept from before refresh tokens recorded the token they were rotated from.
-    Statement columns(db_, "SELECT 1 FROM pragma_table_info('tokens') WHERE name = 'parent'");
-    if (!columns.step())
-        db_.exec("ALTER TABLE tokens ADD COLUMN parent TEXT");
+    // A database kept from before tokens recorded where they came from and whether they were used.
+    for (std::string column : {"parent TEXT", "used_at INTEGER"}) {
+        Statement known(db_, "SELECT 1 FROM pragma_table_info('tokens') WHERE name = ?");
+        if (!known.bind(1, column.substr(0, column.find(' '))).step())
+            db_.exec("ALTER TABLE tokens ADD COLUMN " + column);
+    }
 }
 
 PairingCode TokenStore::createCode() {
@@ -134,7 +136,16 @@ TokenStore::AuthResult TokenStore::lookup(const std::string& token, const char* 
 
 TokenStore::AuthResult TokenStore::authenticate(const std::string& accessToken) {
     std::lock_guard lock(db_.mutex());
-    return lookup(accessToken, "access", nowMs());
+    const int64_t now = nowMs();
+    auto r = lookup(accessToken, "access", now);
+    if (r.status == Auth::Ok) {
+        // The device has its reply: the refresh token it was rotated from may not rotate again.
+        Statement(db_, "UPDATE tokens SET used_at = ? WHERE hash = ? AND used_at IS NULL")
+            .bind(1, now)
+            .bind(2, Digest::sha256(accessToken))
+            .run();
+    }
+    return r;
 }
 
 std::optional<Identity> TokenStore::refresh(const std::string& refreshToken, Auth* why) {
@@ -164,16 +175,19 @@ std::optional<Identity> TokenStore::refresh(const std::string& refreshToken, Aut
 
 bool TokenStore::mayRotateAgain(const std::string& presentedHash, const std::string& deviceId,
                                 int64_t now) {
-    // The device's live refresh token was rotated from the presented one, within the grace:
-    // nobody has presented anything issued since, so the presenter may be the device whose
-    // replies were lost, however many in a row. A token presented after its successor was used
-    // is a replay and stays refused, as does any token of a revoked device.
+    // The device's live refresh token was rotated from the presented one, within the grace, and
+    // no live token has been used since: the presenter may be the device whose replies were
+    // lost, however many in a row. Once the device has used its new pair, the token presented
+    // is a replay (a request of its own that arrived late, or a thief's) and stays refused, as
+    // does any token of a revoked device.
     Statement s(db_,
                 "SELECT 1 FROM tokens old JOIN tokens live ON live.device_id = old.device_id "
                 "JOIN devices d ON d.id = old.device_id WHERE old.hash = ? AND "
                 "old.kind = 'refresh' AND old.reason = 'rotated' AND old.expires_at > ? AND "
                 "live.kind = 'refresh' AND live.revoked_at IS NULL AND live.parent = old.hash AND "
-                "live.issued_at > ? AND d.revoked_at IS NULL AND d.id = ?");
+                "live.issued_at > ? AND d.revoked_at IS NULL AND d.id = ? AND NOT EXISTS "
+                "(SELECT 1 FROM tokens used WHERE used.device_id = d.id AND "
+                "used.revoked_at IS NULL AND used.used_at IS NOT NULL)");
     s.bind(1, presentedHash).bind(2, now).bind(3, now - life_.refreshGraceMs).bind(4, deviceId);
     return s.step();
 }

@@ -52,8 +52,8 @@ struct Lifetimes {
 // exception: a reply lost on the way leaves the device holding only the refresh token it
 // presented, so for `refreshGraceMs` after the latest rotation the token that rotation was made
 // from may rotate again, which retires the pair the device never saw. Replies lost several
-// times in a row are repaired the same way. An older token, one whose successor has itself been
-// presented, or one presented after the grace, is refused.
+// times in a row are repaired the same way. An older token, one presented after the device
+// used the pair issued in its place, or one presented after the grace, is refused.
 class TokenStore {
   public:
     enum class Auth { Ok, Unknown, Expired, Revoked };

@@ -92,10 +92,11 @@ TEST_F(ShortLivedCredentials, ExpiredCodeAndExpiredAccessTokenAreRefused) {
     // The refresh token outlives it and brings the device back.
     const json replaced = app.identity;
     ASSERT_EQ(app.refresh().status, 200);
-    EXPECT_EQ(app.post("poll").status, 200);
-    // Past the grace, the token just replaced is refused like any other.
+    // Past the grace, the token just replaced is refused like any other, even before the new
+    // pair is used.
     std::this_thread::sleep_for(250ms);
     EXPECT_EQ(app.post("device/refresh", {{"refreshToken", replaced["refreshToken"]}}).status, 401);
+    EXPECT_EQ(app.post("poll").status, 200);
 }
 
 TEST_F(ProtocolTest, RefreshRotatesBothTokensAndRetiresTheOldOnesAndTheAgentCanExpireThem) {
@@ -111,31 +112,34 @@ TEST_F(ProtocolTest, RefreshRotatesBothTokensAndRetiresTheOldOnesAndTheAgentCanE
     for (auto key : {"accessExpiresAt", "refreshExpiresAt"})
         EXPECT_TRUE(r.body[key].is_number());
 
+    // A device whose refresh replies were lost, here twice in a row, holds only the token it
+    // first presented: it may rotate again, which retires the pairs it never saw.
     FakeApp old(base);
-    old.token = before["accessToken"];
-    EXPECT_EQ(old.post("poll").status, 401);
-    EXPECT_EQ(app.post("poll").status, 200);
-    EXPECT_EQ(old.post("device/refresh", {{"refreshToken", "pvx_rt_unknown"}}).status, 401);
-
-    // A device whose refresh replies were lost, twice in a row, holds only the token it first
-    // presented: it may rotate again, which retires the pairs it never saw.
-    FakeApp lostReply(base);
-    lostReply.remember(before);
     auto lostAgain = old.post("device/refresh", {{"refreshToken", before["refreshToken"]}});
     ASSERT_EQ(lostAgain.status, 200);
-    ASSERT_EQ(lostReply.refresh().status, 200);
-    old.token = lostAgain.body["accessToken"];
-    EXPECT_EQ(old.post("poll").status, 401);
-    EXPECT_EQ(app.post("poll").status, 401);
-    EXPECT_EQ(lostReply.post("poll").status, 200);
-    // Once it has rotated again, neither earlier token rotates any more.
+    FakeApp lostReply(base);
+    lostReply.remember(before);
     ASSERT_EQ(lostReply.refresh().status, 200);
     for (const auto& earlier : {before, r.body, lostAgain.body}) {
-        auto reuse = old.post("device/refresh", {{"refreshToken", earlier["refreshToken"]}});
-        EXPECT_EQ(reuse.status, 401);
-        EXPECT_EQ(reuse.body["error"], "device_credentials_expired");
+        old.token = earlier["accessToken"];
+        EXPECT_EQ(old.post("poll").status, 401);
     }
+    EXPECT_EQ(app.post("poll").status, 401);
     EXPECT_EQ(lostReply.post("poll").status, 200);
+    // Once the device has used its new pair, a late request with the token it was rotated from
+    // is refused, and so is any earlier token, also after the device has rotated again.
+    for (int rotated = 0; rotated < 2; ++rotated) {
+        for (const auto& earlier : {before, r.body, lostAgain.body}) {
+            auto reuse = old.post("device/refresh", {{"refreshToken", earlier["refreshToken"]}});
+            EXPECT_EQ(reuse.status, 401);
+            EXPECT_EQ(reuse.body["error"], "device_credentials_expired");
+        }
+        EXPECT_EQ(old.post("device/refresh", {{"refreshToken", "pvx_rt_unknown"}}).status, 401);
+        EXPECT_EQ(lostReply.post("poll").status, 200);
+        if (rotated == 0) {
+            ASSERT_EQ(lostReply.refresh().status, 200);
+        }
+    }
     // The agent can expire the access token at any time.
     ASSERT_EQ(Agent(base, key).post("/agent/devices/" + app.deviceId() + "/expire-access").status,
               200);
