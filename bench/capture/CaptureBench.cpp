@@ -41,6 +41,7 @@
 #include "core/capture/CaptureEncoding.h"
 #include "core/capture/CaptureWriter.h"
 #include "core/capture/EncoderBudget.h"
+#include "linux/EncoderCostRecord.h"
 #include "linux/FfmpegColourConversion.h"
 #include "linux/FfmpegEncoderProbe.h"
 #include "linux/FfmpegH264.h"
@@ -350,12 +351,13 @@ struct Choice {
 
 // The size and effort Pavix itself chooses for a source of `source`, the way a recording's start
 // chooses them: the candidates this machine can encode, then the encoder's budget on its
-// measured cost (asked in a child process, so that this one starts no encoder threads).
-Choice chosenEncoding(Size source) {
+// measured cost (asked in a child process, so that this one starts no encoder threads). The
+// measurements of all rows are kept in `record`, as a user's runs are.
+Choice chosenEncoding(Size source, const fs::path& record) {
     std::string chosen;
     inChild(
         [&] {
-            pavix::FfmpegEncoderProbe probe;
+            pavix::FfmpegEncoderProbe probe{pavix::EncoderCostRecord(record)};
             auto plan = pavix::CaptureWriter::plan(
                 pavix::CaptureEncoding::candidates(source.width, source.height, 1.0), std::nullopt,
                 probe);
@@ -778,7 +780,7 @@ int main(int argc, char** argv) {
             screen = size = LargeScreen::size;
         }
         // Every row records at the size and effort a recording of that source would choose.
-        Choice choice = chosenEncoding(size);
+        Choice choice = chosenEncoding(size, folder / "encoder-cost.json");
         if (choice.size.width == 0) {
             std::printf("\n%s: no size of a %s source can be encoded here\n", content.c_str(),
                         size.text().c_str());
@@ -835,7 +837,9 @@ int main(int argc, char** argv) {
                         ourCpu / std::max(1e-9, median(alone, &Run::cpu)));
         }
         for (const auto& entry : fs::directory_iterator(folder)) {
-            fs::remove(entry.path());
+            if (entry.path().extension() == ".mp4" || entry.path().extension() == ".log") {
+                fs::remove(entry.path());
+            }
         }
     }
     fs::remove_all(folder);

@@ -23,7 +23,11 @@ std::optional<double> FfmpegEncoderProbe::cpuSecondsPerFrame(const VideoEncoderS
         if (!measured) {
             return std::nullopt;
         }
-        known = secondsPerPixel_.emplace(settings.effort, *measured / pixels).first;
+        const double perPixel = *measured / pixels;
+        known = secondsPerPixel_
+                    .emplace(settings.effort,
+                             record_ ? record_->add(settings.effort, perPixel) : perPixel)
+                    .first;
     }
     return known->second * pixels;
 }

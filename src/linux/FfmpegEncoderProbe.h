@@ -2,7 +2,9 @@
 
 #include <map>
 #include <mutex>
+#include <optional>
 
+#include "linux/EncoderCostRecord.h"
 #include "platform/EncoderProbe.h"
 
 namespace pavix {
@@ -12,15 +14,20 @@ namespace pavix {
 //
 // The cost of a frame is measured once per effort, at the first size asked (see
 // FfmpegEncoderCost.h), and scaled by the pixel count for other sizes: libx264's work grows
-// with the number of macroblocks. Safe to call from several threads; measurements run one at a
-// time, so that two never share the processors.
+// with the number of macroblocks. With a record, the figure is the cheapest of this and the
+// last runs' measurements (see EncoderCostRecord.h). Safe to call from several threads;
+// measurements run one at a time, so that two never share the processors.
 class FfmpegEncoderProbe : public EncoderProbe {
   public:
+    FfmpegEncoderProbe() = default;
+    explicit FfmpegEncoderProbe(EncoderCostRecord record) : record_(std::move(record)) {}
+
     bool canOpen(const VideoEncoderSettings& settings) override;
     std::optional<double> cpuSecondsPerFrame(const VideoEncoderSettings& settings) override;
 
   private:
     std::mutex mutex_;
+    std::optional<EncoderCostRecord> record_;          // guarded by mutex_
     std::map<EncoderEffort, double> secondsPerPixel_;  // guarded by mutex_
 };
 

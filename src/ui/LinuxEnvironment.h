@@ -16,6 +16,7 @@
 #include "linux/GioTrash.h"
 #include "linux/StatvfsVolume.h"
 #include "linux/TesseractRecognizer.h"
+#include "linux/XdgFolders.h"
 #include "ui/QtDefaults.h"
 
 namespace pavix {
@@ -45,7 +46,7 @@ class LinuxEnvironment {
     QtDefaults defaults_;
     std::unique_ptr<ShareableContent> content_;
     StatvfsVolume volume_;
-    FfmpegEncoderProbe encoderProbe_;
+    FfmpegEncoderProbe encoderProbe_{EncoderCostRecord(XdgFolders::state() / "encoder-cost.json")};
     FfmpegMediaReader mediaReader_;
     FfmpegPngEncoder pngEncoder_;
     std::unique_ptr<WindowLayers> layers_;

@@ -311,6 +311,62 @@ TEST(FfmpegEncoderProbe, AcceptsAnOrdinarySizeAndRequiresHardwareOnlyWithVaapi) 
     }
 }
 
+// The record keeps the cheapest of the last measurements of this machine, per effort, and
+// shrugs off whatever it finds in its file.
+TEST(EncoderCostRecord, TheCheapestOfTheLastMeasurementsOfThisMachineCounts) {
+    test::ScratchFolder dir("cost");
+    const auto file = dir / "state" / "encoder-cost.json";  // its folder is made on first use
+    const auto full = EncoderEffort::full, reduced = EncoderEffort::reduced;
+    EncoderCostRecord record(file, "machine A");
+    EXPECT_DOUBLE_EQ(record.add(full, 3e-8), 3e-8);
+    EXPECT_DOUBLE_EQ(record.add(full, 5e-8), 3e-8);
+    EXPECT_DOUBLE_EQ(record.add(reduced, 2e-8), 2e-8);  // each effort on its own
+    // Only the last few count: the cheap one ages out.
+    for (std::size_t i = 2; i < EncoderCostRecord::kept; ++i) {
+        EXPECT_DOUBLE_EQ(record.add(full, 4e-8), 3e-8);
+    }
+    EXPECT_DOUBLE_EQ(record.add(full, 4e-8), 4e-8);
+    EXPECT_DOUBLE_EQ(EncoderCostRecord(file, "machine A").add(reduced, 9e-8), 2e-8);
+    EXPECT_DOUBLE_EQ(EncoderCostRecord(file, "machine B").add(reduced, 9e-8), 9e-8);
+    EXPECT_EQ(fs::exists(dir / "state" / "encoder-cost.json.tmp"), false);
+
+    const std::vector<std::string> damaged = {
+        "",
+        "not json",
+        "[1e-8]",
+        R"({"machine": 7, "full": [1e-9]})",
+        R"({"machine": "machine A", "full": "1e-9", "reduced": {"a": 1e-9}})",
+        R"({"machine": "machine A", "full": [-1e-9, 0, 5, "1e-9", null, 1e300]})",
+    };
+    for (const auto& text : damaged) {
+        std::ofstream(file, std::ios::trunc) << text;
+        EncoderCostRecord again(file, "machine A");
+        EXPECT_DOUBLE_EQ(again.add(full, 6e-8), 6e-8) << text;
+        EXPECT_DOUBLE_EQ(again.add(full, 7e-8), 6e-8) << text;  // and the file is whole again
+    }
+    // A record that cannot be written still answers with this run's figure.
+    std::ofstream(dir / "a-file") << "x";
+    EXPECT_DOUBLE_EQ(EncoderCostRecord(dir / "a-file" / "cost.json", "machine A").add(full, 8e-8),
+                     8e-8);
+    EXPECT_NE(EncoderCostRecord::thisMachine().find(" x"), std::string::npos);
+}
+
+// Two runs with the same record: the second never judges the encoder dearer than the first.
+TEST(EncoderCostRecord, ASecondRunUsesTheCheaperOfItsOwnAndTheFirstRunsMeasurement) {
+    test::ScratchFolder dir("cost-runs");
+    auto settings = CaptureWriter::settings(CaptureEncoding::candidates(1280, 720, 1.0).back());
+    settings.effort = EncoderEffort::reduced;
+    const auto first =
+        FfmpegEncoderProbe(EncoderCostRecord(dir / "cost.json")).cpuSecondsPerFrame(settings);
+    const auto second =
+        FfmpegEncoderProbe(EncoderCostRecord(dir / "cost.json")).cpuSecondsPerFrame(settings);
+    ASSERT_TRUE(first && second);
+    EXPECT_LE(*second, *first);
+    std::ifstream in(dir / "cost.json");
+    std::string text((std::istreambuf_iterator<char>(in)), {});
+    EXPECT_NE(text.find(EncoderCostRecord::thisMachine()), std::string::npos) << text;
+}
+
 // A reference file made by the ffmpeg tool, independent of our encoder, and a non-video.
 TEST(MediaProbe, SeesBFramesProfileAndColourTagsOfAReferenceFileAndNothingInOthers) {
     test::ScratchFolder dir("probe");
