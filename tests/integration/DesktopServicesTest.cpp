@@ -1,5 +1,6 @@
 // Credentials in the Secret Service, the 0600 file store and the switch; the Trash via GIO.
 #include <gio/gio.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,11 +23,9 @@ namespace pavix::test {
 namespace {
 
 namespace fs = std::filesystem;
-
-unsigned modeOf(const fs::path& path) {
-    struct stat info {};
-    return ::stat(path.c_str(), &info) == 0 ? info.st_mode & 0777 : 0;
-}
+using ::testing::HasSubstr;
+using ::testing::Throws;
+using ::testing::ThrowsMessage;
 
 TEST(SecretService, StoresReplacesAndRemovesOneItemPerAccount) {
     LibsecretStore store(std::chrono::milliseconds(10'000));
@@ -61,12 +60,9 @@ TEST(FileSecretStore, KeepsSecretsReadableOnlyByTheUser) {
         // A damaged file is an error, not a credential, and is not silently replaced.
         std::ofstream(entry.path(), std::ios::trunc) << "{not json";
     }
-    try {
-        store.load("svc", "https://a.example");
-        FAIL() << "a damaged file loaded";
-    } catch (const KeychainError& e) {
-        EXPECT_EQ(e.status(), KeychainError::kDecode);
-    }
+    EXPECT_THAT(
+        [&] { store.load("svc", "https://a.example"); },
+        Throws<KeychainError>(::testing::Property(&KeychainError::status, KeychainError::kDecode)));
     store.remove("svc", "https://a.example");
     EXPECT_EQ(store.load("svc", "https://a.example"), std::nullopt);
 }
@@ -168,53 +164,34 @@ class GioTrashTest : public ::testing::Test {
     GioTrash trash_;
 };
 
-TEST_F(GioTrashTest, MovesTheFileIntoTheTrashWithItsOriginalPath) {
+// A second file of the same name keeps the first in the trash.
+TEST_F(GioTrashTest, MovesEachFileIntoTheTrashWithItsOriginalPath) {
     auto video = folder_ / "Take 1 — été.mp4";
-    const std::string bytes(
-        "\x00\x00\x00\x18"
-        "ftypisom and more",
-        21);
-    writeAll(video, bytes);
+    const std::string bytes = std::string(3, '\0') + char(0x18) + "ftypisom and more";
     writeAll(folder_ / "Take 2.mp4", "kept");
-    trash_.moveToTrash(video);
-    EXPECT_FALSE(fs::exists(video));
+    for (const auto& content : {bytes, std::string("second take")}) {
+        writeAll(video, content);
+        trash_.moveToTrash(video);
+        EXPECT_FALSE(fs::exists(video));
+    }
     EXPECT_EQ(readBytes(folder_ / "Take 2.mp4"), "kept");
-    auto entries = entriesFrom(folder_);
-    ASSERT_EQ(entries.size(), 1u);
-    EXPECT_EQ(entries[0].originalPath, video.string());
-    EXPECT_EQ(readBytes(entries[0].stored), bytes);
-    EXPECT_NE(entries[0].info.find("[Trash Info]"), std::string::npos);
-    EXPECT_NE(entries[0].info.find("DeletionDate="), std::string::npos);
-}
-
-TEST_F(GioTrashTest, ASecondFileOfTheSameNameKeepsTheFirstInTheTrash) {
-    auto video = folder_ / "recording.mp4";
-    writeAll(video, "first take");
-    trash_.moveToTrash(video);
-    writeAll(video, "second take");
-    trash_.moveToTrash(video);
-    EXPECT_FALSE(fs::exists(video));
     auto entries = entriesFrom(folder_);
     ASSERT_EQ(entries.size(), 2u);
     std::set<std::string> contents;
     for (const auto& entry : entries) {
         EXPECT_EQ(entry.originalPath, video.string());
+        EXPECT_NE(entry.info.find("[Trash Info]"), std::string::npos);
+        EXPECT_NE(entry.info.find("DeletionDate="), std::string::npos);
         contents.insert(readBytes(entry.stored));
     }
-    EXPECT_EQ(contents, (std::set<std::string>{"first take", "second take"}));
+    EXPECT_EQ(contents, (std::set<std::string>{bytes, "second take"}));
 }
 
 TEST_F(GioTrashTest, NothingToTrashIsAClearErrorAndTouchesNothing) {
     auto missing = folder_ / "gone.mp4";
-    try {
-        trash_.moveToTrash(missing);
-        ADD_FAILURE() << "a missing file was reported as trashed";
-    } catch (const Trash::NotSupported& error) {
-        ADD_FAILURE() << "a missing file was reported as unsupported: " << error.what();
-    } catch (const std::runtime_error& error) {
-        EXPECT_NE(std::string(error.what()).find(missing.string()), std::string::npos)
-            << error.what();
-    }
+    auto trashMissing = [&] { trash_.moveToTrash(missing); };
+    EXPECT_THAT(trashMissing, ThrowsMessage<std::runtime_error>(HasSubstr(missing.string())));
+    EXPECT_THAT(trashMissing, ::testing::Not(Throws<Trash::NotSupported>()));
     // An empty path must not be taken for the current folder.
     auto current = fs::current_path();
     EXPECT_THROW(trash_.moveToTrash(fs::path()), std::runtime_error);
@@ -237,12 +214,9 @@ TEST(GioTrash, AVolumeWithoutTrashLeavesTheFileWhereItIs) {
         ~RemoveAtEnd() { fs::remove(file); }
     } cleanup{name};
     writeAll(name, "still here");
-    try {
-        GioTrash().moveToTrash(name);
-        ADD_FAILURE() << "GIO trashed a file on /dev/shm";
-    } catch (const Trash::NotSupported& error) {
-        EXPECT_STREQ(error.what(), "This volume has no Trash. The file stays where it is.");
-    }
+    EXPECT_THAT([&] { GioTrash().moveToTrash(name); },
+                ThrowsMessage<Trash::NotSupported>(
+                    ::testing::StrEq("This volume has no Trash. The file stays where it is.")));
     EXPECT_EQ(readBytes(name), "still here");
 }
 

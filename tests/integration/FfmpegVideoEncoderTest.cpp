@@ -1,4 +1,5 @@
 // Recordings written with the real encoder and read back with FFmpeg, and their colours.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -84,11 +85,6 @@ std::vector<std::string> topLevelBoxes(const std::string& path) {
     return boxes;
 }
 
-unsigned modeOf(const std::string& path) {
-    struct stat st {};
-    return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 0777 : 0;
-}
-
 class FfmpegVideoEncoderTest : public ::testing::Test {
   protected:
     // A 640×360 recording into `name` with the real encoder.
@@ -125,7 +121,7 @@ TEST_P(FfmpegVideoEncoderEffortTest, ThreeSecondsOfMovingContentReadBackAsSpecif
     EXPECT_EQ(firstFrames, 1);
     EXPECT_EQ(writer->counters().framesAppended, 180);
     EXPECT_EQ(writer->counters().framesIncomplete, 180);
-    EXPECT_EQ(modeOf(path("Pavix-a.mp4")), 0600u);
+    EXPECT_EQ(test::modeOf(path("Pavix-a.mp4")), 0600u);
     auto info = MediaProbe::read(path("Pavix-a.mp4"), {true, 180});
     ASSERT_TRUE(info);
     EXPECT_EQ(std::tie(info->width, info->height, info->codec, info->profile, info->hasBFrames,
@@ -154,9 +150,8 @@ TEST_P(FfmpegVideoEncoderEffortTest, ThreeSecondsOfMovingContentReadBackAsSpecif
     EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 1);
     // libx264 writes its options into the stream: the effort reached the encoder ("veryfast"
     // searches with subme=2, "superfast" with subme=1).
-    std::ifstream in(path("Pavix-a.mp4"), std::ios::binary);
-    const std::string bytes((std::istreambuf_iterator<char>(in)), {});
-    EXPECT_NE(bytes.find(GetParam() == EncoderEffort::full ? " subme=2 " : " subme=1 "),
+    EXPECT_NE(test::readBytes(path("Pavix-a.mp4"))
+                  .find(GetParam() == EncoderEffort::full ? " subme=2 " : " subme=1 "),
               std::string::npos);
 }
 
@@ -224,12 +219,9 @@ TEST_F(FfmpegVideoEncoderTest, FourTwoZeroPicturesAreEncodedAsTheyCome) {
 
 TEST_F(FfmpegVideoEncoderTest, NeverOverwritesAnExistingFileAndCancelLeavesItsOwnToTheCaller) {
     std::ofstream(path("Pavix-d.mp4")) << "an earlier video";
-    try {
-        writerFor("Pavix-d.mp4");
-        FAIL() << "opened over an existing file";
-    } catch (const std::system_error& error) {
-        EXPECT_EQ(error.code().value(), EEXIST);
-    }
+    EXPECT_THAT([&] { writerFor("Pavix-d.mp4"); },
+                ::testing::Throws<std::system_error>(::testing::Property(
+                    &std::system_error::code, std::make_error_condition(std::errc::file_exists))));
     EXPECT_EQ(test::readBytes(path("Pavix-d.mp4")), "an earlier video");
     auto writer = writerFor("Pavix-e.mp4");
     appendMoving(*writer, 0, 10);
@@ -260,7 +252,7 @@ TEST_F(FfmpegVideoEncoderTest, AKilledRecordingLeavesAPlayableFileUpToItsLastFra
     int status = 0;
     waitpid(child, &status, 0);
     ASSERT_TRUE(WIFSIGNALED(status));
-    EXPECT_EQ(modeOf(path("Pavix-killed.mp4")), 0600u);
+    EXPECT_EQ(test::modeOf(path("Pavix-killed.mp4")), 0600u);
     auto info = MediaProbe::read(path("Pavix-killed.mp4"), {true, 300});
     ASSERT_TRUE(info);
     ASSERT_TRUE(info->durationSeconds);
@@ -362,9 +354,8 @@ TEST(EncoderCostRecord, ASecondRunUsesTheCheaperOfItsOwnAndTheFirstRunsMeasureme
         FfmpegEncoderProbe(EncoderCostRecord(dir / "cost.json")).cpuSecondsPerFrame(settings);
     ASSERT_TRUE(first && second);
     EXPECT_LE(*second, *first);
-    std::ifstream in(dir / "cost.json");
-    std::string text((std::istreambuf_iterator<char>(in)), {});
-    EXPECT_NE(text.find(EncoderCostRecord::thisMachine()), std::string::npos) << text;
+    EXPECT_THAT(test::readBytes(dir / "cost.json"),
+                ::testing::HasSubstr(EncoderCostRecord::thisMachine()));
 }
 
 // A reference file made by the ffmpeg tool, independent of our encoder, and a non-video.

@@ -2,6 +2,9 @@
 
 // What the integration tests share. It brings Xlib (None, Bool, Status): include it after gtest.
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <map>
@@ -31,6 +34,26 @@ class ScratchFolder {
     std::filesystem::path path_;
 };
 
+// The permission bits of `path`; 0 when it does not exist.
+inline unsigned modeOf(const std::filesystem::path& path) {
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 ? info.st_mode & 0777 : 0;
+}
+
+// Sends the 32-bit client message `type` about `window` to `to`: the window itself, or the root
+// with the redirect masks for the window manager.
+inline void sendClientMessage(Display* display, Window to, Window window, Atom type,
+                              std::initializer_list<long> data, long mask = NoEventMask) {
+    XEvent event{};
+    event.xclient.type = ClientMessage;
+    event.xclient.window = window;
+    event.xclient.message_type = type;
+    event.xclient.format = 32;
+    std::copy(data.begin(), data.end(), event.xclient.data.l);
+    XSendEvent(display, to, False, mask, &event);
+    XSync(display, False);
+}
+
 // The window a fixture program announces with "window 0x…" once it exists.
 inline std::uint32_t announcedWindow(ChildProcess& program,
                                      std::chrono::seconds limit = std::chrono::seconds(20)) {
@@ -39,6 +62,17 @@ inline std::uint32_t announcedWindow(ChildProcess& program,
         throw std::runtime_error("no window announced:\n" + program.output());
     }
     return static_cast<std::uint32_t>(std::stoul(line->substr(line->find("0x")), nullptr, 16));
+}
+
+// The window `id` of the snapshot; null when it is not listed.
+inline const ShareableWindow* listedWindow(const ShareableContentSnapshot& snapshot,
+                                           std::uint64_t id) {
+    for (const auto& window : snapshot.windows) {
+        if (window.id == id) {
+            return &window;
+        }
+    }
+    return nullptr;
 }
 
 // The first window of `pid` on screen, with `title` when one is given, taller than `minHeight`.

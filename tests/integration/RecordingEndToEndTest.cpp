@@ -135,6 +135,9 @@ TEST_F(PavixSession, CredentialsAreKeptPerServerAndBadInputIsRefusedClearly) {
              Case({"--server", "http://example.com", "--code", "X", "--pair"}, 1,
                   {"Use an HTTPS server, or localhost for development."}),
              Case({"--server"}, 64, {"--server needs a value."}),
+             // Without a pairing nothing is recorded.
+             Case({"--server", "http://127.0.0.1:9", "--record"}, 1,
+                  {"pavix: Pair this computer with your agent first."}),
          }) {
         SCOPED_TRACE(c.said.front());
         auto app = launch(c.arguments);
@@ -196,12 +199,6 @@ TEST_F(RecordingEndToEnd, TheAgentsRecordingIsPublishedByteIdenticalToTheLocalVi
 
 TEST_F(RecordingEndToEnd, TheUsersOwnRecordingAndTheLibraryCommands) {
     ASSERT_NO_FATAL_FAILURE(pairAndSelectTheWindow());
-    // Without a pairing nothing is recorded.
-    auto unpaired = launch({"--server", "http://127.0.0.1:9", "--record"});
-    EXPECT_EQ(unpaired->wait(seconds(30)), 1);
-    EXPECT_TRUE(
-        unpaired->waitForLine("pavix: Pair this computer with your agent first.", seconds(1)))
-        << unpaired->output();
     // The user records the window chosen last time, stops with Ctrl-C, and it is uploaded.
     auto recorder = pavix({"--record"});
     ASSERT_TRUE(recorder->waitForLine("pavix: recording ", seconds(30))) << recorder->output();
