@@ -49,7 +49,6 @@ struct RealParts {
 
 Timing captureTiming() {
     Timing timing = test::fastTiming();
-    timing.firstFramePoll = 100ms;
     timing.layerInterval = 33ms;
     return timing;
 }

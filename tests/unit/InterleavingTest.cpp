@@ -42,7 +42,6 @@ constexpr const char* kSleep =
 
 Timing quickTiming() {
     auto timing = fastTiming();
-    timing.firstFramePoll = std::chrono::milliseconds(1);
     timing.watchInterval = std::chrono::milliseconds(5);
     timing.reconnectDelay = std::chrono::milliseconds(5);
     timing.agentRecordingLimit = std::chrono::milliseconds(40);

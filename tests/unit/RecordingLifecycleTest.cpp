@@ -126,7 +126,6 @@ TEST(LifecycleRecord, TheRecordFollowsTheRecordingAndTheRetry) {
 
 Timing regressionTiming() {
     auto timing = fastTiming();
-    timing.firstFramePoll = milliseconds(1);
     timing.watchInterval = milliseconds(20);
     return timing;
 }

@@ -1,6 +1,7 @@
 #include "core/capture/Capture.h"
 
 #include <asio/post.hpp>
+#include <asio/redirect_error.hpp>
 #include <asio/steady_timer.hpp>
 #include <asio/use_awaitable.hpp>
 #include <cmath>
@@ -12,7 +13,6 @@
 #include "core/capture/CaptureWriter.h"
 #include "core/capture/EncoderBudget.h"
 #include "core/runtime/Offload.h"
-#include "core/runtime/Sleep.h"
 #include "core/session/ErrorText.h"
 #include "core/session/PavixError.h"
 
@@ -22,12 +22,18 @@ namespace pavix {
 // reported (posted to the model executor). The stream is declared last so that it is destroyed
 // first: its frame handler writes into the writer.
 struct Capture::Attempt {
+    explicit Attempt(const asio::any_io_executor& executor) : settled(executor) {}
+
+    // The first frame or a failure has come: a start that waits for either goes on.
+    void settle() { settled.cancel(); }
+
     std::unique_ptr<CaptureWriter> writer;
     std::unique_ptr<CaptureStream> stream;
     bool firstFrame = false;
     std::chrono::steady_clock::time_point firstFrameAt;
     std::exception_ptr writerFailure;
     std::exception_ptr streamFailure;
+    asio::steady_timer settled;  // the start's wait, ended by `settle` or the time-out
 };
 
 namespace {
@@ -224,7 +230,7 @@ asio::awaitable<void> Capture::start(CaptureSource source, std::filesystem::path
 }
 
 asio::awaitable<void> Capture::startWith(const CaptureEncoding& encoding, const Framing& framing) {
-    auto attempt = std::make_shared<Attempt>();
+    auto attempt = std::make_shared<Attempt>(parts_.executor);
     encoding_ = encoding;
 
     auto open = [path = file_->string(), encoding, encoders = parts_.platform.encoders] {
@@ -252,6 +258,7 @@ asio::awaitable<void> Capture::startWith(const CaptureEncoding& encoding, const 
             if (self.lock() && attempt) {
                 attempt->firstFrame = true;
                 attempt->firstFrameAt = at;
+                attempt->settle();
             }
         });
     });
@@ -301,20 +308,23 @@ asio::awaitable<void> Capture::startWith(const CaptureEncoding& encoding, const 
         std::rethrow_exception(startFailure);
     }
 
-    for (int round = 0; !attempt->firstFrame; ++round) {
-        if (attempt->writerFailure) {
-            co_await discard(attempt);
-            throw EncoderRejected(attempt->writerFailure);
-        }
-        if (attempt->streamFailure) {
-            co_await discard(attempt);
-            std::rethrow_exception(attempt->streamFailure);
-        }
-        if (round >= firstFrameRounds) {
-            co_await discard(attempt);
-            throw PavixError(didNotStartMessage);
-        }
-        co_await sleepFor(parts_.timing.firstFramePoll);
+    // Until the first frame or a failure, whichever comes first.
+    if (!attempt->firstFrame && !attempt->writerFailure && !attempt->streamFailure) {
+        attempt->settled.expires_after(parts_.timing.firstFrameTimeout);
+        std::error_code ended;  // cancelled by `settle`, or timed out
+        co_await attempt->settled.async_wait(asio::redirect_error(asio::use_awaitable, ended));
+    }
+    if (attempt->writerFailure) {
+        co_await discard(attempt);
+        throw EncoderRejected(attempt->writerFailure);
+    }
+    if (!attempt->firstFrame && attempt->streamFailure) {
+        co_await discard(attempt);
+        std::rethrow_exception(attempt->streamFailure);
+    }
+    if (!attempt->firstFrame) {
+        co_await discard(attempt);
+        throw PavixError(didNotStartMessage);
     }
     // The stream may have ended in the same wait that saw the first frame: a capture that
     // looked running with a dead stream would never end by itself.
@@ -353,6 +363,7 @@ asio::awaitable<void> Capture::discard(std::shared_ptr<Attempt> attempt) {
 void Capture::writerFailed(const std::shared_ptr<Attempt>& attempt, std::exception_ptr error) {
     if (!attempt->firstFrame) {
         attempt->writerFailure = error;  // a refusal of the size: the start falls back
+        attempt->settle();
         return;
     }
     if (attempt == current_) {
@@ -363,6 +374,7 @@ void Capture::writerFailed(const std::shared_ptr<Attempt>& attempt, std::excepti
 void Capture::streamFailed(const std::shared_ptr<Attempt>& attempt, std::exception_ptr error) {
     if (!attempt->streamFailure) {
         attempt->streamFailure = error;
+        attempt->settle();
     }
     if (attempt == current_) {
         report(error);

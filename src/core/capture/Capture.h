@@ -71,8 +71,6 @@ class Capture {
         std::optional<CaptureRect> windowFrame;  // the recorded window's frame, when listed
     };
 
-    // First-frame checks (every Timing::firstFramePoll) before a start gives up.
-    static constexpr int firstFrameRounds = 50;
     // How long a still picture waits for its frame.
     static constexpr std::chrono::milliseconds stillTimeout{3'000};
 

@@ -15,7 +15,7 @@ struct Timing {
     ms userRecordingLimit{300'000};   // the user's own, unless the service names a length
     ms refreshLead{120'000};          // refresh the access token this long before it expires
     ms refreshFloor{5'000};           // but never sooner than this from now
-    ms firstFramePoll{100};           // first-frame wait of a starting capture
+    ms firstFrameTimeout{5'000};      // a starting capture's wait for its first frame
     ms layerInterval{33};             // layer sampling of a recorded window
     ms pollTimeout{30'000};           // request time-out without a file body
     ms fileTimeout{120'000};          // request time-out with a file body
