@@ -83,6 +83,11 @@ double EncoderCostRecord::add(EncoderEffort effort, double secondsPerPixel) {
     return cheapest;
 }
 
+std::size_t EncoderCostRecord::measurements(EncoderEffort effort) const {
+    const auto record = read(file_, machine_);
+    return record.contains(keyOf(effort)) ? record[keyOf(effort)].size() : 0;
+}
+
 std::string EncoderCostRecord::thisMachine() {
     std::string model = "unknown processor";
     std::ifstream cpuinfo("/proc/cpuinfo");

@@ -25,6 +25,8 @@ class EncoderCostRecord {
     // Records `secondsPerPixel`, measured now at `effort`, and returns the figure to use: the
     // cheapest of the kept measurements at that effort.
     double add(EncoderEffort effort, double secondsPerPixel);
+    // How many measurements at `effort` the record keeps now.
+    std::size_t measurements(EncoderEffort effort) const;
 
     // "<processor model> x<processors>, libavcodec <major>.<minor>".
     static std::string thisMachine();

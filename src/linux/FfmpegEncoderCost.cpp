@@ -56,7 +56,7 @@ void paint(AVFrame* frame, int n) {
 
 }  // namespace
 
-std::optional<double> measureCpuPerFrame(const VideoEncoderSettings& settings) {
+std::optional<double> measureCpuPerFrame(const VideoEncoderSettings& settings, int groups) {
     if (settings.requiresHardware) {
         return std::nullopt;
     }
@@ -90,9 +90,9 @@ std::optional<double> measureCpuPerFrame(const VideoEncoderSettings& settings) {
     // The measured frames go in groups and the cheapest group's cost is the answer: other work
     // on the machine (a busy sibling core, a cold cache, a lower clock) only ever adds to a
     // group's time, so the least disturbed group is the truest figure of the encoder's own work.
-    std::vector<double> groups;
+    std::vector<double> costs;
     double started = 0, painting = 0;
-    for (int n = 0; n < costWarmUpFrames + costMeasuredFrames; ++n) {
+    for (int n = 0; n < costWarmUpFrames + std::max(1, groups) * costGroupFrames; ++n) {
         const int measured = n - costWarmUpFrames;
         if (measured >= 0 && measured % costGroupFrames == 0) {
             started = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID);
@@ -109,10 +109,10 @@ std::optional<double> measureCpuPerFrame(const VideoEncoderSettings& settings) {
         }
         if (measured >= 0 && measured % costGroupFrames == costGroupFrames - 1) {
             const double spent = cpuSeconds(CLOCK_PROCESS_CPUTIME_ID) - started - painting;
-            groups.push_back(std::max(0.0, spent) / costGroupFrames);
+            costs.push_back(std::max(0.0, spent) / costGroupFrames);
         }
     }
-    return *std::min_element(groups.begin(), groups.end());
+    return *std::min_element(costs.begin(), costs.end());
 }
 
 }  // namespace pavix::ffmpeg

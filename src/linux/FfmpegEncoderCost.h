@@ -16,10 +16,12 @@ namespace pavix::ffmpeg {
 // groups of `costGroupFrames`.
 inline constexpr int costWarmUpFrames = 4;
 inline constexpr int costGroupFrames = 10;
-inline constexpr int costMeasuredFrames = 3 * costGroupFrames;
+inline constexpr int costGroups = 3;
 
-// CPU seconds per frame at `settings`; absent when the encoder cannot be opened or refuses a
-// frame. Blocking: a 1920×1080 measurement takes a few tenths of a second.
-std::optional<double> measureCpuPerFrame(const VideoEncoderSettings& settings);
+// CPU seconds per frame at `settings`, the cheapest of `groups` groups; absent when the encoder
+// cannot be opened or refuses a frame. Blocking: a 1920×1080 measurement of three groups takes a
+// few tenths of a second.
+std::optional<double> measureCpuPerFrame(const VideoEncoderSettings& settings,
+                                         int groups = costGroups);
 
 }  // namespace pavix::ffmpeg

@@ -19,7 +19,10 @@ std::optional<double> FfmpegEncoderProbe::cpuSecondsPerFrame(const VideoEncoderS
     std::lock_guard lock(mutex_);
     auto known = secondsPerPixel_.find(settings.effort);
     if (known == secondsPerPixel_.end()) {
-        auto measured = ffmpeg::measureCpuPerFrame(settings);
+        // The first measurement on this machine has no earlier figure to make up for a busy
+        // moment: it takes twice the groups.
+        const bool first = record_ && record_->measurements(settings.effort) == 0;
+        auto measured = ffmpeg::measureCpuPerFrame(settings, (first ? 2 : 1) * ffmpeg::costGroups);
         if (!measured) {
             return std::nullopt;
         }

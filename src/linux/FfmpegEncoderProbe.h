@@ -15,7 +15,8 @@ namespace pavix {
 // The cost of a frame is measured once per effort, at the first size asked (see
 // FfmpegEncoderCost.h), and scaled by the pixel count for other sizes: libx264's work grows
 // with the number of macroblocks. With a record, the figure is the cheapest of this and the
-// last runs' measurements (see EncoderCostRecord.h). Safe to call from several threads;
+// last runs' measurements (see EncoderCostRecord.h), and the first on this machine measures
+// twice as long. Safe to call from several threads;
 // measurements run one at a time, so that two never share the processors.
 class FfmpegEncoderProbe : public EncoderProbe {
   public:

@@ -310,6 +310,7 @@ TEST(EncoderCostRecord, TheCheapestOfTheLastMeasurementsOfThisMachineCounts) {
     const auto file = dir / "state" / "encoder-cost.json";  // its folder is made on first use
     const auto full = EncoderEffort::full, reduced = EncoderEffort::reduced;
     EncoderCostRecord record(file, "machine A");
+    EXPECT_EQ(record.measurements(full), 0u);
     EXPECT_DOUBLE_EQ(record.add(full, 3e-8), 3e-8);
     EXPECT_DOUBLE_EQ(record.add(full, 5e-8), 3e-8);
     EXPECT_DOUBLE_EQ(record.add(reduced, 2e-8), 2e-8);  // each effort on its own
@@ -318,6 +319,9 @@ TEST(EncoderCostRecord, TheCheapestOfTheLastMeasurementsOfThisMachineCounts) {
         EXPECT_DOUBLE_EQ(record.add(full, 4e-8), 3e-8);
     }
     EXPECT_DOUBLE_EQ(record.add(full, 4e-8), 4e-8);
+    EXPECT_EQ(record.measurements(full), EncoderCostRecord::kept);
+    EXPECT_EQ(record.measurements(reduced), 1u);
+    EXPECT_EQ(EncoderCostRecord(file, "machine B").measurements(full), 0u);
     EXPECT_DOUBLE_EQ(EncoderCostRecord(file, "machine A").add(reduced, 9e-8), 2e-8);
     EXPECT_DOUBLE_EQ(EncoderCostRecord(file, "machine B").add(reduced, 9e-8), 9e-8);
     EXPECT_EQ(fs::exists(dir / "state" / "encoder-cost.json.tmp"), false);
