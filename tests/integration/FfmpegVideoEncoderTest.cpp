@@ -445,6 +445,21 @@ TEST(FfmpegColourConversion, MatchesBt709LimitedRangeWithinOneStep) {
     EXPECT_EQ(y[2], 235);
     EXPECT_EQ(std::vector<int>({u[0], v[0], u[1], v[1], v[2], u[3]}),
               std::vector<int>({128, 128, 128, 128, 240, 240}));
+    // Rows go in blocks of 32 pixels, the rest one by one: the same picture from its third
+    // column, 64 wide, has the last two columns inside a block, and they come out the same.
+    std::vector<std::uint8_t> ys(64 * height), us(32 * height / 2), vs(32 * height / 2);
+    ffmpeg::bgraToI420Bt709(at(2, 0), stride, 64, height, ys.data(), 64, us.data(), 32, vs.data(),
+                            32);
+    for (int row = 0; row < height; ++row) {
+        EXPECT_TRUE(std::equal(ys.begin() + row * 64, ys.begin() + row * 64 + 64,
+                               y.begin() + row * width + 2));
+    }
+    for (int row = 0; row < height / 2; ++row) {
+        EXPECT_TRUE(std::equal(us.begin() + row * 32, us.begin() + row * 32 + 32,
+                               u.begin() + row * (width / 2) + 1));
+        EXPECT_TRUE(std::equal(vs.begin() + row * 32, vs.begin() + row * 32 + 32,
+                               v.begin() + row * (width / 2) + 1));
+    }
 }
 
 }  // namespace
