@@ -5,6 +5,8 @@
 
 #include "linux/FfmpegColourConversion.h"
 
+#include "linux/CpuFeatures.h"
+
 #include <immintrin.h>
 
 #include <cstddef>
@@ -120,11 +122,6 @@ __attribute__((target("avx2"))) int pairAvx2(const std::uint8_t* r0, const std::
         }
     }
     return x;
-}
-
-bool hasAvx2() {
-    static const bool has = __builtin_cpu_supports("avx2");
-    return has;
 }
 
 void convert(const std::uint8_t* bgra, int stride, int width, int height, std::uint8_t* y,

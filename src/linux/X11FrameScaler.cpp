@@ -9,6 +9,7 @@ extern "C" {
 #include <cstring>
 #include <vector>
 
+#include "linux/BilinearReducer.h"
 #include "linux/FfmpegColourConversion.h"
 
 namespace pavix {
@@ -139,10 +140,17 @@ void X11FrameScaler::scaleToI420(const std::uint8_t* source, int sourceWidth, in
     frame(y, yStride, 0, 16);
     frame(u, chromaStride, 1, 128);
     frame(v, chromaStride, 1, 128);
-    // Converted at the picture's own size by the fast converter, then reduced plane by plane:
-    // libswscale scales 8-bit planes quickly, where its own reading of BGRA costs several times
-    // the conversion. An odd-sized picture, which the converter cannot take, goes through
-    // libswscale in one pass, converted to BT.709 limited range on the way.
+    if (BilinearReducer::takes(sourceWidth, sourceHeight, width, height)) {
+        reducer_.toI420(source, sourceWidth, sourceHeight, sourceStride, width, height,
+                        y + std::ptrdiff_t(top) * yStride + left, yStride,
+                        u + std::ptrdiff_t(top / 2) * chromaStride + left / 2,
+                        v + std::ptrdiff_t(top / 2) * chromaStride + left / 2, chromaStride);
+        return;
+    }
+    // An enlarged picture is converted at its own size by the fast converter, then scaled
+    // plane by plane: libswscale scales 8-bit planes quickly, where its own reading of BGRA
+    // costs several times the conversion. An odd-sized picture, which the converter cannot
+    // take, goes through libswscale in one pass, converted to BT.709 limited range on the way.
     const bool even = sourceWidth % 2 == 0 && sourceHeight % 2 == 0;
     auto* before = planarContext_;
     planarContext_ = sws_getCachedContext(

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <vector>
 
+#include "linux/BilinearReducer.h"
+
 struct SwsContext;
 
 namespace pavix {
@@ -24,7 +26,8 @@ class X11FrameScaler {
                std::uint8_t* target, int targetWidth, int targetHeight, int targetStride);
 
     // The same fit, into 4:2:0 with BT.709 coefficients in limited range (the planes of an even
-    // `targetWidth` × `targetHeight`); a picture of the frame's size is only converted.
+    // `targetWidth` × `targetHeight`); a picture of the frame's size is only converted, a larger
+    // one reduced bilinearly in the same pass.
     void scaleToI420(const std::uint8_t* source, int sourceWidth, int sourceHeight,
                      int sourceStride, int targetWidth, int targetHeight, std::uint8_t* y,
                      int yStride, std::uint8_t* u, std::uint8_t* v, int chromaStride);
@@ -33,7 +36,8 @@ class X11FrameScaler {
     bool draft_;
     SwsContext* context_ = nullptr;
     SwsContext* planarContext_ = nullptr;
-    std::vector<std::uint8_t> converted_;  // a picture in 4:2:0 at its own size, to be reduced
+    BilinearReducer reducer_;
+    std::vector<std::uint8_t> converted_;  // a picture in 4:2:0 at its own size, to be enlarged
 };
 
 }  // namespace pavix

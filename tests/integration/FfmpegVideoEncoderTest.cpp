@@ -13,6 +13,7 @@
 
 #include "IntegrationSupport.h"
 #include "core/capture/CaptureWriter.h"
+#include "linux/BilinearReducer.h"
 #include "linux/FfmpegColourConversion.h"
 #include "linux/FfmpegEncoderProbe.h"
 #include "linux/FfmpegVideoEncoder.h"
@@ -460,6 +461,77 @@ TEST(FfmpegColourConversion, MatchesBt709LimitedRangeWithinOneStep) {
         EXPECT_TRUE(std::equal(vs.begin() + row * 32, vs.begin() + row * 32 + 32,
                                v.begin() + row * (width / 2) + 1));
     }
+}
+
+// Each reduced pixel against bilinear interpolation at its centre, in double precision, then
+// converted: the weights are in 64ths, so a step of 255 between neighbours may be off by two.
+TEST(BilinearReducer, BlendsTheFourSourcePixelsAroundEachCentre) {
+    std::mt19937 random(11);
+    BilinearReducer reducer;  // one reducer for all sizes: each new size is planned afresh
+    for (auto [from, to] : std::vector<std::pair<std::array<int, 2>, std::array<int, 2>>>{
+             {{300, 200}, {200, 150}},  // 1.5 and 4/3, as 1080p to 720p and 1440p to 1080p
+             {{99, 37}, {66, 24}},      // odd source, a row's end past the last block of eight
+             {{80, 9}, {80, 4}},        // across only
+             {{300, 200}, {200, 150}},  // the first size again
+         }) {
+        const auto [sw, sh] = from;
+        const auto [w, h] = to;
+        SCOPED_TRACE(std::to_string(sw) + "x" + std::to_string(sh) + " to " + std::to_string(w));
+        const int stride = sw * 4 + 8;
+        std::vector<std::uint8_t> bgra(std::size_t(stride) * sh);
+        std::generate(bgra.begin(), bgra.end(), [&] { return std::uint8_t(random()); });
+        std::vector<std::uint8_t> y(w * h), u(w * h / 4), v(w * h / 4);
+        reducer.toI420(bgra.data(), sw, sh, stride, w, h, y.data(), w, u.data(), v.data(), w / 2);
+        // Channel c of the bilinear sample at target pixel (x, row).
+        auto sample = [&](double x, double row, int c) {
+            auto axis = [](double centre, int size) {
+                const double at = std::clamp(centre, 0.0, size - 1.0);
+                const int first = std::min(int(at), size - 2);
+                return std::pair{first, at - first};
+            };
+            const auto [x0, fx] = axis((x + 0.5) * sw / w - 0.5, sw);
+            const auto [y0, fy] = axis((row + 0.5) * sh / h - 0.5, sh);
+            auto at = [&](int px, int py) { return bgra[std::size_t(py) * stride + px * 4 + c]; };
+            return (1 - fy) * ((1 - fx) * at(x0, y0) + fx * at(x0 + 1, y0)) +
+                   fy * ((1 - fx) * at(x0, y0 + 1) + fx * at(x0 + 1, y0 + 1));
+        };
+        int worst = 0;
+        for (int row = 0; row < h; ++row) {
+            for (int x = 0; x < w; ++x) {
+                const double r = sample(x, row, 2), g = sample(x, row, 1), b = sample(x, row, 0);
+                worst = std::max(worst, int(std::abs(y[row * w + x] - bt709(r, g, b)[0]) + 0.5));
+            }
+        }
+        for (int row = 0; row < h / 2; ++row) {
+            for (int x = 0; x < w / 2; ++x) {
+                std::array<double, 3> rgb{};
+                for (int corner = 0; corner < 4; ++corner) {
+                    for (int c = 0; c < 3; ++c) {
+                        rgb[c] += sample(2 * x + corner % 2, 2 * row + corner / 2, 2 - c) / 4;
+                    }
+                }
+                const auto expected = bt709(rgb[0], rgb[1], rgb[2]);
+                const int i = row * (w / 2) + x;
+                worst = std::max(worst, int(std::abs(u[i] - expected[1]) + 0.5));
+                worst = std::max(worst, int(std::abs(v[i] - expected[2]) + 0.5));
+            }
+        }
+        EXPECT_LE(worst, 2);
+    }
+    // At the same size nothing is blended: the plain conversion, to the bit.
+    const int size = 70;
+    std::vector<std::uint8_t> bgra(size * size * 4);
+    std::generate(bgra.begin(), bgra.end(), [&] { return std::uint8_t(random()); });
+    std::vector<std::uint8_t> planes(size * size * 3 / 2), plain(planes.size());
+    auto into = [&](std::vector<std::uint8_t>& p) {
+        return std::tuple{p.data(), p.data() + size * size, p.data() + size * size * 5 / 4};
+    };
+    const auto [y, u, v] = into(planes);
+    reducer.toI420(bgra.data(), size, size, size * 4, size, size, y, size, u, v, size / 2);
+    const auto [py, pu, pv] = into(plain);
+    ffmpeg::bgraToI420Bt709(bgra.data(), size * 4, size, size, py, size, pu, size / 2, pv,
+                            size / 2);
+    EXPECT_EQ(planes, plain);
 }
 
 }  // namespace

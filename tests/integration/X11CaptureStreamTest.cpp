@@ -109,6 +109,8 @@ TEST_F(X11CaptureStreamTest, OtherSizesAreScaledToFitOnBlackInEachLayout) {
     const Samples planarHalf = {{50, 75, red}, {150, 75, blue}};
     const Samples planarBoxed = {
         {200, 10, black}, {200, 390, black}, {100, 200, red}, {300, 200, blue}};
+    const Samples planarDouble = {
+        {10, 10, red}, {390, 590, red}, {410, 10, blue}, {790, 590, blue}};
     const std::map<std::uint32_t, std::array<int, 3>> yuv = {
         {red, {63, 102, 240}}, {blue, {32, 240, 118}}, {black, {16, 128, 128}}};
     struct Case {
@@ -126,6 +128,7 @@ TEST_F(X11CaptureStreamTest, OtherSizesAreScaledToFitOnBlackInEachLayout) {
              {"4:2:0 same", PixelLayout::i420, false, 400, 300, planarSame},
              {"4:2:0 half", PixelLayout::i420, false, 200, 150, planarHalf},
              {"4:2:0 square", PixelLayout::i420, false, 400, 400, planarBoxed},
+             {"4:2:0 double", PixelLayout::i420, false, 800, 600, planarDouble},
          }) {
         SCOPED_TRACE(c.name);
         auto config = sized(c.width, c.height);
