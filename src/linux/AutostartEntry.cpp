@@ -1,8 +1,8 @@
 #include "linux/AutostartEntry.h"
 
-#include <cstdio>
-#include <fstream>
 #include <stdexcept>
+
+#include "linux/WholeFileWrite.h"
 
 namespace pavix {
 namespace {
@@ -40,27 +40,19 @@ void AutostartEntry::setEnabled(bool on, const std::string& executable) {
         return;
     }
     std::filesystem::create_directories(file_.parent_path(), error);
-    auto temporary = file_;
-    temporary += ".tmp";
-    {
-        std::ofstream out(temporary, std::ios::trunc);
-        // Exec= quotes the path: the desktop entry rules split it at blanks otherwise.
-        out << "[Desktop Entry]\n"
-               "Type=Application\n"
-               "Name=Pavix\n"
-               "Comment=Record and share windows with your agent\n"
-               "Exec="
-            << quoted(executable)
-            << "\n"
-               "Icon=app.pavix.Pavix\n"
-               "Terminal=false\n"
-               "X-GNOME-Autostart-enabled=true\n";
-        if (!out.flush()) {
-            throw std::runtime_error("Could not turn on start at login: " + file_.string() +
-                                     " cannot be written.");
-        }
-    }
-    if (std::rename(temporary.c_str(), file_.c_str()) != 0) {
+    // Exec= quotes the path: the desktop entry rules split it at blanks otherwise.
+    const std::string entry =
+        "[Desktop Entry]\n"
+        "Type=Application\n"
+        "Name=Pavix\n"
+        "Comment=Record and share windows with your agent\n"
+        "Exec=" +
+        quoted(executable) +
+        "\n"
+        "Icon=app.pavix.Pavix\n"
+        "Terminal=false\n"
+        "X-GNOME-Autostart-enabled=true\n";
+    if (!writeWholeFile(file_, entry)) {
         throw std::runtime_error("Could not turn on start at login: " + file_.string() +
                                  " cannot be written.");
     }

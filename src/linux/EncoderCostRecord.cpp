@@ -12,6 +12,8 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 }
 
+#include "linux/WholeFileWrite.h"
+
 namespace pavix {
 namespace {
 
@@ -45,22 +47,11 @@ nlohmann::json read(const std::filesystem::path& file, const std::string& machin
     return clean;
 }
 
-// Replaces `file` whole through a temporary file; false when it cannot be written.
+// Replaces `file` whole; false when it cannot be written.
 bool write(const std::filesystem::path& file, const nlohmann::json& record) {
     std::error_code error;
     std::filesystem::create_directories(file.parent_path(), error);
-    auto temporary = file;
-    temporary += ".tmp";
-    {
-        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        out << record.dump() << '\n';
-        if (!out.flush()) {
-            std::filesystem::remove(temporary, error);
-            return false;
-        }
-    }
-    std::filesystem::rename(temporary, file, error);
-    return !error;
+    return writeWholeFile(file, record.dump() + '\n');
 }
 
 }  // namespace

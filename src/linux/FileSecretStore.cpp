@@ -1,16 +1,14 @@
 #include "linux/FileSecretStore.h"
 
-#include <fcntl.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "core/session/KeychainError.h"
+#include "linux/WholeFileWrite.h"
 
 namespace pavix {
 namespace {
@@ -26,38 +24,6 @@ std::string sha256Hex(const std::string& text) {
         out += hex[digest[i] & 15];
     }
     return out;
-}
-
-// Writes `bytes` to `path` through a temporary file, so that a crash leaves either the old
-// or the new secret, never a torn one.
-void writeAtomically(const std::filesystem::path& path, const std::string& bytes) {
-    auto temporary = path;
-    temporary += ".tmp";
-    int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        throw KeychainError(KeychainError::kIO);
-    }
-    const char* data = bytes.data();
-    std::size_t left = bytes.size();
-    bool ok = true;
-    while (left > 0) {
-        ssize_t written = ::write(fd, data, left);
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written <= 0) {
-            ok = false;
-            break;
-        }
-        data += written;
-        left -= static_cast<std::size_t>(written);
-    }
-    ok = ok && ::fsync(fd) == 0;
-    ok = (::close(fd) == 0) && ok;
-    if (!ok || ::rename(temporary.c_str(), path.c_str()) != 0) {
-        ::unlink(temporary.c_str());
-        throw KeychainError(KeychainError::kIO);
-    }
 }
 
 }  // namespace
@@ -94,7 +60,10 @@ void FileSecretStore::save(const std::string& service, const std::string& accoun
     }
     nlohmann::json item = {
         {"service", service}, {"account", account}, {"label", label}, {"secret", secret}};
-    writeAtomically(fileFor(service, account), item.dump());
+    // A crash leaves the old secret or the new one, never a torn one.
+    if (!writeWholeFile(fileFor(service, account), item.dump(), 0600)) {
+        throw KeychainError(KeychainError::kIO);
+    }
 }
 
 void FileSecretStore::remove(const std::string& service, const std::string& account) {
