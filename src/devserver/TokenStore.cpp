@@ -118,11 +118,11 @@ Identity TokenStore::issue(const std::string& deviceId, int64_t now,
     return id;
 }
 
-TokenStore::AuthResult TokenStore::lookup(const std::string& token, const char* kind, int64_t now) {
+TokenStore::AuthResult TokenStore::lookup(const std::string& hash, const char* kind, int64_t now) {
     Statement s(db_,
                 "SELECT t.device_id, t.expires_at, t.revoked_at, d.revoked_at FROM tokens t "
                 "JOIN devices d ON d.id = t.device_id WHERE t.hash = ? AND t.kind = ?");
-    s.bind(1, Digest::sha256(token)).bind(2, std::string(kind));
+    s.bind(1, hash).bind(2, std::string(kind));
     if (!s.step())
         return {Auth::Unknown, {}};
     AuthResult r{Auth::Ok, s.text(0)};
@@ -137,12 +137,13 @@ TokenStore::AuthResult TokenStore::lookup(const std::string& token, const char* 
 TokenStore::AuthResult TokenStore::authenticate(const std::string& accessToken) {
     std::lock_guard lock(db_.mutex());
     const int64_t now = nowMs();
-    auto r = lookup(accessToken, "access", now);
+    const std::string hash = Digest::sha256(accessToken);
+    auto r = lookup(hash, "access", now);
     if (r.status == Auth::Ok) {
         // The device has its reply: the refresh token it was rotated from may not rotate again.
         Statement(db_, "UPDATE tokens SET used_at = ? WHERE hash = ? AND used_at IS NULL")
             .bind(1, now)
-            .bind(2, Digest::sha256(accessToken))
+            .bind(2, hash)
             .run();
     }
     return r;
@@ -151,10 +152,10 @@ TokenStore::AuthResult TokenStore::authenticate(const std::string& accessToken) 
 std::optional<Identity> TokenStore::refresh(const std::string& refreshToken, Auth* why) {
     std::lock_guard lock(db_.mutex());
     int64_t now = nowMs();
-    auto r = lookup(refreshToken, "refresh", now);
     // Each refresh token records the one whose presentation issued it: after a lost reply the
     // device presents that same parent again.
-    std::string presented = Digest::sha256(refreshToken);
+    const std::string presented = Digest::sha256(refreshToken);
+    auto r = lookup(presented, "refresh", now);
     if (r.status == Auth::Revoked && mayRotateAgain(presented, r.deviceId, now))
         r.status = Auth::Ok;
     if (why)
@@ -205,7 +206,7 @@ void TokenStore::revokeAll(const std::string& deviceId, const char* reason, int6
 TokenStore::AuthResult TokenStore::revoke(const std::string& refreshToken) {
     std::lock_guard lock(db_.mutex());
     int64_t now = nowMs();
-    auto r = lookup(refreshToken, "refresh", now);
+    auto r = lookup(Digest::sha256(refreshToken), "refresh", now);
     if (r.status != Auth::Ok)
         return r;
     revokeAll(r.deviceId, "revoked", now);

@@ -84,8 +84,9 @@ class TokenStore {
 
   private:
     Identity issue(const std::string& deviceId, int64_t now,
-                   const std::optional<std::string>& parent);                    // mutex held
-    AuthResult lookup(const std::string& token, const char* kind, int64_t now);  // mutex held
+                   const std::optional<std::string>& parent);  // mutex held
+    // A token by its digest; mutex held.
+    AuthResult lookup(const std::string& hash, const char* kind, int64_t now);
     bool mayRotateAgain(const std::string& presentedHash, const std::string& deviceId,
                         int64_t now);                                              // mutex held
     void revokeAll(const std::string& deviceId, const char* reason, int64_t now);  // mutex held
