@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "core/capture/CaptureLayers.h"
+#include "core/capture/CaptureTicks.h"
 #include "core/runtime/ThreadName.h"
 #include "linux/CursorOverlay.h"
 #include "linux/X11ApplicationGrabber.h"
@@ -168,10 +169,7 @@ void X11CaptureStream::loop(X11Display& display, X11Grabber& grabber,
     auto next = Clock::now();
 
     while (!stopping_) {
-        next += interval;
-        if (next < Clock::now()) {
-            next = Clock::now() + interval;  // fell behind: skip ticks rather than burst
-        }
+        next = CaptureTicks::following(next, interval, Clock::now());
         // Handle notifications until the tick is due.
         while (!stopping_) {
             while (XPending(display.get()) > 0) {

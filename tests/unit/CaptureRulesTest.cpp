@@ -11,6 +11,7 @@
 #include "core/capture/CaptureGuards.h"
 #include "core/capture/CaptureLayers.h"
 #include "core/capture/CaptureSources.h"
+#include "core/capture/CaptureTicks.h"
 #include "core/capture/CaptureWriter.h"
 #include "core/capture/EncoderBudget.h"
 #include "support/FakeVideoEncoder.h"
@@ -299,6 +300,25 @@ TEST(EncoderBudget, TheLargestSizeAndEffortThatHoldsTheFrameRateWithinHalfTheMac
 }
 
 using Rect = CaptureLayers::Rect;
+
+TEST(CaptureTicks, ALateTickIsTakenAtOnceAndOnlyAWholeTickBehindAreTicksSkipped) {
+    using namespace std::chrono;
+    const steady_clock::time_point due{seconds(100)};
+    const auto interval = duration_cast<steady_clock::duration>(microseconds(16667));
+    const struct {
+        milliseconds seen;  // after `due`
+        steady_clock::time_point next;
+    } cases[] = {
+        {milliseconds(3), due + interval},             // waiting for the next
+        {milliseconds(20), due + interval},            // late by 3 ms: taken now, times kept
+        {milliseconds(33), due + interval},            // late by almost a tick: still taken
+        {milliseconds(34), due + milliseconds(34)},    // a whole tick behind: one skipped
+        {milliseconds(500), due + milliseconds(500)},  // a long stall: no burst after it
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(CaptureTicks::following(due, interval, due + c.seen), c.next) << c.seen.count();
+    }
+}
 
 TEST(CaptureLayers, RegionIsTheWindowWithAMarginClippedToItsDisplay) {
     CaptureRect display{0, 0, 1920, 1080};
