@@ -8,6 +8,7 @@
 
 #include "core/capture/CaptureLayers.h"
 #include "core/capture/CaptureTicks.h"
+#include "core/capture/CaptureWriter.h"
 #include "core/runtime/ThreadName.h"
 #include "linux/CursorOverlay.h"
 #include "linux/X11ApplicationGrabber.h"
@@ -155,7 +156,9 @@ void X11CaptureStream::loop(X11Display& display, X11Grabber& grabber,
     if (config.showsCursor) {
         cursor.emplace(display.get(), display.root());
     }
-    X11FramePool pool;
+    // As many buffers as the writer may hold (those waiting and the one it encodes), and the
+    // one being filled.
+    X11FramePool pool(CaptureWriter::defaultQueueDepth + 2);
     X11FrameScaler scaler(config.draft);
     const auto interval = std::chrono::duration_cast<Clock::duration>(
         std::chrono::duration<double>(std::max(config.minimumFrameInterval, 1.0 / 240)));

@@ -36,7 +36,7 @@ class CaptureWriter {
     static constexpr int frameRate = 60;
     static constexpr std::int64_t maxKeyFrameIntervalNs = 2'000'000'000;
     // Frames waiting for the encoding thread, beside the one it is encoding.
-    static constexpr std::size_t defaultQueueDepth = 2;
+    static constexpr std::size_t defaultQueueDepth = 4;
 
     // What the user is told when the file cannot be made.
     static constexpr const char* cannotEncodeMessage = "This computer cannot encode the recording.";
