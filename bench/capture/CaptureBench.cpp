@@ -402,8 +402,12 @@ void probe(const fs::path& file, Run& run) {
 // Records the first display at `size` (the screen is fitted to it when it differs), or with
 // `window`, that window with its pop-ups: the application's windows in the region of `size`
 // at the origin, as Pavix records a window of an application it knows.
+// With `tapped`, the first `tappedFrames` pictures handed to the writer are also written there,
+// planes one after the other, for libx264 alone to encode the very same pictures; the CPU that
+// costs is not counted.
+constexpr long tappedFrames = 240;
 Run recordWithPavix(const fs::path& file, const Settings& settings, const Choice& choice,
-                    unsigned long window = 0) {
+                    unsigned long window = 0, const std::optional<fs::path>& tapped = {}) {
     const int width = choice.size.width, height = choice.size.height;
     std::string report;
     auto usage = inChild(
@@ -430,9 +434,18 @@ Run recordWithPavix(const fs::path& file, const Settings& settings, const Choice
                 config.sourceRect = pavix::CaptureRect{0, 0, double(width), double(height)};
             }
             std::atomic<long> ticks{0};
+            std::FILE* tap = tapped ? std::fopen(tapped->c_str(), "wb") : nullptr;
+            long taps = 0;
+            double tapCpu = 0;  // on the capture thread, the only one that touches these
             pavix::CaptureStreamHandlers handlers;
             handlers.frame = [&](const pavix::VideoFrame& frame) {
                 ++ticks;
+                if (tap && taps < tappedFrames && frame.holdsPicture() && frame.complete) {
+                    const double before = threadCpu();
+                    std::fwrite(frame.pixels->data(), 1, std::size_t(width) * height * 3 / 2, tap);
+                    ++taps;
+                    tapCpu += threadCpu() - before;
+                }
                 writer.append(frame);
             };
             handlers.error = [](const pavix::CaptureError& error) {
@@ -450,8 +463,11 @@ Run recordWithPavix(const fs::path& file, const Settings& settings, const Choice
             // Every tick of the stream calls the handler, with a picture or an idle frame.
             long expected = std::lround(elapsed * 60);
             std::ostringstream out;
+            if (tap) {
+                std::fclose(tap);
+            }
             out << writer.counters().framesShed << " " << std::max(0L, expected - ticks.load())
-                << " " << elapsed;
+                << " " << elapsed << " " << tapCpu;
             for (const auto& [name, seconds] : during) {
                 const auto earlier = before.find(name);
                 out << " " << name << " "
@@ -463,14 +479,16 @@ Run recordWithPavix(const fs::path& file, const Settings& settings, const Choice
         report);
     Run run;
     double elapsed = settings.seconds;
+    double tapCpu = 0;
     std::istringstream fields(report);
-    fields >> run.shed >> run.skipped >> elapsed;
+    fields >> run.shed >> run.skipped >> elapsed >> tapCpu;
     std::string name;
     for (double seconds; fields >> name >> seconds;) {
         run.threads[name] = seconds;
     }
+    run.threads["pavix-capture"] -= tapCpu / settings.seconds;
     probe(file, run);
-    run.cpu = cpuOf(usage) / elapsed;
+    run.cpu = (cpuOf(usage) - tapCpu) / elapsed;
     run.peakMiB = usage.ru_maxrss / 1024.0;
     return run;
 }
@@ -510,10 +528,12 @@ Run recordWithFfmpeg(const fs::path& file, const Settings& settings, Size screen
     return run;
 }
 
-// libx264 alone, opened exactly as Pavix opens it, encoding the frames of Pavix's recording
-// `file` (decoded from it, so the very pictures Pavix captured) at 60 fps. The CPU spent reading
-// and decoding them, on this thread with one decoder thread, is not counted.
-Run encodeAlone(const fs::path& file, const Settings& settings, const Choice& choice) {
+// libx264 alone, opened exactly as Pavix opens it, encoding the pictures Pavix handed its
+// writer (`tapped`, the first ones of its recording) at 60 a second; reading them is not
+// counted.
+// The figure is its CPU per picture at Pavix's rate of new frames, `fps`.
+Run encodeAlone(const fs::path& tapped, const Choice& choice, double fps) {
+    const int width = choice.size.width, height = choice.size.height;
     std::string report;
     auto usage = inChild(
         [&] {
@@ -521,92 +541,65 @@ Run encodeAlone(const fs::path& file, const Settings& settings, const Choice& ch
                 std::fprintf(stderr, "libx264 alone: %s\n", what);
                 return std::string("0 0");
             };
-            AVFormatContext* input = nullptr;
-            if (avformat_open_input(&input, file.c_str(), nullptr, nullptr) < 0 ||
-                avformat_find_stream_info(input, nullptr) < 0) {
-                return failed("cannot read the recording");
-            }
-            std::unique_ptr<AVFormatContext, void (*)(AVFormatContext*)> closeInput(
-                input, [](AVFormatContext* c) { avformat_close_input(&c); });
-            const int index = av_find_best_stream(input, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-            const AVCodec* h264 = avcodec_find_decoder(AV_CODEC_ID_H264);
-            if (index < 0 || h264 == nullptr) {
-                return failed("no H.264 stream or decoder");
-            }
-            pavix::ffmpeg::CodecContextPtr decoder(avcodec_alloc_context3(h264));
-            avcodec_parameters_to_context(decoder.get(), input->streams[index]->codecpar);
-            decoder->thread_count = 1;
-            if (avcodec_open2(decoder.get(), h264, nullptr) < 0) {
-                return failed("cannot open the decoder");
-            }
-
+            std::unique_ptr<std::FILE, int (*)(std::FILE*)> in(std::fopen(tapped.c_str(), "rb"),
+                                                               std::fclose);
             pavix::VideoEncoderSettings encoderSettings;
-            encoderSettings.width = choice.size.width;
-            encoderSettings.height = choice.size.height;
-            encoderSettings.bitrate =
-                pavix::CaptureEncoding::bitrateFor(choice.size.width, choice.size.height);
+            encoderSettings.width = width;
+            encoderSettings.height = height;
+            encoderSettings.bitrate = pavix::CaptureEncoding::bitrateFor(width, height);
             encoderSettings.effort = choice.effort;
             std::string why;
             auto opened = pavix::ffmpeg::openH264(encoderSettings, true, &why);
-            if (!opened.context) {
-                return failed(why.c_str());
+            if (!in || !opened.context) {
+                return failed(in ? why.c_str() : "no pictures to encode");
             }
             AVCodecContext* encoder = opened.context.get();
             pavix::ffmpeg::FramePtr frame(av_frame_alloc());
-            pavix::ffmpeg::PacketPtr packet(av_packet_alloc()), output(av_packet_alloc());
+            pavix::ffmpeg::PacketPtr output(av_packet_alloc());
             long frames = 0;
-            double decoding = 0;
+            double reading = 0;
             auto drain = [&] {
                 while (avcodec_receive_packet(encoder, output.get()) == 0) {
                     av_packet_unref(output.get());
                 }
             };
-            // Hands every frame the decoder has ready to the encoder; false when one cannot be.
-            auto encodeReady = [&] {
-                for (;;) {
-                    double before = threadCpu();
-                    const int got = avcodec_receive_frame(decoder.get(), frame.get());
-                    decoding += threadCpu() - before;
-                    if (got != 0) {
-                        return true;
+            // Paced as the screen gives them, one every 1/60 s: libx264 run flat out keeps its
+            // threads and caches warm, which a recording never does.
+            const auto start = std::chrono::steady_clock::now();
+            for (;;) {
+                std::this_thread::sleep_until(start + std::chrono::microseconds(frames * 16667));
+                const double before = threadCpu();
+                frame->format = encoder->pix_fmt;
+                frame->width = width;
+                frame->height = height;
+                bool whole = av_frame_get_buffer(frame.get(), 0) == 0;
+                for (int plane = 0; plane < 3 && whole; ++plane) {
+                    const int shift = plane == 0 ? 0 : 1;
+                    for (int row = 0; row < height >> shift && whole; ++row) {
+                        const std::size_t bytes = std::size_t(width >> shift);
+                        whole = std::fread(frame->data[plane] + row * frame->linesize[plane], 1,
+                                           bytes, in.get()) == bytes;
                     }
-                    if (frame->width != encoder->width || frame->height != encoder->height ||
-                        frame->format != encoder->pix_fmt) {
-                        return false;
-                    }
-                    frame->pts = frames++ * 1500;  // 1/60 s in the encoder's 1/90000 s
-                    frame->pict_type = AV_PICTURE_TYPE_NONE;
-                    avcodec_send_frame(encoder, frame.get());
-                    av_frame_unref(frame.get());
-                    drain();
                 }
-            };
-            for (bool more = true; more;) {
-                double before = threadCpu();
-                more = av_read_frame(input, packet.get()) >= 0;
-                if (more && packet->stream_index == index) {
-                    avcodec_send_packet(decoder.get(), packet.get());
+                reading += threadCpu() - before;
+                if (!whole) {
+                    break;
                 }
-                if (more) {
-                    av_packet_unref(packet.get());
-                } else {
-                    avcodec_send_packet(decoder.get(), nullptr);
-                }
-                decoding += threadCpu() - before;
-                if (!encodeReady()) {
-                    return failed("the recording's frames are not the encoder's size or format");
-                }
+                frame->pts = frames++ * 1500;  // 1/60 s in the encoder's 1/90000 s
+                avcodec_send_frame(encoder, frame.get());
+                av_frame_unref(frame.get());
+                drain();
             }
             avcodec_send_frame(encoder, nullptr);
             drain();
-            return std::to_string(frames) + " " + std::to_string(decoding);
+            return std::to_string(frames) + " " + std::to_string(reading);
         },
         report);
     Run run;
-    double decoding = 0;
-    std::istringstream(report) >> run.frames >> decoding;
-    run.fps = double(run.frames) / settings.seconds;
-    run.cpu = (cpuOf(usage) - decoding) / settings.seconds;
+    double reading = 0;
+    std::istringstream(report) >> run.frames >> reading;
+    run.fps = fps;
+    run.cpu = run.frames > 0 ? (cpuOf(usage) - reading) / double(run.frames) * fps : 0;
     run.peakMiB = usage.ru_maxrss / 1024.0;
     return run;
 }
@@ -769,6 +762,14 @@ int main(int argc, char** argv) {
     fs::path folder =
         fs::temp_directory_path() / ("pavix-capture-bench-" + std::to_string(getpid()));
     fs::create_directories(folder);
+    // The pictures libx264 alone encodes again go to memory where there is a tmpfs: written to
+    // a disk, their writing back would compete with the recording they are taken from.
+    std::error_code noShm;
+    const fs::path pictures =
+        fs::is_directory("/dev/shm", noShm)
+            ? fs::path("/dev/shm") / ("pavix-capture-bench-" + std::to_string(getpid()))
+            : folder;
+    fs::create_directories(pictures);
 
     std::printf(
         "1920x1080 content unless said, %d s a run, %d runs a row, one after the other; median "
@@ -822,8 +823,10 @@ int main(int argc, char** argv) {
         std::vector<Run> ours, theirs;
         for (int i = 0; i < settings.repeats; ++i) {
             const auto name = std::to_string(i) + ".mp4";
-            ours.push_back(recordWithPavix(folder / ("pavix-" + name), settings, choice,
-                                           content == "popups" ? recorded : 0));
+            ours.push_back(recordWithPavix(
+                folder / ("pavix-" + name), settings, choice, content == "popups" ? recorded : 0,
+                content == "animated" ? std::optional(pictures / (std::to_string(i) + ".yuv"))
+                                      : std::nullopt));
             theirs.push_back(
                 recordWithFfmpeg(folder / ("ffmpeg-" + name), settings, screen, choice));
         }
@@ -839,19 +842,22 @@ int main(int argc, char** argv) {
         if (content == "animated") {
             std::vector<Run> alone;
             for (int i = 0; i < settings.repeats; ++i) {
-                alone.push_back(encodeAlone(folder / ("pavix-" + std::to_string(i) + ".mp4"),
-                                            settings, choice));
+                const auto tapped = pictures / (std::to_string(i) + ".yuv");
+                alone.push_back(encodeAlone(tapped, choice, ours[i].fps));
+                fs::remove(tapped);
             }
             print("libx264 alone, same frames", alone);
             std::printf("%-30s %20s %6s %8s %20.2f\n", "Pavix / libx264 alone", "", "", "",
                         ourCpu / std::max(1e-9, median(alone, &Run::cpu)));
         }
         for (const auto& entry : fs::directory_iterator(folder)) {
-            if (entry.path().extension() == ".mp4" || entry.path().extension() == ".log") {
+            const auto extension = entry.path().extension();
+            if (extension == ".mp4" || extension == ".log" || extension == ".yuv") {
                 fs::remove(entry.path());
             }
         }
     }
     fs::remove_all(folder);
+    fs::remove_all(pictures);
     return 0;
 }
